@@ -1,0 +1,39 @@
+# How every target of this tree is compiled, and vesper_add_library, which makes one room.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+
+# Zoom and volume arithmetic is exact to the last bit: no product may be fused with a sum behind our
+# back. Where a fused operation is meant, the code says std::fma.
+add_compile_options(-ffp-contract=off)
+
+# The network decides what the player parses, so release builds carry every cheap mitigation.
+include(CheckPIESupported)
+check_pie_supported()
+add_link_options(-pie)
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+    add_compile_options(-fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3)
+    add_link_options(-Wl,-z,relro,-z,now)
+endif()
+
+# Sanitizers, comma-separated, for the whole tree.
+set(VESPER_SANITIZE "" CACHE STRING "Sanitizers to build with, for example address,undefined")
+if(VESPER_SANITIZE)
+    add_compile_options(-fsanitize=${VESPER_SANITIZE} -fno-omit-frame-pointer
+                        -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=${VESPER_SANITIZE})
+endif()
+
+# vesper_add_library(NAME source... ) makes the room's static library vesper_NAME, known as
+# vesper::NAME, with includes rooted at the top of the tree.
+function(vesper_add_library name)
+    add_library(vesper_${name} STATIC ${ARGN})
+    add_library(vesper::${name} ALIAS vesper_${name})
+    set_target_properties(vesper_${name} PROPERTIES EXPORT_NAME ${name})
+    target_include_directories(vesper_${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+endfunction()
