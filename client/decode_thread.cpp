@@ -1,0 +1,173 @@
+// The decode thread: from the ring of encoded frames to the newest published picture.
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/imgutils.h>
+#include <libswscale/swscale.h>
+}
+
+#include <algorithm>
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <utility>
+
+#include "client/frame_ring.h"
+#include "client/picture_format.h"
+#include "client/video_receiver.h"
+
+namespace vesper::client {
+
+namespace {
+
+// A broken stream fails at every frame, 30 times a second; the first few lines tell the story.
+constexpr std::uint32_t kReportedDecodeErrors = 5;
+
+// libswscale reads and writes four entries of every plane and stride array.
+constexpr std::size_t kSwsPlanes = 4;
+
+}  // namespace
+
+void VideoReceiver::decode_thread_func() {
+    while (running) {
+        EncodedFrames batch;
+        if (!take_queued_frames(batch)) {
+            return;
+        }
+        decode_batch(batch);
+        if (running && convert_picture() && running) {
+            publish_picture();
+        }
+    }
+}
+
+// Waits for frames and moves all of them out of the ring, oldest first: each one is a reference for
+// the next, so none may be skipped. False when the receiver is stopping.
+bool VideoReceiver::take_queued_frames(EncodedFrames& batch) {
+    std::unique_lock lock(queue_mutex);
+    queue_cv.wait(lock, [this] { return queue_count > 0 || !running; });
+    if (!running) {
+        return false;
+    }
+    batch.reserve(queue_count);
+    for (; queue_count > 0; --queue_count) {
+        batch.push_back(std::exchange(frame_queue[queue_head], {}));
+        queue_head = next_slot(queue_head);
+    }
+    return true;
+}
+
+void VideoReceiver::decode_batch(const EncodedFrames& batch) {
+    for (const auto& encoded_frame : batch) {
+        if (!running) {
+            return;
+        }
+        if (!encoded_frame.empty()) {
+            decode_frame(encoded_frame);
+        }
+    }
+}
+
+// One send, one receive. With two decoder threads the pictures come one frame late, and the first
+// receive of a stream finds none yet (EAGAIN), which counts as an error like any other. A failed
+// send leaves the previous picture in av_frame, a failed receive leaves none.
+void VideoReceiver::decode_frame(const std::vector<std::uint8_t>& encoded_frame) {
+    av_packet->data = const_cast<std::uint8_t*>(encoded_frame.data());  // only read by the decoder
+    av_packet->size = static_cast<int>(encoded_frame.size());
+    const int sent = avcodec_send_packet(codec_ctx, av_packet);
+    if (sent < 0) {
+        count_decode_error("[VideoReceiver] VP8 send_packet error: %d (frame %zu bytes)\n", sent,
+                           encoded_frame.size());
+        return;
+    }
+    const int received = avcodec_receive_frame(codec_ctx, av_frame);
+    if (received < 0) {
+        count_decode_error("[VideoReceiver] VP8 receive_frame error: %d\n", received);
+        return;
+    }
+    decode_error_count = 0;
+}
+
+// Reports the first errors of a run, and asks for a keyframe at its very first: one is enough to
+// end it.
+void VideoReceiver::count_decode_error(const char* format, ...) {
+    ++decode_error_count;
+    if (decode_error_count <= kReportedDecodeErrors) {
+        va_list arguments;
+        va_start(arguments, format);
+        std::vfprintf(stderr, format, arguments);
+        va_end(arguments);
+    }
+    if (decode_error_count == 1) {
+        keyframe_needed = true;
+    }
+}
+
+// Converts the picture decoded last into convert_buffer. False when there is none, or no converter.
+bool VideoReceiver::convert_picture() {
+    if (av_frame->data[0] == nullptr) {
+        return false;
+    }
+    if (sws_ctx == nullptr && !create_converter()) {
+        return false;
+    }
+    const AVFrame* source = converter_source();
+    if (source == nullptr) {
+        return false;
+    }
+    const std::array<std::uint8_t*, kSwsPlanes> planes = {convert_buffer.data()};
+    const std::array<int, kSwsPlanes> strides = {picture_pitch(frame_width_)};
+    sws_scale(sws_ctx, source->data, source->linesize, 0, av_frame->height, planes.data(),
+              strides.data());
+    return true;
+}
+
+// From the size of the first picture to that of the texture, for the rest of the stream.
+bool VideoReceiver::create_converter() {
+    sws_ctx = sws_getContext(
+        av_frame->width, av_frame->height, static_cast<AVPixelFormat>(av_frame->format),
+        frame_width_, frame_height_, AV_PIX_FMT_BGRA, SWS_BILINEAR, nullptr, nullptr, nullptr);
+    converter_width = av_frame->width;
+    converter_height = av_frame->height;
+    return sws_ctx != nullptr;
+}
+
+// av_frame itself, or, where it is narrower than the converter's source, its rows laid into a black
+// picture of the converter's source size. VP8 knows only one pixel format (RFC 6386, section 2), so
+// the converter's is always that of av_frame. Null when there is no memory for the staging picture.
+const AVFrame* VideoReceiver::converter_source() {
+    if (av_frame->width >= converter_width) {
+        return av_frame;
+    }
+    const auto format = static_cast<AVPixelFormat>(av_frame->format);
+    if (staging_frame == nullptr) {
+        staging_frame = av_frame_alloc();
+        if (staging_frame == nullptr) {
+            return nullptr;
+        }
+        staging_frame->format = format;
+        staging_frame->width = converter_width;
+        staging_frame->height = converter_height;
+        if (av_frame_get_buffer(staging_frame, 0) < 0) {
+            av_frame_free(&staging_frame);
+            return nullptr;
+        }
+    }
+    std::array<std::ptrdiff_t, kSwsPlanes> strides{};
+    std::copy_n(staging_frame->linesize, kSwsPlanes, strides.begin());
+    av_image_fill_black(staging_frame->data, strides.data(), format, AVCOL_RANGE_MPEG,
+                        converter_width, converter_height);
+    av_image_copy(staging_frame->data, staging_frame->linesize,
+                  const_cast<const std::uint8_t**>(av_frame->data), av_frame->linesize, format,
+                  av_frame->width, std::min(av_frame->height, converter_height));
+    return staging_frame;
+}
+
+// A swap, so that the main thread never waits for longer than that; the previous picture's buffer
+// becomes the next scratch picture.
+void VideoReceiver::publish_picture() {
+    const std::lock_guard lock(picture_mutex);
+    convert_buffer.swap(picture);
+    picture_ready = true;
+}
+
+}  // namespace vesper::client

@@ -1,0 +1,193 @@
+// From datagrams to whole encoded frames: reassembly, the ring's filling side, keyframe requests.
+#include <algorithm>
+#include <cstdio>
+#include <numeric>
+#include <utility>
+
+#include "client/frame_ring.h"
+#include "client/video_receiver.h"
+#include "net/stream_datagrams.h"
+
+namespace vesper::client {
+
+namespace {
+
+// A frame that is still incomplete after eight frame intervals at 30 frames/s lost a fragment for
+// good: the parent sends each one only once.
+constexpr auto kReassemblyTimeout = std::chrono::milliseconds(250);
+
+// Either limit triggers eviction. 60 incomplete frames is two seconds of a stream at 30 frames/s,
+// and 50 MiB is 37 frames of the largest kind: more of either is a broken or hostile sender.
+constexpr std::size_t kMaxPartialFrames = 60;
+constexpr std::uint64_t kMaxPartialFrameBytes = 52'428'800;
+
+// Evicting down to half the limit makes the work rare.
+constexpr std::size_t kPartialFramesAfterEviction = 30;
+
+constexpr std::uint64_t kMaxFrameBytes = 10'485'760;
+
+std::size_t slot_offset(std::size_t fragment_index) {
+    return fragment_index * std::size_t{kMaxFragmentPayload};
+}
+
+bool is_valid(const VideoFragmentHeader& header, int len) {
+    return header.payload_size >= 1 && header.payload_size <= kMaxFragmentPayload &&
+           header.payload_size <= len - kVideoPayloadOffset && header.fragment_count >= 1 &&
+           header.fragment_count <= kMaxFragmentsPerFrame;
+}
+
+}  // namespace
+
+void VideoReceiver::handle_fragment(const std::uint8_t* data, int len) {
+    if (!running || len < kVideoPayloadOffset) {
+        return;
+    }
+    const VideoFragmentHeader header = read_video_fragment_header(data);
+    if (!is_valid(header, len)) {
+        return;
+    }
+
+    const std::lock_guard lock(frames_mutex);
+    // Strictly older: a late fragment of the last completed frame starts that frame again.
+    if (header.frame_id < last_completed_frame_id) {
+        return;
+    }
+    PartialFrame& frame = find_or_begin_frame(header);
+    if (!store_fragment(frame, header, data + kVideoPayloadOffset)) {
+        return;
+    }
+    if (frame.received_fragments == frame.total_fragments &&
+        !complete_frame(header.frame_id, frame)) {
+        return;
+    }
+    if (drop_stale_frames() && !keyframe_needed) {
+        std::fprintf(stderr, "[VideoReceiver] Requesting keyframe due to dropped frames\n");
+        keyframe_needed = true;
+    }
+}
+
+bool VideoReceiver::needs_keyframe_request() {
+    return keyframe_needed.exchange(false);
+}
+
+// The entry of the header's frame, made (after evicting others if need be) at its first fragment.
+VideoReceiver::PartialFrame& VideoReceiver::find_or_begin_frame(const VideoFragmentHeader& header) {
+    if (const auto known = partial_frames.find(header.frame_id); known != partial_frames.end()) {
+        return known->second;
+    }
+    if (partial_frames.size() >= kMaxPartialFrames ||
+        partial_frames_bytes >= kMaxPartialFrameBytes) {
+        evict_partial_frames();
+    }
+    PartialFrame& frame = partial_frames[header.frame_id];
+    frame.total_fragments = header.fragment_count;
+    frame.data.resize(slot_offset(header.fragment_count));
+    frame.received.resize(header.fragment_count);
+    frame.fragment_sizes.resize(header.fragment_count);
+    frame.first_seen = Clock::now();
+    partial_frames_bytes += frame.data.capacity();
+    return frame;
+}
+
+// Whichever the map yields first: with this many frames incomplete none is worth choosing.
+void VideoReceiver::evict_partial_frames() {
+    while (partial_frames.size() > kPartialFramesAfterEviction) {
+        erase_partial_frame(partial_frames.begin());
+    }
+}
+
+// False when the fragment is not wanted: out of the frame's range (the first fragment seen fixed
+// the count) or a copy (the first one wins).
+bool VideoReceiver::store_fragment(PartialFrame& frame, const VideoFragmentHeader& header,
+                                   const std::uint8_t* payload) {
+    const std::size_t index = header.fragment_index;
+    if (index >= frame.total_fragments || frame.received[index]) {
+        return false;
+    }
+    std::copy_n(payload, header.payload_size,
+                frame.data.begin() + static_cast<std::ptrdiff_t>(slot_offset(index)));
+    frame.received[index] = true;
+    frame.fragment_sizes[index] = header.payload_size;
+    ++frame.received_fragments;
+    return true;
+}
+
+// Hands the frame to the decode thread and gives up every older one, silently: a newer picture is
+// there. False when the frame's size is absurd; it is then only forgotten.
+bool VideoReceiver::complete_frame(std::uint32_t frame_id, const PartialFrame& frame) {
+    const std::uint64_t frame_bytes =
+        std::accumulate(frame.fragment_sizes.begin(), frame.fragment_sizes.end(), std::uint64_t{0});
+    if (frame_bytes == 0 || frame_bytes > kMaxFrameBytes) {
+        // Not reachable with 1 to 1000 fragments of 1 to 1400 bytes; the byte count is left alone.
+        partial_frames.erase(frame_id);
+        return false;
+    }
+    std::vector<std::uint8_t> encoded_frame;
+    encoded_frame.reserve(frame_bytes);
+    for (std::size_t i = 0; i < frame.total_fragments; ++i) {
+        const std::uint8_t* slot = frame.data.data() + slot_offset(i);
+        encoded_frame.insert(encoded_frame.end(), slot, slot + frame.fragment_sizes[i]);
+    }
+    enqueue_frame(std::move(encoded_frame));
+    last_completed_frame_id = frame_id;
+    drop_frames_up_to(frame_id);
+    return true;
+}
+
+void VideoReceiver::enqueue_frame(std::vector<std::uint8_t> encoded_frame) {
+    {
+        const std::lock_guard lock(queue_mutex);
+        if (frame_queue.size() < kFrameQueueSlots) {
+            frame_queue.resize(kFrameQueueSlots);
+        }
+        if (queue_count >= kFrameQueueSlots) {
+            queue_head = next_slot(queue_head);  // the oldest frame makes room
+        } else {
+            ++queue_count;
+        }
+        frame_queue[queue_tail] = std::move(encoded_frame);
+        queue_tail = next_slot(queue_tail);
+    }
+    queue_cv.notify_one();
+}
+
+void VideoReceiver::drop_frames_up_to(std::uint32_t frame_id) {
+    for (auto position = partial_frames.begin(); position != partial_frames.end();) {
+        position =
+            position->first <= frame_id ? erase_partial_frame(position) : std::next(position);
+    }
+}
+
+// True when a frame was given up with fragments missing.
+bool VideoReceiver::drop_stale_frames() {
+    bool dropped = false;
+    const Clock::time_point now = Clock::now();
+    for (auto position = partial_frames.begin(); position != partial_frames.end();) {
+        const auto& [frame_id, frame] = *position;
+        if (now - frame.first_seen <= kReassemblyTimeout) {
+            ++position;
+            continue;
+        }
+        const int missing = frame.total_fragments - frame.received_fragments;
+        if (missing > 0) {
+            const float loss =
+                100.0F * static_cast<float>(missing) / static_cast<float>(frame.total_fragments);
+            std::fprintf(
+                stderr,
+                "[VideoReceiver] Dropped frame %u: %d/%d fragments received (%.1f%% loss)\n",
+                frame_id, int{frame.received_fragments}, int{frame.total_fragments},
+                static_cast<double>(loss));
+            dropped = true;
+        }
+        position = erase_partial_frame(position);
+    }
+    return dropped;
+}
+
+VideoReceiver::PartialFrameMap::iterator VideoReceiver::erase_partial_frame(
+    PartialFrameMap::iterator position) {
+    partial_frames_bytes -= position->second.data.capacity();
+    return partial_frames.erase(position);
+}
+
+}  // namespace vesper::client

@@ -1,0 +1,121 @@
+// The stream's sound: decoding, concealment of lost packets, volume.
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <span>
+
+#include "client/video_receiver.h"
+#include "net/stream_datagrams.h"
+
+namespace vesper::client {
+
+namespace {
+
+// The stream's one format. Opus's own rate, so nothing is resampled on the way.
+constexpr int kSampleRate = 48000;  // Hz
+constexpr int kChannels = 2;
+constexpr int kFrameSize = 960;                        // samples per channel: 20 ms
+constexpr int kFrameSamples = kFrameSize * kChannels;  // values of all channels
+constexpr int kDeviceBuffer = kFrameSize;              // sample frames: one packet
+
+// At most 60 ms are made up: Opus fades to silence beyond that, and the longer the invented sound,
+// the later everything after it plays.
+constexpr std::uint32_t kMaxConcealedFrames = 3;
+
+using FrameSamples = std::array<short, kFrameSamples>;
+
+// Truncates toward zero and saturates. Clamping before the conversion keeps every value inside an
+// int; a NaN (from a NaN volume, or an infinite one times silence) becomes silence.
+short scaled(short sample, float gain) {
+    constexpr auto kLowest = static_cast<float>(std::numeric_limits<short>::min());
+    constexpr auto kHighest = static_cast<float>(std::numeric_limits<short>::max());
+    const float product = static_cast<float>(sample) * gain;
+    return std::isnan(product)
+               ? short{0}
+               : static_cast<short>(static_cast<int>(std::clamp(product, kLowest, kHighest)));
+}
+
+void apply_gain(std::span<short> samples, float gain) {
+    if (gain == 1.0F) {
+        return;
+    }
+    for (short& sample : samples) {
+        sample = scaled(sample, gain);
+    }
+}
+
+}  // namespace
+
+void VideoReceiver::enable_audio(bool enable) {
+    if (!enable || audio_enabled) {
+        return;
+    }
+    if (!opus_decoder.init(kSampleRate, kChannels)) {
+        std::fprintf(stderr, "[VideoReceiver] Failed to init screen audio decoder\n");
+        return;
+    }
+    if (!audio_device.open(AudioDevice::Playback, kSampleRate, kChannels, kDeviceBuffer, nullptr)) {
+        std::fprintf(stderr, "[VideoReceiver] Failed to open screen audio playback device\n");
+        opus_decoder.destroy();
+        return;
+    }
+    audio_enabled = true;
+    last_audio_sequence = 0;
+    std::printf("[VideoReceiver] Screen audio enabled (stereo, 48kHz)\n");
+}
+
+void VideoReceiver::handle_screen_audio(const std::uint8_t* data, int len) {
+    if (!audio_enabled || !running || len < kPacketHeaderSize) {
+        return;
+    }
+    const PacketHeader header = read_packet_header(data);
+    if (header.payload_size == 0 || header.payload_size > len - kPacketHeaderSize) {
+        return;
+    }
+    if (!conceal_lost_packets(header.sequence)) {
+        return;
+    }
+    // Every packet moves the reference, a late or repeated one back, and also one that turns out to
+    // be undecodable.
+    last_audio_sequence = header.sequence;
+
+    FrameSamples decoded;
+    const int frames = opus_decoder.decode(data + kPacketHeaderSize, header.payload_size,
+                                           decoded.data(), kFrameSize);
+    if (frames <= 0) {
+        return;
+    }
+    const std::span samples(decoded.data(), static_cast<std::size_t>(frames) * kChannels);
+    apply_gain(samples, audio_volume);
+    if (running) {
+        audio_device.write_samples(samples.data(), static_cast<int>(samples.size()));
+    }
+}
+
+// Plays concealment for the packets between the last one and `sequence`. False when the receiver
+// began to stop meanwhile.
+bool VideoReceiver::conceal_lost_packets(std::uint32_t sequence) {
+    // The increment wraps at the largest number, so nothing counts as lost right after it.
+    if (last_audio_sequence == 0 || sequence <= last_audio_sequence + 1) {
+        return true;
+    }
+    const std::uint32_t lost = sequence - last_audio_sequence - 1;
+    FrameSamples concealed{};
+    for (std::uint32_t i = 0; i < std::min(lost, kMaxConcealedFrames); ++i) {
+        opus_decoder.decode_plc(concealed.data(), kFrameSize);
+        apply_gain(concealed, audio_volume);
+        if (!running) {
+            return false;
+        }
+        audio_device.write_samples(concealed.data(), kFrameSamples);
+    }
+    return true;
+}
+
+void VideoReceiver::set_audio_volume(float volume) {
+    audio_volume = volume;
+}
+
+}  // namespace vesper::client
