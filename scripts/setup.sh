@@ -1,0 +1,35 @@
+# Sourced by the other scripts: goes to the top of the tree and offers
+#
+#   install_packages KIND...   installs what is missing of scripts/packages' lines of these kinds
+#   build PRESET               configures and builds build/PRESET
+#
+# shellcheck shell=bash
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+install_packages() {
+    local kind package missing=()
+    for kind in "$@"; do
+        for package in $(awk -v kind="$kind" '$1 == kind { print $2 }' scripts/packages); do
+            if ! dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q '^install ok installed'; then
+                missing+=("$package")
+            fi
+        done
+    done
+    if [ ${#missing[@]} -eq 0 ]; then
+        return
+    fi
+    echo "Installing ${missing[*]}"
+    local as_root=()
+    if [ "$(id -u)" -ne 0 ]; then
+        as_root=(sudo)
+    fi
+    "${as_root[@]}" apt-get update -q
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -q -y --no-install-recommends "${missing[@]}"
+}
+
+build() {
+    cmake --preset "$1"
+    cmake --build --preset "$1"
+}
