@@ -6,7 +6,8 @@ namespace vesper {
 
 namespace {
 
-// Transparent enough for stereo screen sound, and about 120 bytes for a packet of 20 ms.
+// Every encoder starts here, whatever its rate and channels: about 120 bytes for a packet of 20 ms,
+// far inside one datagram.
 constexpr int kInitialBitrate = 48000;  // bit/s
 
 constexpr int kNoInBandErrorCorrection = 0;

@@ -1,5 +1,6 @@
 // One SDL audio device in queue mode: PCM is pushed into (playback) or pulled out of (capture)
-// SDL's own queue, which SDL's audio thread drains or fills. Nothing here ever waits for sound.
+// SDL's own queue, which SDL's audio thread drains or fills. Reading and writing
+// never wait for sound; close() waits for SDL's audio thread, a few device buffers.
 //
 // Sample counts are counts of single 16-bit values, all channels together. SDL's audio subsystem
 // must be up before open() or list_devices(). No lock of its own; SDL's queue calls are
@@ -42,7 +43,8 @@ class AudioDevice {
     // when closed, or on a playback device.
     int read_samples(short* out, int max_samples);
 
-    // Queues `count` values for playback. Silently drops them when closed or capturing.
+    // Queues `count` values for playback. Silently drops them when closed, when capturing
+    // and when SDL cannot queue them.
     void write_samples(const short* samples, int count);
 
     // Bytes waiting in SDL's queue; 0 when closed.

@@ -20,8 +20,8 @@ constexpr int kFrameSize = 960;                        // samples per channel: 2
 constexpr int kFrameSamples = kFrameSize * kChannels;  // values of all channels
 constexpr int kDeviceBuffer = kFrameSize;              // sample frames: one packet
 
-// At most 60 ms are made up: Opus fades to silence beyond that, and the longer the invented sound,
-// the later everything after it plays.
+// At most 60 ms are made up: a guess grows worse with every frame, and what is invented for a gap
+// delays everything behind it.
 constexpr std::uint32_t kMaxConcealedFrames = 3;
 
 using FrameSamples = std::array<short, kFrameSamples>;
@@ -97,11 +97,14 @@ void VideoReceiver::handle_screen_audio(const std::uint8_t* data, int len) {
 // Plays concealment for the packets between the last one and `sequence`. False when the receiver
 // began to stop meanwhile.
 bool VideoReceiver::conceal_lost_packets(std::uint32_t sequence) {
-    // The increment wraps at the largest number, so nothing counts as lost right after it.
+    // Unsigned, modulo 2^32: behind the largest number the count goes on from 0. A gap that begins
+    // before the largest number and ends behind it looks like a late packet and is not concealed.
     if (last_audio_sequence == 0 || sequence <= last_audio_sequence + 1) {
         return true;
     }
     const std::uint32_t lost = sequence - last_audio_sequence - 1;
+    // Should concealment fail, the frame is played all the same so that the timing holds; the zeros
+    // keep the first one defined.
     FrameSamples concealed{};
     for (std::uint32_t i = 0; i < std::min(lost, kMaxConcealedFrames); ++i) {
         opus_decoder.decode_plc(concealed.data(), kFrameSize);

@@ -113,6 +113,8 @@ class VideoReceiver {
 
     // Takes one screen-audio datagram of `len` bytes, PacketHeader included: conceals up to three
     // lost packets before it, decodes it and queues the sound. Drops silently what it cannot use.
+    // Plays in order of arrival, late and repeated packets too: there is no jitter buffer and no
+    // limit on what waits in the device's queue, so the delay is what the sender's pace makes it.
     void handle_screen_audio(const std::uint8_t* data, int len);
 
     // ---- presentation ----
@@ -139,11 +141,14 @@ class VideoReceiver {
 
     // ---- sound ----
 
-    // Opens the stream's sound on the default playback device. False does nothing: sound ends with
-    // stop(). On failure prints one line on standard error and stays without sound; may be retried.
+    // Opens the stream's sound on the default playback device, unless it is open already. False
+    // does nothing: sound ends with stop(). Prints one line on standard output on success and one
+    // on standard error on failure, beside AudioDevice::open()'s own; after a failure nothing stays
+    // open, and it may be retried.
     void enable_audio(bool enable);
 
-    // Linear gain from the next 20 ms on: 0 silences, above 1 amplifies and saturates. Any thread.
+    // Linear gain from the next 20 ms on: 0 silences, above 1 amplifies and saturates. Neither
+    // checked nor clamped: a negative gain inverts the waveform, a NaN silences. Any thread.
     void set_audio_volume(float volume);
 
     // ---- what the owner asks ----

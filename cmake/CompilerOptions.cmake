@@ -8,8 +8,8 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
 
-# Zoom and volume arithmetic is exact to the last bit: no product may be fused with a sum behind our
-# back. Where a fused operation is meant, the code says std::fma.
+# Zoom and volume arithmetic is the same to the last bit with every compiler: no product may be
+# fused with a sum behind our back. Where a fused operation is meant, the code says std::fma.
 add_compile_options(-ffp-contract=off)
 
 # The network decides what the player parses, so release builds carry every cheap mitigation.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <limits>
 
 namespace vesper {
 
@@ -25,6 +26,8 @@ constexpr std::array<std::uint8_t, 4> kAudioStateTag = {'A', 'U', 'D', 'S'};
 
 static_assert(std::endian::native == std::endian::little,
               "fields are copied as they stand; a big-endian machine would have to swap them");
+static_assert(std::numeric_limits<float>::is_iec559 && sizeof(float) == 4,
+              "the volume travels as an IEEE 754 binary32");
 
 template <typename Number>
 Number read_number(const std::uint8_t* bytes) {

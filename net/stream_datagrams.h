@@ -42,26 +42,30 @@ inline constexpr std::uint8_t kScreenAudioFlag = 0x04;
 // the player never looks at them.
 struct PacketHeader {
     std::uint32_t sequence = 0;      // byte 20; screen audio only: counts the packets
-    std::uint16_t payload_size = 0;  // byte 24; screen audio only: Opus bytes behind the header
+    std::uint16_t payload_size = 0;  // byte 24; screen audio only: 1 to all bytes behind the header
     std::uint8_t flags = 0;          // byte 26; only kScreenAudioFlag is read
 };
 
 // Bytes 28 to 39 of a video fragment. Bytes 38 and 39 belong to the sender.
 struct VideoFragmentHeader {
-    std::uint32_t frame_id = 0;        // byte 28; must grow from frame to frame, never wraps
+    std::uint32_t frame_id = 0;        // byte 28; must grow from frame to frame; no wrap-around
     std::uint16_t fragment_index = 0;  // byte 32; 0 to fragment_count - 1
     std::uint16_t fragment_count = 0;  // byte 34; 1 to kMaxFragmentsPerFrame
-    std::uint16_t payload_size = 0;    // byte 36; 1 to kMaxFragmentPayload
+    std::uint16_t payload_size = 0;    // byte 36; 1 to kMaxFragmentPayload, all of it present
 };
 
 // Read a header out of a datagram. `datagram` holds at least kPacketHeaderSize bytes, or
-// kVideoPayloadOffset bytes for the fragment header. Nothing is checked.
+// kVideoPayloadOffset bytes for the fragment header. The ranges above are not checked here: each
+// handler checks what it is about to rely on.
 [[nodiscard]] PacketHeader read_packet_header(const std::uint8_t* datagram);
 [[nodiscard]] VideoFragmentHeader read_video_fragment_header(const std::uint8_t* datagram);
 
 // Write a header into a datagram of the same sizes; the sender's own bytes become zero.
 void write_packet_header(const PacketHeader& header, std::uint8_t* datagram);
 void write_video_fragment_header(const VideoFragmentHeader& header, std::uint8_t* datagram);
+
+// Where the parent application is: both ends run on one machine.
+inline constexpr const char* kParentHost = "127.0.0.1";
 
 // "KFRQ": the player asks for a keyframe.
 inline constexpr std::array<std::uint8_t, 4> kKeyframeRequest = {'K', 'F', 'R', 'Q'};

@@ -56,7 +56,7 @@ bool UDPSocket::bind(std::uint16_t port) {
     if (!set_non_blocking(fd)) {
         return fail_bind("fcntl(O_NONBLOCK)");
     }
-    // No SO_REUSEADDR: two players on one port would silently share a stream.
+    // No SO_REUSEADDR: a second player on the port would silently take the first one's stream.
     sockaddr_in address = ipv4_address(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0) {

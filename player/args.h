@@ -19,6 +19,7 @@ struct Args {
 
 // Fills `args` from argv[1] onward; the last of repeated options wins. Forgiving on purpose, so
 // that a newer parent can start an older player: unknown words, stray values and an option that
-// lacks its value are skipped without a message, and text that is no number reads as 0. False, with
-// a line on standard error, when no port other than 0 came out.
+// lacks its value are skipped without a message, and text that is no number reads as 0. Ports wrap
+// modulo 65536; the volume is clamped to 0.0 to 1.0, but "nan" stays a NaN. False, with a line on
+// standard error, when no port other than 0 came out.
 [[nodiscard]] bool parse_args(int argc, char** argv, Args& args);

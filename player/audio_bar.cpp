@@ -66,15 +66,14 @@ void draw_slider(SDL_Renderer* renderer, int w, int cy, float level) {
     fill_rect(renderer, {kTrackX + fill - half_knob, cy - half_knob, kKnobSize, kKnobSize});
 }
 
-// Four corner marks, each a horizontal and a vertical arm of 4 pixels. To enter fullscreen they sit
-// on the box's corners and point inward; to leave it they sit 4 pixels further in and point
-// outward.
+// Four corner marks, each a horizontal and a vertical arm. To enter fullscreen they sit on the
+// box's corners and point inward; to leave it they stand an arm further in, left and right, and
+// their horizontal arms point outward.
 void draw_fullscreen_icon(SDL_Renderer* renderer, int w, int cy, bool fullscreen) {
-    constexpr int size = control_bar::kFullscreenIconSize;
-    constexpr int half_height = 6;
-    constexpr int arm = 4;
+    constexpr int half_height = control_bar::kFullscreenIconHeight / 2;
+    constexpr int arm = control_bar::kFullscreenIconArm;
     const int left = control_bar::fullscreen_icon_x(w);
-    const int right = left + size;
+    const int right = left + control_bar::kFullscreenIconWidth;
     const int corner_left = fullscreen ? left + arm : left;
     const int corner_right = fullscreen ? right - arm : right;
     const int end_left = fullscreen ? left : left + arm;

@@ -1,5 +1,6 @@
-// Where everything on the control bar lies, once for drawing and for hit-testing. All in window
-// pixels from the top left; the bar spans the bottom edge of a window of `w` x `h`.
+// Where the elements of the control bar lie, once for drawing and for hit-testing. All in window
+// pixels from the top left; the bar spans the bottom edge of a window of `w` x `h`, and everything
+// on it is placed about its centre line.
 #pragma once
 
 #include <algorithm>
@@ -22,14 +23,16 @@ inline constexpr int kSpeakerWidth = 8;
 inline constexpr int kSpeakerHeight = 10;
 inline constexpr int kConeX = kSpeakerX + kSpeakerWidth;
 inline constexpr int kConeColumns = 8;
-inline constexpr int kMuteButtonRight = 44;  // exclusive
+inline constexpr int kMuteButtonRight = 44;  // exclusive; a gap of 4 before the track
 
 // Volume slider.
 inline constexpr int kTrackX = 48;
 inline constexpr int kTrackThickness = 6;
-inline constexpr int kTrackMaxLength = 300;
-inline constexpr int kTrackMinLength = 40;
-inline constexpr int kTrackReserved = 70;  // width left to the elements beside the track
+inline constexpr int kTrackMaxLength = 300;  // three pixels a per cent
+inline constexpr int kTrackMinLength = 40;   // still to be hit in the smallest window
+// 48 to the track's left, 22 to its right. In a window of less than 388 the fullscreen button,
+// which is tested first, covers the track's end.
+inline constexpr int kTrackReserved = 70;
 inline constexpr int kKnobSize = 12;
 
 [[nodiscard]] constexpr int track_length(int w) {
@@ -47,12 +50,16 @@ inline constexpr int kKnobSize = 12;
 }
 
 // Fullscreen icon, and the wider button around it, which reaches to the right edge.
-inline constexpr int kFullscreenIconSize = 16;
+inline constexpr int kFullscreenIconWidth = 16;
+inline constexpr int kFullscreenIconHeight = 12;
+inline constexpr int kFullscreenIconArm = 4;  // length of the corner marks' arms
+inline constexpr int kFullscreenIconMargin = 16;
+inline constexpr int kFullscreenButtonWidth = 40;  // icon, margin, and 8 to hit it more easily
 [[nodiscard]] constexpr int fullscreen_icon_x(int w) {
-    return w - 32;
+    return w - kFullscreenIconMargin - kFullscreenIconWidth;
 }
 [[nodiscard]] constexpr int fullscreen_button_left(int w) {
-    return w - 40;
+    return w - kFullscreenButtonWidth;
 }
 
 }  // namespace control_bar

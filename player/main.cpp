@@ -29,15 +29,27 @@ constexpr int kReceiveWait = 5;  // ms
 // The bar goes this long after the last activity.
 constexpr std::uint32_t kBarTimeout = 2000;  // ms
 
-constexpr std::uint32_t kBarStartGrace = 3000;  // ms
+// The first activity is dated this far ahead; see hide_idle_bar().
+constexpr std::uint32_t kBarStartLead = 3000;  // ms
+
+// Gives the processor away once a pass, also when datagrams keep the receive from waiting.
+constexpr std::uint32_t kPassPause = 1;  // ms
 
 void prepare_process() {
     // A parent reads our output through a pipe, where it would be fully buffered.
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
-    // SIGINT and SIGTERM keep their default action; SDL would turn them into quit events.
-    SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
+    // SIGINT and SIGTERM keep their default action; SDL would turn them into quit events,
+    // and would let an environment variable outvote a hint of lower priority.
+    SDL_SetHintWithPriority(SDL_HINT_NO_SIGNAL_HANDLERS, "1", SDL_HINT_OVERRIDE);
     // libavcodec and libswscale would write lines of their own for every damaged frame.
     av_log_set_level(AV_LOG_QUIET);
+}
+
+void print_usage(const char* command) {
+    std::fprintf(stderr,
+                 "Usage: %s --port <PORT> [--streamer-id <ID>] [--width <W>] [--height <H>] "
+                 "[--username <NAME>] [--has-audio]\n",
+                 command);
 }
 
 void show_title(SDL_Window* window, const std::string& username) {
@@ -73,8 +85,8 @@ void request_keyframe(const Args& args, UDPSocket& socket, VideoReceiver& receiv
     if (args.parent_port == 0 || !receiver.needs_keyframe_request()) {
         return;
     }
-    socket.send(vesper::kKeyframeRequest.data(), vesper::kKeyframeRequest.size(), "127.0.0.1",
-                args.parent_port);
+    socket.send(vesper::kKeyframeRequest.data(), vesper::kKeyframeRequest.size(),
+                vesper::kParentHost, args.parent_port);
     std::printf("[VideoPlayer] Sent keyframe request to parent (port %u)\n",
                 unsigned{args.parent_port});
 }
@@ -98,10 +110,7 @@ int main(int argc, char** argv) {
 
     Args args;
     if (!parse_args(argc, argv, args)) {
-        std::fprintf(stderr,
-                     "Usage: %s --port <PORT> [--streamer-id <ID>] [--width <W>] [--height <H>] "
-                     "[--username <NAME>] [--has-audio]\n",
-                     argv[0]);
+        print_usage(argv[0]);
         return 1;
     }
     std::printf("[VideoPlayer] Starting on port %u for streamer %u (%s, %dx%d, audio=%s)\n",
@@ -112,7 +121,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "[VideoPlayer] SDL_Init failed: %s\n", SDL_GetError());
         return 1;
     }
-    // The receiver outlives SDL_Quit() on every path below; its destructor knows.
+    // Not stopped before SDL_Quit() on any path below: its destructor does that on the way out, and
+    // knows that SDL may have released window, renderer and texture by then.
     VideoReceiver receiver;
     if (!receiver.init_for_udp(args.width, args.height)) {
         std::fprintf(stderr, "[VideoPlayer] Failed to initialize video receiver\n");
@@ -145,7 +155,7 @@ int main(int argc, char** argv) {
             render_audio_bar(renderer, w, h, state.muted, state.volume, state.is_fullscreen);
         }
     });
-    state.bar_last_activity_ms = SDL_GetTicks() + kBarStartGrace;
+    state.bar_last_activity_ms = SDL_GetTicks() + kBarStartLead;
 
     while (!state.quit_requested) {
         handle_events(input);
@@ -153,7 +163,7 @@ int main(int argc, char** argv) {
         request_keyframe(args, socket, receiver);
         receiver.render();
         hide_idle_bar(state);
-        SDL_Delay(1);
+        SDL_Delay(kPassPause);
     }
 
     std::printf("[VideoPlayer] Shutting down\n");

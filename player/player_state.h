@@ -19,11 +19,11 @@ struct PlayerState {
     float volume = 1.0F;  // as chosen, 0.0 to 1.0; kept while muted
 
     bool bar_visible = true;
-    std::uint32_t bar_last_activity_ms = 0;  // SDL ticks
-    bool volume_dragging = false;            // the left button went down on the slider
+    std::uint32_t bar_last_activity_ms = 0;  // SDL ticks, ms; ahead of time at start
+    bool volume_dragging = false;            // left button pressed on the slider, not yet released
 
     bool is_fullscreen = false;
-    int saved_window_x = 0;  // window before fullscreen, window coordinates
+    int saved_window_x = 0;  // window before fullscreen, screen coordinates and pixels
     int saved_window_y = 0;
     int saved_window_w = 0;
     int saved_window_h = 0;
@@ -31,7 +31,7 @@ struct PlayerState {
     float zoom_level = 1.0F;     // magnification, 1.0 to 10.0
     float zoom_center_x = 0.5F;  // centre of the view, 0.0 to 1.0 of the frame
     float zoom_center_y = 0.5F;
-    bool panning = false;  // the right button is held
+    bool panning = false;  // right button pressed while zoomed, not yet released
     int pan_last_x = 0;    // last mouse position while panning, window pixels
     int pan_last_y = 0;
 };

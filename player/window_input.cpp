@@ -10,11 +10,11 @@
 
 namespace {
 
-constexpr float kMinZoom = 1.0F;
-constexpr float kMaxZoom = 10.0F;
+constexpr float kMinZoom = 1.0F;      // the whole picture
+constexpr float kMaxZoom = 10.0F;     // beyond that a face is a few coloured squares
 constexpr float kZoomStep = 1.25F;    // three steps about double the picture
 constexpr float kVolumeStep = 0.05F;  // twenty key presses from silence to full
-constexpr int kDoubleClick = 2;       // the third press of a triple click counts as no other
+constexpr int kDoubleClick = 2;       // SDL's click count; the third press of a triple click has 3
 
 // Left or top edge of a view of `view` pixels centred at `center` (0.0 to 1.0) of a frame of
 // `frame` pixels; may lie outside the frame. Fused, so that the product is not rounded before the
@@ -59,7 +59,7 @@ void send_audio_state(vesper::UDPSocket& socket, std::uint16_t parent_port, bool
         return;
     }
     const auto message = vesper::make_audio_state({.muted = muted, .volume = volume});
-    socket.send(message.data(), message.size(), "127.0.0.1", parent_port);
+    socket.send(message.data(), message.size(), vesper::kParentHost, parent_port);
 }
 
 void WindowInput::handle_event(const SDL_Event& event) {
@@ -102,7 +102,7 @@ void WindowInput::handle_event(const SDL_Event& event) {
 
 void WindowInput::apply_zoom() {
     const Size frame = frame_size();
-    if (!frame.is_positive() || !(state_.zoom_level > kMinZoom)) {
+    if (!frame.is_positive() || state_.zoom_level <= kMinZoom) {
         receiver_.set_zoom_rect(false, 0, 0, 0, 0);
         return;
     }
@@ -171,6 +171,11 @@ void WindowInput::report_audio_state() {
     send_audio_state(socket_, args_.parent_port, state_.muted, state_.volume);
 }
 
+void WindowInput::center_view() {
+    state_.zoom_center_x = 0.5F;
+    state_.zoom_center_y = 0.5F;
+}
+
 // Zooms one step, whatever the wheel's amount, keeping the frame point under the pointer in place.
 void WindowInput::on_wheel(const SDL_MouseWheelEvent& wheel) {
     int mouse_x = 0;
@@ -194,8 +199,7 @@ void WindowInput::on_wheel(const SDL_MouseWheelEvent& wheel) {
     state_.zoom_level = std::clamp(state_.zoom_level, kMinZoom, kMaxZoom);
 
     if (state_.zoom_level <= kMinZoom) {
-        state_.zoom_center_x = 0.5F;
-        state_.zoom_center_y = 0.5F;
+        center_view();
     } else {
         const float t = 1.0F - old_zoom / state_.zoom_level;
         state_.zoom_center_x += t * (point_x - state_.zoom_center_x);
@@ -238,7 +242,8 @@ void WindowInput::on_right_button_down(const SDL_MouseButtonEvent& button) {
     }
 }
 
-// Nothing that is not on the screen can be clicked, and double clicks follow the same rule.
+// What is not on the screen cannot be clicked, and double clicks follow the same rule. The
+// fullscreen button goes first where a narrow window lets the slider reach under it.
 void WindowInput::on_left_button_down(const SDL_MouseButtonEvent& button) {
     if (!state_.bar_visible || state_.window == nullptr) {
         return;
@@ -255,7 +260,6 @@ void WindowInput::on_left_button_down(const SDL_MouseButtonEvent& button) {
     }
 }
 
-// Left of the fullscreen button.
 void WindowInput::on_bar_click(int x, int window_width) {
     if (!args_.has_audio) {
         return;
@@ -281,8 +285,7 @@ void WindowInput::on_key(SDL_Keycode key) {
             break;
         case SDLK_r:
             state_.zoom_level = kMinZoom;
-            state_.zoom_center_x = 0.5F;
-            state_.zoom_center_y = 0.5F;
+            center_view();
             apply_zoom();
             break;
         case SDLK_m:

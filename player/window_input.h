@@ -1,9 +1,19 @@
 // The window's mouse and keyboard: zoom, pan, fullscreen, the control bar's buttons and slider.
 //
 // Every change of the audio state is applied to the receiver at once (volume 0 while muted) and
-// reported to the parent application, slider drags at every motion. Main thread only; prints
-// nothing and fails silently: a null window disables clicks and fullscreen, a frame without size
-// disables zoom and pan, parent port 0 disables the reports.
+// reported to the parent application, slider drags at every motion.
+//
+//   mouse motion               shows the bar; pans or drags the slider where one of them is held
+//   wheel                      zooms about the pointer
+//   right button, drag         pans the zoomed view
+//   left button on the bar     mute button, slider (both only with audio), fullscreen button
+//   double click above it      fullscreen
+//   f, F11; Escape             fullscreen; back to the window
+//   r                          the whole picture
+//   m, Up, Down                mute, volume (only with audio)
+//
+// Main thread only; prints nothing and fails silently: a null window disables everything but the
+// keys for sound, a frame without size disables zoom and pan, parent port 0 disables the reports.
 #pragma once
 
 #include <SDL2/SDL_events.h>
@@ -53,13 +63,14 @@ class WindowInput {
     void change_volume(float volume);
     void set_volume_from_slider(int x, int window_width);
     void report_audio_state();
+    void center_view();
 
     void on_wheel(const SDL_MouseWheelEvent& wheel);
     void on_motion(const SDL_MouseMotionEvent& motion);
     void pan(const SDL_MouseMotionEvent& motion);
     void on_right_button_down(const SDL_MouseButtonEvent& button);
     void on_left_button_down(const SDL_MouseButtonEvent& button);
-    void on_bar_click(int x, int window_width);
+    void on_bar_click(int x, int window_width);  // left of the fullscreen button
     void on_key(SDL_Keycode key);
 
     const Args& args_;
