@@ -1,6 +1,6 @@
 // One SDL audio device in queue mode: PCM is pushed into (playback) or pulled out of (capture)
-// SDL's own queue, which SDL's audio thread drains or fills. Reading and writing
-// never wait for sound; close() waits for SDL's audio thread, a few device buffers.
+// SDL's own queue, which SDL's audio thread drains or fills. Reading and writing never wait for
+// sound; close() waits for SDL's audio thread, a few device buffers.
 //
 // Sample counts are counts of single 16-bit values, all channels together. SDL's audio subsystem
 // must be up before open() or list_devices(). No lock of its own; SDL's queue calls are
