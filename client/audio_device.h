@@ -60,6 +60,8 @@ class AudioDevice {
     [[nodiscard]] static std::vector<std::string> list_devices(Mode direction);
 
   private:
+    friend struct AudioDevicePeer;  // the tests' one way in
+
     SDL_AudioDeviceID device_id = 0;  // 0: closed
     Mode mode = Playback;             // direction of the last open()
 };
