@@ -22,8 +22,13 @@ namespace {
 // A broken stream fails at every frame, 30 times a second; the first few lines tell the story.
 constexpr std::uint32_t kReportedDecodeErrors = 5;
 
-// libswscale reads and writes four entries of every plane and stride array.
-constexpr std::size_t kSwsPlanes = 4;
+// Entries of every plane and stride array that FFmpeg's picture functions read, used or not.
+constexpr std::size_t kPlanes = 4;
+
+// Shrinking by about 128 times or more in one direction (measured with libswscale 6.7), libswscale
+// works in two steps, and then crashes on a slice that is not the whole picture. Half of that is
+// far from any size that anybody looks at.
+constexpr int kMaxShrinkOfPartialPicture = 64;
 
 }  // namespace
 
@@ -102,7 +107,10 @@ void VideoReceiver::count_decode_error(const char* format, ...) {
     }
 }
 
-// Converts the picture decoded last into convert_buffer. False when there is none, or no converter.
+// Converts the picture decoded last into convert_buffer. False when there is none, no converter, or
+// no memory. A taller picture than the converter's, or a shorter one with an odd number of rows, is
+// refused by libswscale and leaves the picture before last in convert_buffer, which is then shown
+// again: a parent that changes the stream's size starts a new player.
 bool VideoReceiver::convert_picture() {
     if (av_frame->data[0] == nullptr) {
         return false;
@@ -114,8 +122,11 @@ bool VideoReceiver::convert_picture() {
     if (source == nullptr) {
         return false;
     }
-    const std::array<std::uint8_t*, kSwsPlanes> planes = {convert_buffer.data()};
-    const std::array<int, kSwsPlanes> strides = {picture_pitch(frame_width_)};
+    if (av_frame->height < converter_height && shrinks_too_far_for_partial_pictures()) {
+        return true;
+    }
+    const std::array<std::uint8_t*, kPlanes> planes = {convert_buffer.data()};
+    const std::array<int, kPlanes> strides = {picture_pitch(frame_width_)};
     sws_scale(sws_ctx, source->data, source->linesize, 0, av_frame->height, planes.data(),
               strides.data());
     return true;
@@ -129,6 +140,11 @@ bool VideoReceiver::create_converter() {
     converter_width = av_frame->width;
     converter_height = av_frame->height;
     return sws_ctx != nullptr;
+}
+
+bool VideoReceiver::shrinks_too_far_for_partial_pictures() const {
+    return converter_width / frame_width_ >= kMaxShrinkOfPartialPicture ||
+           converter_height / frame_height_ >= kMaxShrinkOfPartialPicture;
 }
 
 // av_frame itself, or, where it is narrower than the converter's source, its rows laid into a black
@@ -152,8 +168,8 @@ const AVFrame* VideoReceiver::converter_source() {
             return nullptr;
         }
     }
-    std::array<std::ptrdiff_t, kSwsPlanes> strides{};
-    std::copy_n(staging_frame->linesize, kSwsPlanes, strides.begin());
+    std::array<std::ptrdiff_t, kPlanes> strides{};
+    std::copy_n(staging_frame->linesize, kPlanes, strides.begin());
     av_image_fill_black(staging_frame->data, strides.data(), format, AVCOL_RANGE_MPEG,
                         converter_width, converter_height);
     av_image_copy(staging_frame->data, staging_frame->linesize,

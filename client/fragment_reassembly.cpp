@@ -1,6 +1,7 @@
 // From datagrams to whole encoded frames: reassembly, the ring's filling side, keyframe requests.
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <numeric>
 #include <utility>
 
@@ -12,8 +13,8 @@ namespace vesper::client {
 
 namespace {
 
-// A frame that is still incomplete after eight frame intervals at 30 frames/s lost a fragment for
-// good: the parent sends each one only once.
+// Seven frame intervals at 30 frames/s. What is still missing then is lost on any network worth
+// watching a live stream over, and waiting on would only delay the keyframe that helps.
 constexpr auto kReassemblyTimeout = std::chrono::milliseconds(250);
 
 // Either limit triggers eviction. 60 incomplete frames is two seconds of a stream at 30 frames/s,
@@ -24,6 +25,7 @@ constexpr std::uint64_t kMaxPartialFrameBytes = 52'428'800;
 // Evicting down to half the limit makes the work rare.
 constexpr std::size_t kPartialFramesAfterEviction = 30;
 
+// Seven times what 1000 fragments of 1400 bytes can hold: stays right if those limits grow.
 constexpr std::uint64_t kMaxFrameBytes = 10'485'760;
 
 std::size_t slot_offset(std::size_t fragment_index) {
@@ -75,10 +77,7 @@ VideoReceiver::PartialFrame& VideoReceiver::find_or_begin_frame(const VideoFragm
     if (const auto known = partial_frames.find(header.frame_id); known != partial_frames.end()) {
         return known->second;
     }
-    if (partial_frames.size() >= kMaxPartialFrames ||
-        partial_frames_bytes >= kMaxPartialFrameBytes) {
-        evict_partial_frames();
-    }
+    make_room_for_frame();
     PartialFrame& frame = partial_frames[header.frame_id];
     frame.total_fragments = header.fragment_count;
     frame.data.resize(slot_offset(header.fragment_count));
@@ -89,8 +88,11 @@ VideoReceiver::PartialFrame& VideoReceiver::find_or_begin_frame(const VideoFragm
     return frame;
 }
 
-// Whichever the map yields first: with this many frames incomplete none is worth choosing.
-void VideoReceiver::evict_partial_frames() {
+// Evicts whichever frames the map yields first: with this many incomplete none is worth choosing.
+void VideoReceiver::make_room_for_frame() {
+    if (partial_frames.size() < kMaxPartialFrames && partial_frames_bytes < kMaxPartialFrameBytes) {
+        return;
+    }
     while (partial_frames.size() > kPartialFramesAfterEviction) {
         erase_partial_frame(partial_frames.begin());
     }

@@ -20,7 +20,7 @@ constexpr int kEndedMarkSize = 24;
 }  // namespace
 
 void VideoReceiver::render() {
-    if (window == nullptr || renderer == nullptr || texture == nullptr || nothing_to_draw()) {
+    if (!has_sdl_objects() || nothing_to_draw()) {
         return;
     }
     upload_new_picture();
@@ -49,7 +49,7 @@ void VideoReceiver::update() {
         std::printf("[RECV UPDATE] uid=%u SKIPPED: condemned\n", uid);
         return;
     }
-    if (window == nullptr || renderer == nullptr || texture == nullptr) {
+    if (!has_sdl_objects()) {
         std::printf("[RECV UPDATE] uid=%u SKIPPED: null SDL (window=%p, renderer=%p, texture=%p)\n",
                     uid, static_cast<void*>(window), static_cast<void*>(renderer),
                     static_cast<void*>(texture));
@@ -65,6 +65,10 @@ void VideoReceiver::update() {
         render_stream_ended_overlay();
     }
     SDL_RenderPresent(renderer);
+}
+
+bool VideoReceiver::has_sdl_objects() const {
+    return window != nullptr && renderer != nullptr && texture != nullptr;
 }
 
 // Neither live nor ended with a last picture to show.

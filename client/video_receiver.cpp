@@ -7,6 +7,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <memory>
@@ -18,7 +19,7 @@ namespace vesper::client {
 
 namespace {
 
-// Smallest window: below it the control bar's buttons would overlap.
+// Smallest window: a tiny stream still gets one that can be found, grabbed and controlled.
 constexpr int kMinWindowWidth = 320;   // pixels
 constexpr int kMinWindowHeight = 240;  // pixels
 
@@ -38,8 +39,12 @@ struct WindowSize {
     int height;  // pixels
 };
 
-// Truncates toward zero; values no int can hold become the nearest that one can.
+// Truncates toward zero; values no int can hold become the nearest that one can, a NaN (no size on
+// no display) 0.
 int truncated(float value) {
+    if (std::isnan(value)) {
+        return 0;
+    }
     constexpr float kLowest = -2147483648.0F;
     constexpr float kHighest = 2147483520.0F;  // largest float below 2^31
     return static_cast<int>(std::clamp(value, kLowest, kHighest));
@@ -77,13 +82,13 @@ void watch_join(std::shared_ptr<const std::atomic<bool>> joined) {
     }).detach();
 }
 
-// After SDL_Quit() the window's driver is unloaded and SDL has released its objects itself; a
-// destroy call would then reach into freed memory.
+// After SDL_Quit() the windows are gone and their driver is unloaded: a destroy call would reach
+// into freed memory or into code that is no longer there. What is left ends with the process.
 bool sdl_video_is_up() {
     return SDL_WasInit(SDL_INIT_VIDEO) != 0;
 }
 
-// Tear-down lines are flushed one by one, so that the last one seen names the step that hung.
+// Flushes each line, so that the last one seen names the step that hung or crashed in a driver.
 [[gnu::format(printf, 1, 2)]] void print_flushed(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
@@ -105,10 +110,7 @@ VideoReceiver::~VideoReceiver() {
 }
 
 bool VideoReceiver::init_for_udp(int width, int height) {
-    if (running) {
-        stop();
-    }
-    reset_for_stream(0, width, height);
+    prepare_for_stream(0, width, height);
     const WindowSize window_size = fit_into_half_display(width, height);
     if (!create_window("Video Stream", window_size.width, window_size.height) ||
         !open_renderer_and_decoder()) {
@@ -121,10 +123,7 @@ bool VideoReceiver::init_for_udp(int width, int height) {
 
 bool VideoReceiver::start(std::uint32_t streamer_uid, const std::string& username, int width,
                           int height, SDL_Window* parent_window) {
-    if (running) {
-        stop();
-    }
-    reset_for_stream(streamer_uid, width, height);
+    prepare_for_stream(streamer_uid, width, height);
     if (!create_window(("Stream: " + username).c_str(), width, height)) {
         return false;
     }
@@ -141,7 +140,10 @@ bool VideoReceiver::start(std::uint32_t streamer_uid, const std::string& usernam
     return true;
 }
 
-void VideoReceiver::reset_for_stream(std::uint32_t streamer_uid, int width, int height) {
+void VideoReceiver::prepare_for_stream(std::uint32_t streamer_uid, int width, int height) {
+    if (running) {
+        stop();
+    }
     uid = streamer_uid;
     frame_width_ = width;
     frame_height_ = height;
@@ -249,7 +251,9 @@ void VideoReceiver::release_window() {
     if (renderer != nullptr) {
         SDL_DestroyRenderer(std::exchange(renderer, nullptr));
     }
-    SDL_DestroyWindow(std::exchange(window, nullptr));
+    if (window != nullptr) {
+        SDL_DestroyWindow(std::exchange(window, nullptr));
+    }
 }
 
 void VideoReceiver::begin_decoding() {
@@ -294,7 +298,7 @@ void VideoReceiver::stop_decode_and_codecs() {
     {
         const std::lock_guard lock(queue_mutex);
         frame_queue.clear();
-        queue_head = queue_tail = queue_count = 0;
+        forget_queued_frames();
     }
     std::printf("[VideoReceiver] Decode and codec cleanup complete\n");
 }
@@ -302,9 +306,10 @@ void VideoReceiver::stop_decode_and_codecs() {
 void VideoReceiver::join_decode_thread() {
     std::printf("[VideoReceiver] Signaling decode thread to stop\n");
     {
-        // Between here and the thread's wait lies this lock, so the wake-up cannot be missed.
+        // The thread tests `running` under this lock: it either sees it cleared or already waits
+        // when the notification comes.
         const std::lock_guard lock(queue_mutex);
-        queue_head = queue_tail = queue_count = 0;
+        forget_queued_frames();
     }
     queue_cv.notify_all();
     std::printf("[VideoReceiver] Waiting for decode thread to join...\n");
@@ -315,6 +320,11 @@ void VideoReceiver::join_decode_thread() {
     decode_thread.join();
     *joined = true;
     std::printf("[VideoReceiver] Decode thread joined successfully\n");
+}
+
+// With queue_mutex held. The slots keep their contents.
+void VideoReceiver::forget_queued_frames() {
+    queue_head = queue_tail = queue_count = 0;
 }
 
 void VideoReceiver::free_codec() {
@@ -375,10 +385,13 @@ void VideoReceiver::destroy_sdl_resources() {
 }
 
 void VideoReceiver::mark_stream_ended() {
-    // The lock is left alone so that any thread may call this at any time. A wake-up that slips in
-    // before the decode thread's wait is lost without harm: the thread then sleeps until stop().
     stream_ended = true;
-    running = false;
+    {
+        // Not between the decode thread's test of `running` and its wait, or it would miss the
+        // notification.
+        const std::lock_guard lock(queue_mutex);
+        running = false;
+    }
     queue_cv.notify_all();
     std::printf("[VideoReceiver] Stream marked as ended, decode thread signaled to stop\n");
 }

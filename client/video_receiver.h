@@ -25,7 +25,6 @@
 
 #include <SDL2/SDL.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -74,7 +73,9 @@ class VideoReceiver {
     // Stand-alone mode: opens a window for a stream of `width` x `height` pixels (the window fits
     // into half the display each way, at least 320 x 240), its renderer and texture and the VP8
     // decoder, and starts the decode thread. Prints one line on success. On failure prints one line
-    // on standard error, releases in reverse order what it had made, and returns false.
+    // on standard error, releases in reverse order what it had made, and returns false. A live
+    // receiver is stopped first, but no later stop() would join the new thread: bring a receiver up
+    // once.
     [[nodiscard]] bool init_for_udp(int width, int height);
 
     // In-application mode: the same for the stream of user `streamer_uid`, in a window titled after
@@ -83,19 +84,24 @@ class VideoReceiver {
     [[nodiscard]] bool start(std::uint32_t streamer_uid, const std::string& username, int width,
                              int height, SDL_Window* parent_window);
 
-    // stop_decode_and_codecs(), then destroy_sdl_resources(). A second call does no harm.
+    // stop_decode_and_codecs(), then destroy_sdl_resources(), then a line on standard output. A
+    // second call does no harm.
     void stop();
 
     // Ends and joins the decode thread (waiting for as long as that takes; a watchdog reports a
     // wait of more than 5 seconds once on standard error), frees the codec, closes the sound and
-    // empties reassembly and ring. Runs once per receiver; any further call returns silently.
+    // empties reassembly and ring. Reports its steps on standard output. Runs once per receiver;
+    // any further call returns silently.
     void stop_decode_and_codecs();
 
-    // Destroys texture, renderer and window, in that order, each step reported and flushed.
+    // Destroys texture, renderer and window, in that order, after a pause of 10 ms for the window's
+    // last events; each step is reported on standard output and flushed. After SDL_Quit() it only
+    // forgets them. The window's id is kept.
     void destroy_sdl_resources();
 
     // Declares the stream over: no more decoding, and the last picture stays up under the
-    // stream-ended overlay. Frees nothing. Any thread.
+    // stream-ended overlay. Frees nothing, prints a line on standard output. Takes queue_mutex. Any
+    // thread.
     void mark_stream_ended();
 
     // The owning application's switch: while set, update() skips this receiver. Any thread.
@@ -108,7 +114,7 @@ class VideoReceiver {
     // and raise a keyframe request. Any thread; takes frames_mutex, inside it queue_mutex.
     void handle_fragment(const std::uint8_t* data, int len);
 
-    // True once for every time a keyframe came to be needed. Any thread.
+    // True when a keyframe came to be needed since the last call, once or more often. Any thread.
     [[nodiscard]] bool needs_keyframe_request();
 
     // Takes one screen-audio datagram of `len` bytes, PacketHeader included: conceals up to three
@@ -136,7 +142,8 @@ class VideoReceiver {
     // shows all of it.
     void set_zoom_rect(bool enabled, int x, int y, int w, int h);
 
-    // Replaces the callback that render() calls last; an empty one switches it off.
+    // Replaces the callback that render() calls last; an empty one switches it off. Not from inside
+    // the callback.
     void set_overlay_callback(OverlayCallback callback);
 
     // ---- sound ----
@@ -167,17 +174,17 @@ class VideoReceiver {
     // One frame under reassembly. Fragment i lies at data[i * 1400], so fragments are stored in any
     // order with a single copy and no reallocation.
     struct PartialFrame {
-        std::uint16_t total_fragments = 0;     // as the first fragment seen declared; 0: not set up
-        std::uint16_t received_fragments = 0;  // distinct fragments stored
-        std::vector<std::uint8_t> data;        // total_fragments slots
-        std::vector<bool> received;            // one flag per fragment
+        std::uint16_t total_fragments = 0;          // as the first fragment seen declared
+        std::uint16_t received_fragments = 0;       // distinct fragments stored
+        std::vector<std::uint8_t> data;             // total_fragments slots
+        std::vector<bool> received;                 // one flag per fragment
         std::vector<std::uint16_t> fragment_sizes;  // bytes stored in each slot
         Clock::time_point first_seen{};             // arrival of the first fragment
     };
     using PartialFrameMap = std::unordered_map<std::uint32_t, PartialFrame>;
 
     // Set-up steps of init_for_udp() and start() (video_receiver.cpp).
-    void reset_for_stream(std::uint32_t streamer_uid, int width, int height);
+    void prepare_for_stream(std::uint32_t streamer_uid, int width, int height);
     bool create_window(const char* title, int width, int height);
     bool create_renderer();
     bool create_texture();
@@ -188,10 +195,10 @@ class VideoReceiver {
     void release_window();
     void begin_decoding();
     void join_decode_thread();
+    void forget_queued_frames();
 
-    // Steps of handle_fragment(); all but the first with frames_mutex held
-    // (fragment_reassembly.cpp).
-    void evict_partial_frames();
+    // Steps of handle_fragment(), with frames_mutex held (fragment_reassembly.cpp).
+    void make_room_for_frame();
     PartialFrame& find_or_begin_frame(const VideoFragmentHeader& header);
     bool store_fragment(PartialFrame& frame, const VideoFragmentHeader& header,
                         const std::uint8_t* payload);
@@ -210,10 +217,12 @@ class VideoReceiver {
     [[gnu::format(printf, 2, 3)]] void count_decode_error(const char* format, ...);
     bool convert_picture();
     bool create_converter();
+    bool shrinks_too_far_for_partial_pictures() const;
     const AVFrame* converter_source();
     void publish_picture();
 
     // Steps of render() and update() (presentation.cpp).
+    bool has_sdl_objects() const;
     bool nothing_to_draw() const;
     void upload_new_picture();
 
