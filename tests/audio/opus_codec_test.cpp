@@ -15,8 +15,8 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/captured_output.h"
 #include "tests/support/hook.h"
-#include "tests/support/output.h"
 
 VESPER_HOOK(opus_encoder_create, OpusEncoder*,
             (opus_int32 rate, int channels, int application, int* error),
@@ -62,9 +62,9 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using vesper::OpusDecoderWrapper;
 using vesper::OpusEncoderWrapper;
-using vesper::test::kNoOutput;
-using vesper::test::output_of;
+using vesper::test::printed_by;
 
+const vesper::test::Printed kNothing;
 constexpr int kRate = 48000;
 constexpr int kChannels = 2;
 constexpr int kFrameSize = 960;  // samples per channel: 20 ms
@@ -169,13 +169,13 @@ TEST_F(OpusEncoderState, EmptyWrapperCallsNothingAndTouchesNoBuffer) {
     };
     Pcm pcm(kFrameValues, kUntouched);
     Packet out(100, 0x5A);
-    EXPECT_EQ(output_of([&] {
+    EXPECT_EQ(printed_by([&] {
                   OpusEncoderWrapper wrapper;
                   EXPECT_EQ(wrapper.encode(pcm.data(), kFrameSize, out.data(), 100), -1);
                   wrapper.set_bitrate(64000);
                   wrapper.destroy();
               }),
-              kNoOutput);
+              kNothing);
     EXPECT_THAT(take_calls(), IsEmpty());
     EXPECT_THAT(pcm, Each(kUntouched));
     EXPECT_THAT(out, Each(0x5A));
@@ -183,7 +183,7 @@ TEST_F(OpusEncoderState, EmptyWrapperCallsNothingAndTouchesNoBuffer) {
 
 TEST_F(OpusEncoderState, AudioEncoderGetsItsBitrateAndNoSignalHint) {
     OpusEncoderWrapper wrapper;
-    EXPECT_EQ(output_of([&] { EXPECT_TRUE(init(wrapper)); }), kNoOutput);
+    EXPECT_EQ(printed_by([&] { EXPECT_TRUE(init(wrapper)); }), kNothing);
     EXPECT_THAT(take_calls(),
                 ElementsAre("encoder_create 48000 2 2049 0", "encoder_ctl 1 4002 48000"));
 }
@@ -233,7 +233,7 @@ TEST_F(OpusEncoderState, FailingSecondInitLeavesTheWrapperEmpty) {
         take_calls();
         create_null_ = true;
         create_error_ = OPUS_ALLOC_FAIL;
-        EXPECT_EQ(output_of([&] { EXPECT_FALSE(init(wrapper)); }), kNoOutput);
+        EXPECT_EQ(printed_by([&] { EXPECT_FALSE(init(wrapper)); }), kNothing);
         EXPECT_EQ(encode(wrapper), -1);
     }
     EXPECT_THAT(take_calls(), ElementsAre("encoder_destroy 1", "encoder_create 48000 2 2049 0"));
@@ -343,8 +343,8 @@ TEST_F(OpusEncoderState, EncodePassesItsArgumentsAndTheResultOn) {
             return result;
         };
         EXPECT_EQ(
-            output_of([&] { EXPECT_EQ(wrapper.encode(pcm.data(), 480, out.data(), 99), result); }),
-            kNoOutput);
+            printed_by([&] { EXPECT_EQ(wrapper.encode(pcm.data(), 480, out.data(), 99), result); }),
+            kNothing);
     }
 }
 
@@ -377,13 +377,13 @@ TEST_F(OpusDecoderState, EmptyWrapperCallsNothingAndTouchesNoBuffer) {
     };
     Pcm pcm(kFrameValues, kUntouched);
     const Packet packet(10);
-    EXPECT_EQ(output_of([&] {
+    EXPECT_EQ(printed_by([&] {
                   OpusDecoderWrapper wrapper;
                   EXPECT_EQ(wrapper.decode(packet.data(), 10, pcm.data(), kFrameSize), -1);
                   EXPECT_EQ(wrapper.decode_plc(pcm.data(), kFrameSize), -1);
                   wrapper.destroy();
               }),
-              kNoOutput);
+              kNothing);
     EXPECT_THAT(take_calls(), IsEmpty());
     EXPECT_THAT(pcm, Each(kUntouched));
 }
@@ -391,7 +391,7 @@ TEST_F(OpusDecoderState, EmptyWrapperCallsNothingAndTouchesNoBuffer) {
 // Any ctl would fail the test in the hook above.
 TEST_F(OpusDecoderState, InitCreatesAndRequestsNothing) {
     OpusDecoderWrapper wrapper;
-    EXPECT_EQ(output_of([&] { EXPECT_TRUE(init(wrapper)); }), kNoOutput);
+    EXPECT_EQ(printed_by([&] { EXPECT_TRUE(init(wrapper)); }), kNothing);
     EXPECT_THAT(take_calls(), ElementsAre("decoder_create 48000 2 0"));
 }
 
@@ -411,7 +411,7 @@ TEST_F(OpusDecoderState, FailingSecondInitLeavesTheWrapperEmpty) {
         take_calls();
         create_null_ = true;
         create_error_ = OPUS_ALLOC_FAIL;
-        EXPECT_EQ(output_of([&] { EXPECT_FALSE(init(wrapper)); }), kNoOutput);
+        EXPECT_EQ(printed_by([&] { EXPECT_FALSE(init(wrapper)); }), kNothing);
         EXPECT_EQ(held_by(wrapper), -1);
     }
     EXPECT_THAT(take_calls(), ElementsAre("decoder_destroy 1", "decoder_create 48000 2 0"));
@@ -517,10 +517,10 @@ TEST_F(OpusDecoderState, DecodePassesItsArgumentsAndTheResultOnWithoutErrorCorre
             EXPECT_EQ(fec, 0);
             return result;
         };
-        EXPECT_EQ(output_of([&] {
+        EXPECT_EQ(printed_by([&] {
                       EXPECT_EQ(wrapper.decode(packet.data(), 9, pcm.data(), 480), result);
                   }),
-                  kNoOutput);
+                  kNothing);
     }
 }
 
@@ -539,8 +539,8 @@ TEST_F(OpusDecoderState, ConcealmentDecodesNoData) {
             EXPECT_EQ(fec, 0);
             return result;
         };
-        EXPECT_EQ(output_of([&] { EXPECT_EQ(wrapper.decode_plc(pcm.data(), 480), result); }),
-                  kNoOutput);
+        EXPECT_EQ(printed_by([&] { EXPECT_EQ(wrapper.decode_plc(pcm.data(), 480), result); }),
+                  kNothing);
     }
 }
 
@@ -634,11 +634,11 @@ TEST_F(OpusCodec, AHigherBitrateMakesLongerPackets) {
 }
 
 TEST_F(OpusCodec, RefusedParametersLeaveTheWrappersEmpty) {
-    EXPECT_EQ(output_of([&] {
+    EXPECT_EQ(printed_by([&] {
                   EXPECT_FALSE(encoder_.init(44100, kChannels, OPUS_APPLICATION_AUDIO));
                   EXPECT_FALSE(decoder_.init(44100, kChannels));
               }),
-              kNoOutput);
+              kNothing);
     Pcm pcm = tone();
     Packet packet(100);
     EXPECT_EQ(encoder_.encode(pcm.data(), kFrameSize, packet.data(), 100), -1);

@@ -23,8 +23,8 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/captured_output.h"
 #include "tests/support/hook.h"
-#include "tests/support/output.h"
 
 VESPER_HOOK(socket, int, (int domain, int type, int protocol), (domain, type, protocol))
 VESPER_HOOK(bind, int, (int fd, const sockaddr* address, socklen_t size), (fd, address, size))
@@ -62,10 +62,10 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using vesper::UDPSocket;
-using vesper::test::kNoOutput;
-using vesper::test::Output;
-using vesper::test::output_of;
+using vesper::test::Printed;
+using vesper::test::printed_by;
 
+const Printed kNothing;
 constexpr std::string_view kGreeting = "hello";
 constexpr int kGenerousWait = 10'000;  // ms; a loopback datagram is there at once
 
@@ -148,7 +148,7 @@ TEST_F(UdpSocket, ResetClosesTheSocketOnceAndForgetsThePort) {
     {
         UDPSocket socket;
         ASSERT_TRUE(socket.bind(0));
-        EXPECT_EQ(output_of([&] { socket.reset(); }), kNoOutput);
+        EXPECT_EQ(printed_by([&] { socket.reset(); }), kNothing);
         EXPECT_EQ(closed_, opened_);
         EXPECT_FALSE(socket.is_valid());
         EXPECT_EQ(socket.get_bound_port(), 0);
@@ -177,7 +177,7 @@ TEST_F(UdpSocket, CanBeBoundAgainAfterReset) {
 
 TEST_F(UdpSocket, BindToPortZeroReportsThePortTheSystemChose) {
     UDPSocket socket;
-    EXPECT_EQ(output_of([&] { EXPECT_TRUE(socket.bind(0)); }), kNoOutput);
+    EXPECT_EQ(printed_by([&] { EXPECT_TRUE(socket.bind(0)); }), kNothing);
     EXPECT_TRUE(socket.is_valid());
     EXPECT_NE(socket.get_bound_port(), 0);
 }
@@ -254,8 +254,8 @@ TEST_F(UdpSocket, ASecondBindFailsAndLeavesTheSocketAsItIs) {
     UDPSocket socket;
     ASSERT_TRUE(socket.bind(0));
     const std::uint16_t port = socket.get_bound_port();
-    EXPECT_EQ(output_of([&] { EXPECT_FALSE(socket.bind(0)); }),
-              (Output{.out = "", .err = "[UDPSocket] Socket already created\n"}));
+    EXPECT_EQ(printed_by([&] { EXPECT_FALSE(socket.bind(0)); }),
+              (Printed{.out = "", .err = "[UDPSocket] Socket already created\n"}));
     EXPECT_TRUE(socket.is_valid());
     EXPECT_EQ(socket.get_bound_port(), port);
 
@@ -268,8 +268,8 @@ TEST_F(UdpSocket, ASecondBindFailsAndLeavesTheSocketAsItIs) {
 TEST_F(UdpSocket, AFailedSocketCallIsReported) {
     hook_socket = [](auto...) { return fail_with(EMFILE); };
     UDPSocket socket;
-    EXPECT_EQ(output_of([&] { EXPECT_FALSE(socket.bind(0)); }),
-              (Output{.out = "", .err = "[UDPSocket] socket() failed: Too many open files\n"}));
+    EXPECT_EQ(printed_by([&] { EXPECT_FALSE(socket.bind(0)); }),
+              (Printed{.out = "", .err = "[UDPSocket] socket() failed: Too many open files\n"}));
     EXPECT_FALSE(socket.is_valid());
     EXPECT_EQ(socket.get_bound_port(), 0);
 }
@@ -282,9 +282,9 @@ TEST_P(UdpSocketFcntl, AFailureIsReportedAndTheDescriptorClosed) {
         return command == GetParam() ? fail_with(EPERM) : __real_fcntl(fd, command, argument);
     };
     UDPSocket socket;
-    EXPECT_EQ(output_of([&] { EXPECT_FALSE(socket.bind(0)); }),
-              (Output{.out = "",
-                      .err = "[UDPSocket] fcntl(O_NONBLOCK) failed: Operation not permitted\n"}));
+    EXPECT_EQ(printed_by([&] { EXPECT_FALSE(socket.bind(0)); }),
+              (Printed{.out = "",
+                       .err = "[UDPSocket] fcntl(O_NONBLOCK) failed: Operation not permitted\n"}));
     ASSERT_EQ(opened_.size(), 1U);
     EXPECT_EQ(closed_, opened_);
     EXPECT_FALSE(socket.is_valid());
@@ -299,12 +299,12 @@ TEST_F(UdpSocket, APortHeldByAnotherSocketFailsAndAFreePortStillBinds) {
     UDPSocket holder;
     ASSERT_TRUE(holder.bind(0));
     UDPSocket socket;
-    EXPECT_EQ(output_of([&] { EXPECT_FALSE(socket.bind(holder.get_bound_port())); }),
-              (Output{.out = "", .err = "[UDPSocket] bind() failed: Address already in use\n"}));
+    EXPECT_EQ(printed_by([&] { EXPECT_FALSE(socket.bind(holder.get_bound_port())); }),
+              (Printed{.out = "", .err = "[UDPSocket] bind() failed: Address already in use\n"}));
     EXPECT_FALSE(socket.is_valid());
     EXPECT_EQ(socket.get_bound_port(), 0);
 
-    EXPECT_EQ(output_of([&] { EXPECT_TRUE(socket.bind(0)); }), kNoOutput);
+    EXPECT_EQ(printed_by([&] { EXPECT_TRUE(socket.bind(0)); }), kNothing);
     EXPECT_TRUE(socket.is_valid());
     EXPECT_NE(socket.get_bound_port(), 0);
 }
@@ -313,8 +313,8 @@ TEST_F(UdpSocket, AFailedBindCallClosesTheDescriptor) {
     watch_descriptors();
     hook_bind = [](auto...) { return fail_with(EACCES); };
     UDPSocket socket;
-    EXPECT_EQ(output_of([&] { EXPECT_FALSE(socket.bind(80)); }),
-              (Output{.out = "", .err = "[UDPSocket] bind() failed: Permission denied\n"}));
+    EXPECT_EQ(printed_by([&] { EXPECT_FALSE(socket.bind(80)); }),
+              (Printed{.out = "", .err = "[UDPSocket] bind() failed: Permission denied\n"}));
     ASSERT_EQ(opened_.size(), 1U);
     EXPECT_EQ(closed_, opened_);
 }
@@ -322,7 +322,7 @@ TEST_F(UdpSocket, AFailedBindCallClosesTheDescriptor) {
 TEST_F(UdpSocket, AFailedGetsocknameLeavesThePortUnknownAndTheSocketBound) {
     hook_getsockname = [](auto...) { return fail_with(ENOBUFS); };
     UDPSocket socket;
-    EXPECT_EQ(output_of([&] { EXPECT_TRUE(socket.bind(0)); }), kNoOutput);
+    EXPECT_EQ(printed_by([&] { EXPECT_TRUE(socket.bind(0)); }), kNothing);
     EXPECT_TRUE(socket.is_valid());
     EXPECT_EQ(socket.get_bound_port(), 0);
 }
@@ -359,8 +359,8 @@ TEST_F(UdpSocket, SendDeliversOneDatagramFromTheBoundPort) {
         source_port = ntohs(ipv4(address).sin_port);
         return length;
     };
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(send_greeting(sender, receiver.get_bound_port()), 5); }),
-              kNoOutput);
+    EXPECT_EQ(printed_by([&] { EXPECT_EQ(send_greeting(sender, receiver.get_bound_port()), 5); }),
+              kNothing);
     EXPECT_EQ(received(receive(receiver, kGenerousWait)), kGreeting);
     EXPECT_EQ(source_port, sender.get_bound_port());
 }
@@ -389,15 +389,15 @@ TEST_F(UdpSocket, SendPassesDataAddressAndNoFlags) {
 
 TEST_F(UdpSocket, SendBeforeBindIsReported) {
     UDPSocket socket;
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(send_greeting(socket, 5000), -1); }),
-              (Output{.out = "", .err = "[UDPSocket] Socket not initialized\n"}));
+    EXPECT_EQ(printed_by([&] { EXPECT_EQ(send_greeting(socket, 5000), -1); }),
+              (Printed{.out = "", .err = "[UDPSocket] Socket not initialized\n"}));
 }
 
 // The missing socket is noticed before the host is looked at.
 TEST_F(UdpSocket, SendBeforeBindToANameReportsOnlyTheMissingSocket) {
     UDPSocket socket;
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(send_greeting(socket, 5000, "localhost"), -1); }),
-              (Output{.out = "", .err = "[UDPSocket] Socket not initialized\n"}));
+    EXPECT_EQ(printed_by([&] { EXPECT_EQ(send_greeting(socket, 5000, "localhost"), -1); }),
+              (Printed{.out = "", .err = "[UDPSocket] Socket not initialized\n"}));
 }
 
 class UdpSocketHost : public UdpSocket, public testing::WithParamInterface<const char*> {};
@@ -412,8 +412,8 @@ TEST_P(UdpSocketHost, ThatIsNoDottedIpv4TextIsRefusedWithoutSending) {
     };
     const std::string expected =
         std::string("[UDPSocket] Invalid host address: ") + GetParam() + "\n";
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(send_greeting(socket, 5000, GetParam()), -1); }),
-              (Output{.out = "", .err = expected}));
+    EXPECT_EQ(printed_by([&] { EXPECT_EQ(send_greeting(socket, 5000, GetParam()), -1); }),
+              (Printed{.out = "", .err = expected}));
     EXPECT_EQ(sent, 0);
 }
 
@@ -425,15 +425,15 @@ TEST_F(UdpSocket, SendThatWouldBlockIsSilent) {
     UDPSocket socket;
     ASSERT_TRUE(socket.bind(0));
     hook_sendto = [](auto...) { return ssize_t{fail_with(EAGAIN)}; };
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(send_greeting(socket, 5000), -1); }), kNoOutput);
+    EXPECT_EQ(printed_by([&] { EXPECT_EQ(send_greeting(socket, 5000), -1); }), kNothing);
 }
 
 TEST_F(UdpSocket, AFailedSendIsReported) {
     UDPSocket socket;
     ASSERT_TRUE(socket.bind(0));
     hook_sendto = [](auto...) { return ssize_t{fail_with(ENETUNREACH)}; };
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(send_greeting(socket, 5000), -1); }),
-              (Output{.out = "", .err = "[UDPSocket] sendto() failed: Network is unreachable\n"}));
+    EXPECT_EQ(printed_by([&] { EXPECT_EQ(send_greeting(socket, 5000), -1); }),
+              (Printed{.out = "", .err = "[UDPSocket] sendto() failed: Network is unreachable\n"}));
 }
 
 // ---- recv ----
@@ -443,7 +443,7 @@ TEST_F(UdpSocket, RecvBeforeBindFailsSilently) {
     int calls = 0;
     hook_poll = [&](auto...) { return ++calls; };
     hook_recvfrom = [&](auto...) { return ssize_t{++calls}; };
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(receive(socket, 5), -1); }), kNoOutput);
+    EXPECT_EQ(printed_by([&] { EXPECT_EQ(receive(socket, 5), -1); }), kNothing);
     EXPECT_EQ(calls, 0);
 }
 
@@ -451,7 +451,7 @@ TEST_F(UdpSocket, RecvOnAnIdleSocketWaitsItsTimeoutAndReturnsZero) {
     UDPSocket socket;
     ASSERT_TRUE(socket.bind(0));
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(receive(socket, 5), 0); }), kNoOutput);
+    EXPECT_EQ(printed_by([&] { EXPECT_EQ(receive(socket, 5), 0); }), kNothing);
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(5));
 }
 
@@ -504,7 +504,7 @@ TEST_P(UdpSocketNoWait, AsksTheSocketOnceAndReturnsZeroAtOnce) {
         ++reads;
         return __real_recvfrom(arguments...);
     };
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(receive(socket, GetParam()), 0); }), kNoOutput);
+    EXPECT_EQ(printed_by([&] { EXPECT_EQ(receive(socket, GetParam()), 0); }), kNothing);
     EXPECT_EQ(waits, 0);
     EXPECT_EQ(reads, 1);
 }
@@ -521,7 +521,7 @@ TEST_F(UdpSocket, AnInterruptedWaitIsASilentError) {
         ++reads;
         return ssize_t{1};
     };
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(receive(socket, 5), -1); }), kNoOutput);
+    EXPECT_EQ(printed_by([&] { EXPECT_EQ(receive(socket, 5), -1); }), kNothing);
     EXPECT_EQ(reads, 0);
 }
 
@@ -544,15 +544,15 @@ TEST_F(UdpSocket, AReceiveThatWouldBlockReturnsZeroSilently) {
     ASSERT_TRUE(socket.bind(0));
     hook_poll = [](auto...) { return 1; };  // readable, but somebody else was faster
     hook_recvfrom = [](auto...) { return ssize_t{fail_with(EAGAIN)}; };
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(receive(socket, 5), 0); }), kNoOutput);
+    EXPECT_EQ(printed_by([&] { EXPECT_EQ(receive(socket, 5), 0); }), kNothing);
 }
 
 TEST_F(UdpSocket, AFailedReceiveIsReported) {
     UDPSocket socket;
     ASSERT_TRUE(socket.bind(0));
     hook_recvfrom = [](auto...) { return ssize_t{fail_with(ECONNREFUSED)}; };
-    EXPECT_EQ(output_of([&] { EXPECT_EQ(receive(socket, 0), -1); }),
-              (Output{.out = "", .err = "[UDPSocket] recvfrom() failed: Connection refused\n"}));
+    EXPECT_EQ(printed_by([&] { EXPECT_EQ(receive(socket, 0), -1); }),
+              (Printed{.out = "", .err = "[UDPSocket] recvfrom() failed: Connection refused\n"}));
 }
 
 TEST_F(UdpSocket, AnEmptyDatagramLooksLikeNothing) {
@@ -633,7 +633,7 @@ TEST_P(UdpSocketBuffer, RefusedByTheSystemIsFalseAndSilent) {
     UDPSocket socket;
     ASSERT_TRUE(socket.bind(0));
     hook_setsockopt = [](auto...) { return fail_with(ENOBUFS); };
-    EXPECT_EQ(output_of([&] { EXPECT_FALSE((socket.*GetParam().set)(262144)); }), kNoOutput);
+    EXPECT_EQ(printed_by([&] { EXPECT_FALSE((socket.*GetParam().set)(262144)); }), kNothing);
 }
 
 TEST_P(UdpSocketBuffer, WithoutSocketIsFalseAndSilent) {
@@ -643,7 +643,7 @@ TEST_P(UdpSocketBuffer, WithoutSocketIsFalseAndSilent) {
         ++calls;
         return 0;
     };
-    EXPECT_EQ(output_of([&] { EXPECT_FALSE((socket.*GetParam().set)(262144)); }), kNoOutput);
+    EXPECT_EQ(printed_by([&] { EXPECT_FALSE((socket.*GetParam().set)(262144)); }), kNothing);
     EXPECT_EQ(calls, 0);
 }
 
@@ -663,13 +663,13 @@ TEST_F(SocketInit, IgnoresSigpipeAndNothingElse) {
         dispositions.emplace_back(number, handler);
         return __real_signal(number, handler);
     };
-    EXPECT_EQ(output_of([] { EXPECT_TRUE(socket_init()); }), kNoOutput);
+    EXPECT_EQ(printed_by([] { EXPECT_TRUE(socket_init()); }), kNothing);
     EXPECT_THAT(dispositions, ElementsAre(std::pair(SIGPIPE, SIG_IGN)));
 }
 
 TEST_F(SocketInit, IsTrueEvenWhenTheSystemRefuses) {
     hook_signal = [](auto...) { return SIG_ERR; };
-    EXPECT_EQ(output_of([] { EXPECT_TRUE(socket_init()); }), kNoOutput);
+    EXPECT_EQ(printed_by([] { EXPECT_TRUE(socket_init()); }), kNothing);
 }
 
 TEST_F(SocketInit, MakesAWriteToAClosedPipeAnError) {
@@ -692,7 +692,7 @@ TEST_F(SocketInit, CleanupDoesNothing) {
     };
     UDPSocket socket;
     ASSERT_TRUE(socket.bind(0));
-    EXPECT_EQ(output_of([] { socket_cleanup(); }), kNoOutput);
+    EXPECT_EQ(printed_by([] { socket_cleanup(); }), kNothing);
     EXPECT_EQ(signals, 0);
     EXPECT_TRUE(socket.is_valid());
 }
