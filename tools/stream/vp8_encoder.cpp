@@ -14,6 +14,11 @@ namespace {
 // Fast enough for full HD on two cores; every step down costs about half the speed.
 constexpr int kCpuUsed = 8;
 
+// A keyframe may take what this many frames take on average. Unbounded, the keyframe of a busy
+// picture takes half a second's worth: more than the player's receive buffer holds, so that it
+// would be lost just when it is needed.
+constexpr int kMaxKeyframeShare = 600;  // percent of the average frame
+
 }  // namespace
 
 Vp8Encoder::~Vp8Encoder() {
@@ -46,6 +51,7 @@ bool Vp8Encoder::open(const Vp8Settings& settings) {
     av_opt_set(context_->priv_data, "deadline", "realtime", 0);
     av_opt_set_int(context_->priv_data, "cpu-used", kCpuUsed, 0);
     av_opt_set_int(context_->priv_data, "lag-in-frames", 0, 0);
+    av_opt_set_int(context_->priv_data, "max-intra-rate", kMaxKeyframeShare, 0);
     const int result = avcodec_open2(context_, codec, nullptr);
     if (result < 0) {
         std::fprintf(stderr, "libvpx refused %dx%d at %d frames/s and %d bit/s\n", settings.width,

@@ -1,0 +1,87 @@
+// The wire between a parent and one player: the one place that every datagram of either direction
+// passes. Datagrams are handed in with the time at which they are due; a thread of the link's own
+// sends each at its time and listens for what the player says.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "net/stream_datagrams.h"
+#include "net/udp_socket.h"
+#include "tools/stream/packetizer.h"
+
+namespace vesper::tools {
+
+using Clock = std::chrono::steady_clock;
+
+class Link {
+  public:
+    // What to do with the player's messages. Called on the link's thread.
+    struct Handlers {
+        std::function<void()> keyframe_requested;
+        std::function<void(const AudioState&)> audio_state_reported;
+    };
+
+    struct Counters {
+        std::uint64_t datagrams_sent = 0;
+        std::uint64_t bytes_sent = 0;
+        std::uint64_t send_failures = 0;  // the system's buffer was full, or a line says why not
+        std::uint64_t keyframe_requests = 0;
+    };
+
+    Link() = default;
+    // Stops.
+    ~Link();
+    Link(const Link&) = delete;
+    Link& operator=(const Link&) = delete;
+
+    // Binds 127.0.0.1:`listen_port` (0: any) for a player on 127.0.0.1:`player_port`. False, with a
+    // line on standard error, when the port is taken.
+    [[nodiscard]] bool open(std::uint16_t listen_port, std::uint16_t player_port);
+
+    // Port that the player is to talk to; 0 before open().
+    [[nodiscard]] std::uint16_t listen_port() const { return socket_.get_bound_port(); }
+
+    // Starts the thread; once, after open().
+    void start(Handlers handlers);
+
+    // Sends `datagram` at `due`; of two that are due at once, first the one handed in first. Any
+    // thread.
+    void send(Datagram datagram, Clock::time_point due);
+
+    // Sends everything that still waits as soon as possible. Any thread.
+    void hurry();
+
+    // Ends the thread; what still waits is not sent. Not from a handler.
+    void stop();
+
+    // Any thread.
+    [[nodiscard]] Counters counters() const;
+
+  private:
+    struct Waiting {
+        Clock::time_point due;
+        Datagram datagram;
+    };
+
+    void run();
+    void send_due();
+    void receive();
+    [[nodiscard]] bool take_due(Waiting& waiting);
+
+    UDPSocket socket_;  // the thread's, once started
+    std::uint16_t player_port_ = 0;
+    Handlers handlers_;
+    std::thread thread_;
+
+    mutable std::mutex mutex_;     // guards the rest
+    std::deque<Waiting> waiting_;  // ordered by due time
+    Counters counters_;
+    bool running_ = false;
+};
+
+}  // namespace vesper::tools

@@ -1,0 +1,62 @@
+// Where pictures and sound come from: a libavfilter graph that delivers them in the one shape the
+// encoders take, whatever they were before.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+#include "tools/stream/picture.h"
+
+struct AVFilterContext;
+struct AVFilterGraph;
+
+namespace vesper::tools {
+
+inline constexpr int kSoundRate = 48'000;           // Hz
+inline constexpr int kSoundChannels = 2;            // interleaved
+inline constexpr int kSoundFrameSamples = 960;      // per channel: 20 ms, one Opus packet
+inline constexpr int kSoundFrameMilliseconds = 20;  // 960 / 48 kHz
+
+// The sound of one Opus packet: 16-bit, left and right in turn.
+using SoundFrame = std::array<std::int16_t, kSoundFrameSamples * kSoundChannels>;
+
+// What comes out of a source.
+struct MediaSettings {
+    int width = 1280;  // pixels, even
+    int height = 720;  // pixels, even
+    int frames_per_second = 30;
+    bool sound = true;  // whether any is wanted
+};
+
+// One thread at a time uses a source. Failures print one line on standard error.
+class MediaSource {
+  public:
+    MediaSource() = default;
+    ~MediaSource();
+    MediaSource(const MediaSource&) = delete;
+    MediaSource& operator=(const MediaSource&) = delete;
+
+    // A colourful picture with parts that move, a large clock and frame counter (the count starts
+    // at 0), and a 440 Hz tone that beeps once a second. It never ends.
+    [[nodiscard]] bool open_test_picture(const MediaSettings& settings);
+
+    // The next picture: YUV 4:2:0 of the settings' size, settings' frames to a second of media.
+    // Null at the end.
+    [[nodiscard]] Picture next_picture();
+
+    // Fills `sound` with the next 20 ms. False at the end, and where there is no sound.
+    [[nodiscard]] bool next_sound(SoundFrame& sound);
+
+    [[nodiscard]] bool has_sound() const { return sound_ != nullptr; }
+
+  private:
+    bool open_graph(const std::string& description);
+    void close();
+
+    AVFilterGraph* graph_ = nullptr;
+    AVFilterContext* pictures_ = nullptr;  // sink; owned by the graph
+    AVFilterContext* sound_ = nullptr;     // sink, or null; owned by the graph
+};
+
+}  // namespace vesper::tools

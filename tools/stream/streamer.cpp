@@ -1,0 +1,190 @@
+#include "tools/stream/streamer.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <span>
+#include <utility>
+#include <vector>
+
+namespace vesper::tools {
+
+namespace {
+
+// Music and speech alike; a fifth above what the encoder starts with, for stereo.
+constexpr int kSoundBitrate = 96'000;  // bit/s
+
+// Largest Opus packet that libopus' manual recommends room for.
+constexpr int kMaxOpusPacket = 4000;  // bytes
+
+// What the fragments of one frame can hold.
+constexpr std::size_t kMaxFrame =
+    std::size_t{kMaxFragmentsPerFrame} * kMaxFragmentPayload;  // bytes
+
+// A stream that is later than this no longer tries to catch up: better late than a storm of frames.
+constexpr auto kHopelesslyLate = std::chrono::seconds(1);
+
+}  // namespace
+
+Streamer::~Streamer() {
+    stop();
+}
+
+bool Streamer::open(const Vp8Settings& settings) {
+    frame_interval_ = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) /
+                      settings.frames_per_second;
+    has_sound_ = source_.has_sound();
+    if (!video_encoder_.open(settings)) {
+        return false;
+    }
+    if (!sound_encoder_.init(kSoundRate, kSoundChannels, OPUS_APPLICATION_AUDIO)) {
+        std::fprintf(stderr, "libopus made no encoder\n");
+        return false;
+    }
+    sound_encoder_.set_bitrate(kSoundBitrate);
+    return true;
+}
+
+void Streamer::start() {
+    running_ = true;
+    thread_ = std::thread([this] { run(); });
+}
+
+void Streamer::request_keyframe() {
+    const std::lock_guard lock(mutex_);
+    keyframe_requested_ = true;
+    changed_.notify_one();
+}
+
+void Streamer::stop() {
+    {
+        const std::lock_guard lock(mutex_);
+        running_ = false;
+        changed_.notify_one();
+    }
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+bool Streamer::finished() const {
+    const std::lock_guard lock(mutex_);
+    return finished_;
+}
+
+Streamer::Counters Streamer::counters() const {
+    const std::lock_guard lock(mutex_);
+    return counters_;
+}
+
+void Streamer::run() {
+    picture_due_ = sound_due_ = Clock::now();
+    for (;;) {
+        switch (wait_for_step()) {
+            case Step::kPicture:
+                stream_picture();
+                break;
+            case Step::kSound:
+                stream_sound();
+                break;
+            case Step::kKeyframe:
+                answer_with_keyframe();
+                break;
+            case Step::kStop:
+                return;
+        }
+    }
+}
+
+Streamer::Step Streamer::wait_for_step() {
+    const bool sound_first = has_sound_ && sound_due_ < picture_due_;
+    std::unique_lock lock(mutex_);
+    changed_.wait_until(lock, sound_first ? sound_due_ : picture_due_,
+                        [this] { return !running_ || finished_ || keyframe_requested_; });
+    if (!running_ || finished_) {
+        return Step::kStop;
+    }
+    if (std::exchange(keyframe_requested_, false)) {
+        return Step::kKeyframe;
+    }
+    return sound_first ? Step::kSound : Step::kPicture;
+}
+
+void Streamer::stream_picture() {
+    catch_up();
+    picture_ = source_.next_picture();
+    if (!picture_) {
+        const std::lock_guard lock(mutex_);
+        finished_ = true;
+        return;
+    }
+    picture_due_ += frame_interval_;
+    send_frame(false, picture_due_);
+}
+
+// One picture in two at most is left out, so that something always moves.
+void Streamer::catch_up() {
+    const Clock::time_point now = Clock::now();
+    if (now - picture_due_ > kHopelesslyLate) {
+        picture_due_ = sound_due_ = now;
+    }
+    if (now - picture_due_ > frame_interval_ && source_.next_picture()) {
+        picture_due_ += frame_interval_;
+        const std::lock_guard lock(mutex_);
+        ++counters_.skipped;
+    }
+}
+
+void Streamer::stream_sound() {
+    SoundFrame sound;
+    has_sound_ = source_.next_sound(sound);
+    if (!has_sound_) {
+        return;
+    }
+    std::array<std::uint8_t, kMaxOpusPacket> packet{};
+    const int size =
+        sound_encoder_.encode(sound.data(), kSoundFrameSamples, packet.data(), kMaxOpusPacket);
+    if (size > 0) {
+        link_.send(
+            sound_packetizer_.packetize(std::span(packet.data(), static_cast<std::size_t>(size))),
+            sound_due_);
+    }
+    sound_due_ += std::chrono::milliseconds(kSoundFrameMilliseconds);
+}
+
+void Streamer::answer_with_keyframe() {
+    if (!picture_) {
+        return;  // the first frame is a keyframe anyway
+    }
+    link_.hurry();
+    last_datagram_due_ = Clock::now();
+    send_frame(true, Clock::now() + frame_interval_);
+    const std::lock_guard lock(mutex_);
+    ++counters_.keyframes;
+}
+
+void Streamer::send_frame(bool keyframe, Clock::time_point until) {
+    const std::vector<std::uint8_t> encoded = video_encoder_.encode(picture_, keyframe);
+    if (encoded.empty()) {
+        return;
+    }
+    if (encoded.size() > kMaxFrame) {
+        std::fprintf(stderr, "a frame of %zu bytes is too large to send\n", encoded.size());
+        return;
+    }
+    // The frame before may not have left yet.
+    const Clock::time_point from = std::max(Clock::now(), last_datagram_due_);
+    std::vector<Datagram> datagrams = video_packetizer_.packetize(encoded);
+    const Clock::duration spacing =
+        std::max(until - from, Clock::duration::zero()) / static_cast<int>(datagrams.size());
+    last_datagram_due_ = from;
+    for (Datagram& datagram : datagrams) {
+        link_.send(std::move(datagram), last_datagram_due_);
+        last_datagram_due_ += spacing;
+    }
+    const std::lock_guard lock(mutex_);
+    ++counters_.frames;
+}
+
+}  // namespace vesper::tools

@@ -1,0 +1,87 @@
+// Turns a source into a live stream: takes pictures and sound from it in real time, encodes them,
+// cuts them into datagrams and hands these to the link, spread over the time until the next frame.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <thread>
+
+#include "audio/opus_codec.h"
+#include "tools/stream/link.h"
+#include "tools/stream/media_source.h"
+#include "tools/stream/packetizer.h"
+#include "tools/stream/vp8_encoder.h"
+
+namespace vesper::tools {
+
+class Streamer {
+  public:
+    struct Counters {
+        std::uint64_t frames = 0;     // encoded and handed to the link
+        std::uint64_t keyframes = 0;  // of these, asked for by the player
+        std::uint64_t skipped = 0;    // pictures left out because encoding fell behind
+    };
+
+    // Source and link are open and outlive the streamer, which alone uses the source.
+    Streamer(MediaSource& source, Link& link) : source_(source), link_(link) {}
+    // Stops.
+    ~Streamer();
+    Streamer(const Streamer&) = delete;
+    Streamer& operator=(const Streamer&) = delete;
+
+    // Makes the encoders. False, with a line on standard error, when one refuses.
+    [[nodiscard]] bool open(const Vp8Settings& settings);
+
+    // Starts the thread that streams; once, after open().
+    void start();
+
+    // The newest picture goes out once more as a keyframe, right away and not at the next frame's
+    // time: a player that asks shows a damaged picture or none. Any thread.
+    void request_keyframe();
+
+    // Ends the thread.
+    void stop();
+
+    // Whether the source has ended. Any thread.
+    [[nodiscard]] bool finished() const;
+
+    // Any thread.
+    [[nodiscard]] Counters counters() const;
+
+  private:
+    enum class Step { kPicture, kSound, kKeyframe, kStop };
+
+    void run();
+    [[nodiscard]] Step wait_for_step();
+    void stream_picture();
+    void stream_sound();
+    void answer_with_keyframe();
+    void send_frame(bool keyframe, Clock::time_point until);
+    void catch_up();
+
+    MediaSource& source_;
+    Link& link_;
+
+    // The thread's own.
+    Vp8Encoder video_encoder_;
+    OpusEncoderWrapper sound_encoder_;
+    VideoPacketizer video_packetizer_;
+    AudioPacketizer sound_packetizer_;
+    Picture picture_;                   // the newest
+    Clock::duration frame_interval_{};  // time between two pictures
+    Clock::time_point picture_due_;
+    Clock::time_point sound_due_;
+    Clock::time_point last_datagram_due_;  // of the newest frame
+    bool has_sound_ = false;               // there is more to come
+
+    std::thread thread_;
+    mutable std::mutex mutex_;  // guards the rest
+    std::condition_variable changed_;
+    Counters counters_;
+    bool running_ = false;
+    bool keyframe_requested_ = false;
+    bool finished_ = false;
+};
+
+}  // namespace vesper::tools
