@@ -1,0 +1,144 @@
+#include "tools/parent/player_process.h"
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace vesper::tools {
+
+namespace {
+
+constexpr int kSignalBase = 128;     // as a shell reports a death by signal
+constexpr int kCannotExecute = 127;  // as a shell reports a program that it could not start
+
+// In the child, between fork and exec: only calls that are safe there.
+[[noreturn]] void become(char* const* arguments, int output, int errors, pid_t parent) {
+    setpgid(0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != parent) {
+        _exit(kCannotExecute);  // it died before we could ask to be told
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    signal(SIGPIPE, SIG_DFL);
+    dup2(output, STDOUT_FILENO);
+    dup2(errors, STDERR_FILENO);
+    execv(arguments[0], arguments);
+    _exit(kCannotExecute);
+}
+
+}  // namespace
+
+std::vector<std::string> command_line(const std::string& program,
+                                      const PlayerArguments& arguments) {
+    std::vector<std::string> line = {program,
+                                     "--port",
+                                     std::to_string(arguments.port),
+                                     "--streamer-id",
+                                     std::to_string(arguments.streamer_id),
+                                     "--username",
+                                     arguments.username,
+                                     "--width",
+                                     std::to_string(arguments.width),
+                                     "--height",
+                                     std::to_string(arguments.height),
+                                     "--parent-port",
+                                     std::to_string(arguments.parent_port),
+                                     "--audio-volume",
+                                     std::to_string(arguments.volume)};
+    if (arguments.has_audio) {
+        line.emplace_back("--has-audio");
+    }
+    if (arguments.muted) {
+        line.emplace_back("--audio-muted");
+    }
+    return line;
+}
+
+PlayerProcess::~PlayerProcess() {
+    if (pid_ > 0 && !exit_status()) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    for (const Stream& stream : {std::cref(output_), std::cref(errors_)}) {
+        if (stream.fd >= 0) {
+            close(stream.fd);
+        }
+    }
+}
+
+bool PlayerProcess::start(const std::vector<std::string>& command_line) {
+    std::vector<char*> arguments;
+    for (const std::string& word : command_line) {
+        arguments.push_back(const_cast<char*>(word.c_str()));  // exec only reads them
+    }
+    arguments.push_back(nullptr);
+
+    std::array<int, 2> output{};
+    std::array<int, 2> errors{};
+    if (pipe2(output.data(), O_CLOEXEC) < 0 || pipe2(errors.data(), O_CLOEXEC) < 0) {
+        std::fprintf(stderr, "vesper-parent: no pipe: %s\n", std::strerror(errno));
+        return false;
+    }
+    const pid_t self = getpid();
+    pid_ = fork();
+    if (pid_ == 0) {
+        become(arguments.data(), output[1], errors[1], self);
+    }
+    close(output[1]);
+    close(errors[1]);
+    output_.fd = output[0];
+    errors_.fd = errors[0];
+    fcntl(output_.fd, F_SETFL, O_NONBLOCK);
+    fcntl(errors_.fd, F_SETFL, O_NONBLOCK);
+    if (pid_ < 0) {
+        std::fprintf(stderr, "vesper-parent: no process: %s\n", std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+void PlayerProcess::read_lines(Stream& stream, const LineHandler& line) {
+    std::array<char, 4096> buffer{};
+    ssize_t length = 0;
+    while (stream.fd >= 0 && (length = read(stream.fd, buffer.data(), buffer.size())) > 0) {
+        stream.partial_line.append(buffer.data(), static_cast<std::size_t>(length));
+    }
+    std::size_t end = 0;
+    while ((end = stream.partial_line.find('\n')) != std::string::npos) {
+        line(std::string_view(stream.partial_line).substr(0, end));
+        stream.partial_line.erase(0, end + 1);
+    }
+    if (stream.fd >= 0 && length == 0) {
+        if (!stream.partial_line.empty()) {
+            line(stream.partial_line);
+        }
+        close(stream.fd);
+        stream.fd = -1;
+    }
+}
+
+std::optional<int> PlayerProcess::exit_status() {
+    int status = 0;
+    if (!exit_status_ && pid_ > 0 && waitpid(pid_, &status, WNOHANG) == pid_) {
+        exit_status_ = WIFSIGNALED(status) ? kSignalBase + WTERMSIG(status) : WEXITSTATUS(status);
+    }
+    return exit_status_;
+}
+
+void PlayerProcess::terminate() const {
+    if (pid_ > 0 && !exit_status_) {
+        kill(pid_, SIGTERM);
+    }
+}
+
+}  // namespace vesper::tools

@@ -1,0 +1,59 @@
+// One player and the stream it is fed: link, source, streamer and, where we start it, the process.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "tools/parent/options.h"
+#include "tools/parent/player_process.h"
+#include "tools/stream/link.h"
+#include "tools/stream/media_source.h"
+#include "tools/stream/streamer.h"
+
+namespace vesper::tools {
+
+// All calls come from one thread. Failures print one line on standard error.
+class Session {
+  public:
+    explicit Session(const Options& options) : options_(options) {}
+
+    // Opens the source and the link, and starts the player unless one is to be fed that runs
+    // already. The stream starts once the player listens. False when anything failed.
+    [[nodiscard]] bool open();
+
+    // Passes on what the player wrote, and starts the stream when it says that it listens.
+    void read_player();
+
+    // The player's output and errors, to wait for; -1 where there is none.
+    [[nodiscard]] int player_output() const { return player_.output(); }
+    [[nodiscard]] int player_errors() const { return player_.errors(); }
+
+    // Once the player that we started has ended: its exit status.
+    [[nodiscard]] std::optional<int> player_exit_status() { return player_.exit_status(); }
+
+    [[nodiscard]] bool streaming() const { return streaming_; }
+    [[nodiscard]] bool source_finished() const { return streamer_.finished(); }
+
+    // Ends the stream and asks the player to end.
+    void stop();
+
+    [[nodiscard]] Link::Counters link_counters() const { return link_.counters(); }
+    [[nodiscard]] Streamer::Counters streamer_counters() const { return streamer_.counters(); }
+
+  private:
+    [[nodiscard]] bool start_player();
+    void pass_on(std::string_view line);
+    void start_stream();
+
+    Options options_;
+    bool streaming_ = false;
+    MediaSource source_;
+    Link link_;
+    Streamer streamer_{source_, link_};
+    PlayerProcess player_;
+};
+
+}  // namespace vesper::tools
