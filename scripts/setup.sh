@@ -1,7 +1,7 @@
 # Sourced by the other scripts: goes to the top of the tree and offers
 #
 #   install_packages KIND...   installs what is missing of scripts/packages' lines of these kinds
-#   build PRESET               configures and builds build/PRESET
+#   build PRESET ON|OFF        configures and builds build/PRESET, with or without the tests
 #
 # shellcheck shell=bash
 set -euo pipefail
@@ -30,6 +30,6 @@ install_packages() {
 }
 
 build() {
-    cmake --preset "$1"
+    cmake --preset "$1" -DVESPER_BUILD_TESTS="$2"
     cmake --build --preset "$1"
 }
