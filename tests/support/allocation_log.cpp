@@ -1,0 +1,98 @@
+#include "tests/support/allocation_log.h"
+
+#include <cstdlib>
+#include <new>
+
+namespace vesper::test {
+
+namespace {
+
+thread_local AllocationLog* current_log = nullptr;
+
+void* allocate(std::size_t size) {
+    void* const address = std::malloc(size == 0 ? 1 : size);
+    if (address != nullptr && current_log != nullptr) {
+        current_log->add({.address = address, .size = size});
+    }
+    return address;
+}
+
+void* allocate_or_throw(std::size_t size) {
+    void* const address = allocate(size);
+    if (address == nullptr) {
+        throw std::bad_alloc();
+    }
+    return address;
+}
+
+void release(void* address) {
+    if (address != nullptr && current_log != nullptr) {
+        current_log->add_release(address);
+    }
+    std::free(address);
+}
+
+}  // namespace
+
+void AllocationLog::add(Allocation allocation) {
+    if (allocation_count_ == kCapacity) {
+        std::abort();
+    }
+    allocations_[allocation_count_++] = allocation;
+}
+
+void AllocationLog::add_release(const void* address) {
+    if (release_count_ == kCapacity) {
+        std::abort();
+    }
+    releases_[release_count_++] = address;
+}
+
+std::span<const AllocationLog::Allocation> AllocationLog::allocations() const {
+    return std::span(allocations_).first(allocation_count_);
+}
+
+std::span<const void* const> AllocationLog::releases() const {
+    return std::span(releases_).first(release_count_);
+}
+
+AllocationLog allocations_of(const std::function<void()>& action) {
+    AllocationLog log;
+    current_log = &log;
+    action();
+    current_log = nullptr;
+    return log;
+}
+
+}  // namespace vesper::test
+
+void* operator new(std::size_t size) {
+    return vesper::test::allocate_or_throw(size);
+}
+void* operator new[](std::size_t size) {
+    return vesper::test::allocate_or_throw(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return vesper::test::allocate(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return vesper::test::allocate(size);
+}
+void operator delete(void* address) noexcept {
+    vesper::test::release(address);
+}
+void operator delete[](void* address) noexcept {
+    vesper::test::release(address);
+}
+void operator delete(void* address, std::size_t) noexcept {
+    vesper::test::release(address);
+}
+void operator delete[](void* address, std::size_t) noexcept {
+    vesper::test::release(address);
+}
+void operator delete(void* address, const std::nothrow_t&) noexcept {
+    vesper::test::release(address);
+}
+void operator delete[](void* address, const std::nothrow_t&) noexcept {
+    vesper::test::release(address);
+}

@@ -1,0 +1,41 @@
+// Watches the heap. A program that compiles allocation_log.cpp has every operator new and delete
+// replaced, and a test can ask what one action allocated and freed.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <functional>
+#include <span>
+
+namespace vesper::test {
+
+// What one thread did through operator new and delete. Its storage is fixed: a log that allocates
+// would watch itself.
+class AllocationLog {
+  public:
+    struct Allocation {
+        const void* address;
+        std::size_t size;  // bytes asked for
+    };
+
+    // Aborts when the log is full.
+    void add(Allocation allocation);
+    void add_release(const void* address);
+
+    // In the order of the calls.
+    [[nodiscard]] std::span<const Allocation> allocations() const;
+    [[nodiscard]] std::span<const void* const> releases() const;
+
+  private:
+    static constexpr std::size_t kCapacity = 1024;
+
+    std::array<Allocation, kCapacity> allocations_{};
+    std::array<const void*, kCapacity> releases_{};
+    std::size_t allocation_count_ = 0;
+    std::size_t release_count_ = 0;
+};
+
+// Runs `action` and tells what the calling thread allocated and freed meanwhile. Not to be nested.
+[[nodiscard]] AllocationLog allocations_of(const std::function<void()>& action);
+
+}  // namespace vesper::test
