@@ -1,0 +1,53 @@
+# Debian packages, made by `cpack` from a release build tree:
+#
+#   vesper          the programs and their manual pages       (install component player)
+#   libvesper-dev   what one needs to embed the receiver      (install component development)
+#
+# Packages install under /usr whatever the tree's own prefix is.
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME vesper)
+set(CPACK_PACKAGE_CONTACT "Vesper authors <vesper@example.org>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has its own
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
+set(CPACK_COMPONENTS_ALL player development)
+
+# One package for each component.
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+# Adds what Debian asks of every package, strips the binaries and compresses the manual pages.
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/debian/FinishStaging.cmake)
+set(CPACK_VESPER_DEBIAN_DIR ${PROJECT_SOURCE_DIR}/cmake/debian)
+
+set(CPACK_DEBIAN_PLAYER_PACKAGE_NAME vesper)
+set(CPACK_DEBIAN_PLAYER_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_PLAYER_PACKAGE_SHLIBDEPS ON)
+set(CPACK_COMPONENT_PLAYER_DESCRIPTION "window for one live stream
+vesper-player shows one live stream in a window of its own. A parent
+application starts it, sends it VP8 video and Opus sound as datagrams on the
+loopback address, and hears from it when a keyframe is needed or the volume
+was changed.
+.
+vesper-parent stands in for that application, to try the player and to
+develop with it.")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libvesper-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+# The libraries are static, so a program that embeds them links everything that they use; the
+# CMake package asks pkg-config where that is.
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+    "libavcodec-dev, libavutil-dev, libopus-dev, libsdl2-dev, libswscale-dev, pkg-config")
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "live streams in windows of your application (development files)
+Static libraries and headers of the receiver that vesper-player is made of:
+reassembly of VP8 frames out of datagrams, decoding, presentation in an SDL
+window, and Opus sound with loss concealment. They let an application show
+several live streams inside its own process.
+.
+The package holds a CMake package, pkg-config files, the embedder's manual
+and an example.")
+
+include(CPack)
