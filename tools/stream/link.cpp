@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <array>
-#include <span>
+#include <utility>
 
 namespace vesper::tools {
 
@@ -34,15 +34,15 @@ void Link::start(Handlers handlers) {
 
 void Link::send(Datagram datagram, Clock::time_point due) {
     const std::lock_guard lock(mutex_);
-    const auto later = std::ranges::upper_bound(waiting_, due, {}, &Waiting::due);
-    waiting_.insert(later, {.due = due, .datagram = std::move(datagram)});
+    const auto later = std::ranges::upper_bound(waiting_, due, {}, &Departure::time);
+    waiting_.insert(later, {.time = due, .datagram = std::move(datagram)});
 }
 
 void Link::hurry() {
     const std::lock_guard lock(mutex_);
     const Clock::time_point now = Clock::now();
-    for (Waiting& waiting : waiting_) {
-        waiting.due = std::min(waiting.due, now);
+    for (Departure& departure : waiting_) {
+        departure.time = std::min(departure.time, now);
     }
 }
 
@@ -69,34 +69,51 @@ void Link::run() {
                 return;
             }
         }
-        send_due();
+        impair_due();
+        send_departures();
         receive();
     }
 }
 
-bool Link::take_due(Waiting& waiting) {
+std::optional<Departure> Link::take_due() {
     const std::lock_guard lock(mutex_);
-    if (waiting_.empty() || waiting_.front().due > Clock::now()) {
-        return false;
+    if (waiting_.empty() || waiting_.front().time > Clock::now()) {
+        return std::nullopt;
     }
-    waiting = std::move(waiting_.front());
+    Departure departure = std::move(waiting_.front());
     waiting_.pop_front();
-    return true;
+    return departure;
 }
 
-void Link::send_due() {
-    Waiting waiting;
-    while (take_due(waiting)) {
-        const int sent = socket_.send(waiting.datagram.data(), waiting.datagram.size(), "127.0.0.1",
-                                      player_port_);
-        const std::lock_guard lock(mutex_);
-        if (sent < 0) {
-            ++counters_.send_failures;
-            continue;
+void Link::impair_due() {
+    while (auto due = take_due()) {
+        for (Departure& departure : impairments_.pass(std::move(due->datagram), due->time)) {
+            departures_.push_back(std::move(departure));
         }
-        ++counters_.datagrams_sent;
-        counters_.bytes_sent += waiting.datagram.size();
     }
+    const std::lock_guard lock(mutex_);
+    counters_.impaired = impairments_.counters();
+}
+
+void Link::send_departures() {
+    while (!departures_.empty() && departures_.front().time <= Clock::now()) {
+        send_now(departures_.front().datagram);
+        departures_.pop_front();
+    }
+}
+
+void Link::send_now(const Datagram& datagram) {
+    const int sent = socket_.send(datagram.data(), datagram.size(), "127.0.0.1", player_port_);
+    if (sent >= 0 && handlers_.datagram_passed) {
+        handlers_.datagram_passed(Direction::kToPlayer, datagram);
+    }
+    const std::lock_guard lock(mutex_);
+    if (sent < 0) {
+        ++counters_.send_failures;
+        return;
+    }
+    ++counters_.datagrams_sent;
+    counters_.bytes_sent += datagram.size();
 }
 
 void Link::receive() {
@@ -106,13 +123,19 @@ void Link::receive() {
         return;
     }
     const std::span message(buffer.data(), static_cast<std::size_t>(length));
+    if (handlers_.datagram_passed) {
+        handlers_.datagram_passed(Direction::kFromPlayer, message);
+    }
     if (is_keyframe_request(message)) {
         {
             const std::lock_guard lock(mutex_);
             ++counters_.keyframe_requests;
         }
-        handlers_.keyframe_requested();
-    } else if (const auto state = read_audio_state(message)) {
+        if (handlers_.keyframe_requested) {
+            handlers_.keyframe_requested();
+        }
+    } else if (const auto state = read_audio_state(message);
+               state && handlers_.audio_state_reported) {
         handlers_.audio_state_reported(*state);
     }
 }

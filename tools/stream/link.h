@@ -1,6 +1,7 @@
 // The wire between a parent and one player: the one place that every datagram of either direction
 // passes. Datagrams are handed in with the time at which they are due; a thread of the link's own
-// sends each at its time and listens for what the player says.
+// takes each at its time, lets the impairments have it, sends what they leave of it, and listens
+// for what the player says.
 #pragma once
 
 #include <chrono>
@@ -8,22 +9,28 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <optional>
+#include <span>
 #include <thread>
 
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
+#include "tools/stream/impairments.h"
 #include "tools/stream/packetizer.h"
 
 namespace vesper::tools {
 
-using Clock = std::chrono::steady_clock;
+// Which way a datagram goes.
+enum class Direction { kToPlayer, kFromPlayer };
 
 class Link {
   public:
-    // What to do with the player's messages. Called on the link's thread.
+    // Whom to tell; each may be empty. Called on the link's thread.
     struct Handlers {
-        std::function<void()> keyframe_requested;
-        std::function<void(const AudioState&)> audio_state_reported;
+        std::function<void()> keyframe_requested = {};
+        std::function<void(const AudioState&)> audio_state_reported = {};
+        // Every datagram as it is on the wire, after the impairments.
+        std::function<void(Direction, std::span<const std::uint8_t>)> datagram_passed = {};
     };
 
     struct Counters {
@@ -31,9 +38,10 @@ class Link {
         std::uint64_t bytes_sent = 0;
         std::uint64_t send_failures = 0;  // the system's buffer was full, or a line says why not
         std::uint64_t keyframe_requests = 0;
+        Impairments::Counters impaired;
     };
 
-    Link() = default;
+    explicit Link(const ImpairmentSettings& impairments = {}) : impairments_(impairments) {}
     // Stops.
     ~Link();
     Link(const Link&) = delete;
@@ -63,23 +71,23 @@ class Link {
     [[nodiscard]] Counters counters() const;
 
   private:
-    struct Waiting {
-        Clock::time_point due;
-        Datagram datagram;
-    };
-
     void run();
-    void send_due();
+    void impair_due();
+    void send_departures();
+    void send_now(const Datagram& datagram);
     void receive();
-    [[nodiscard]] bool take_due(Waiting& waiting);
+    [[nodiscard]] std::optional<Departure> take_due();
 
-    UDPSocket socket_;  // the thread's, once started
+    // The thread's own, once started.
+    UDPSocket socket_;
     std::uint16_t player_port_ = 0;
     Handlers handlers_;
-    std::thread thread_;
+    Impairments impairments_;
+    std::deque<Departure> departures_;  // what the impairments left, in order of time
 
-    mutable std::mutex mutex_;     // guards the rest
-    std::deque<Waiting> waiting_;  // ordered by due time
+    std::thread thread_;
+    mutable std::mutex mutex_;       // guards the rest
+    std::deque<Departure> waiting_;  // handed in, in order of time
     Counters counters_;
     bool running_ = false;
 };
