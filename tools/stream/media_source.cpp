@@ -1,9 +1,13 @@
 #include "tools/stream/media_source.h"
 
 extern "C" {
+#include <libavdevice/avdevice.h>
 #include <libavfilter/avfilter.h>
 #include <libavfilter/buffersink.h>
+#include <libavformat/avformat.h>
+#include <libavutil/avstring.h>
 #include <libavutil/error.h>
+#include <libavutil/mem.h>
 }
 
 #include <algorithm>
@@ -18,6 +22,10 @@ namespace {
 // Labels of a graph's ends.
 constexpr std::string_view kPictureEnd = "picture";
 constexpr std::string_view kSoundEnd = "sound";
+
+// The screen grabber waits until its next frame is due, unless it is late. At a rate that nobody
+// asks for it is always late, so that it never waits and the picture is as new as can be.
+constexpr int kGrabRate = 1000;  // frames/s
 
 std::string size_of(const MediaSettings& settings) {
     return std::to_string(settings.width) + "x" + std::to_string(settings.height);
@@ -45,6 +53,59 @@ std::string enlarged_clock(const MediaSettings& settings) {
            std::to_string(times) + ":flags=neighbor[clock];[whole][clock]overlay=0:0";
 }
 
+// Any picture into one of the settings' size, whole and undistorted.
+std::string picture_shape(const MediaSettings& settings) {
+    const std::string size = std::to_string(settings.width) + ":" + std::to_string(settings.height);
+    return "scale=" + size +
+           ":force_original_aspect_ratio=decrease:force_divisible_by=2,pad=" + size +
+           ":(ow-iw)/2:(oh-ih)/2,format=yuv420p[" + std::string(kPictureEnd) + "]";
+}
+
+// `text` as one value in a graph's description: escaped once for the filter's options and once for
+// the graph (libavfilter's manual, "Notes on filtergraph escaping").
+std::string escaped(std::string text) {
+    for (const char* special : {":", "[],;"}) {
+        char* result = nullptr;
+        if (av_escape(&result, text.c_str(), special, AV_ESCAPE_MODE_BACKSLASH, 0) < 0) {
+            return {};
+        }
+        text = result;
+        av_free(result);
+    }
+    return text;
+}
+
+std::string reason(int error) {
+    std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
+    av_strerror(error, text.data(), text.size());
+    return text.data();
+}
+
+// What a file offers.
+struct Probe {
+    int error = 0;  // negative: libavformat's
+    bool has_pictures = false;
+    bool has_sound = false;
+};
+
+Probe probe(const std::string& path) {
+    Probe result;
+    AVFormatContext* format = nullptr;
+    result.error = avformat_open_input(&format, path.c_str(), nullptr, nullptr);
+    if (result.error >= 0) {
+        result.error = avformat_find_stream_info(format, nullptr);
+    }
+    if (result.error >= 0) {
+        const auto has = [format](AVMediaType type) {
+            return av_find_best_stream(format, type, -1, -1, nullptr, 0) >= 0;
+        };
+        result.has_pictures = has(AVMEDIA_TYPE_VIDEO);
+        result.has_sound = has(AVMEDIA_TYPE_AUDIO);
+    }
+    avformat_close_input(&format);
+    return result;
+}
+
 }  // namespace
 
 MediaSource::~MediaSource() {
@@ -65,10 +126,55 @@ bool MediaSource::open_test_picture(const MediaSettings& settings) {
         graph += ";sine=frequency=440:beep_factor=4:sample_rate=" + std::to_string(kSoundRate) +
                  "," + sound_shape();
     }
-    return open_graph(graph);
+    const int result = open_graph(graph);
+    if (result < 0) {
+        std::fprintf(stderr, "no test picture of %s: %s\n", size_of(settings).c_str(),
+                     reason(result).c_str());
+    }
+    return result >= 0;
 }
 
-bool MediaSource::open_graph(const std::string& description) {
+bool MediaSource::open_file(const MediaSettings& settings, const std::string& path, bool loop) {
+    const Probe file = probe(path);
+    if (file.error < 0) {
+        std::fprintf(stderr, "cannot read %s: %s\n", path.c_str(), reason(file.error).c_str());
+        return false;
+    }
+    if (!file.has_pictures) {
+        std::fprintf(stderr, "%s has no video\n", path.c_str());
+        return false;
+    }
+    const bool sound = settings.sound && file.has_sound;
+    std::string graph = "movie=filename=" + escaped(path) + ":streams=dv" + (sound ? "+da" : "") +
+                        "[v]" + (sound ? "[a]" : "") +
+                        ";[v]fps=" + std::to_string(settings.frames_per_second) + "," +
+                        picture_shape(settings);
+    if (sound) {
+        graph += ";[a]" + sound_shape();
+    }
+    const int result = open_graph(graph);
+    if (result < 0) {
+        std::fprintf(stderr, "cannot play %s: %s\n", path.c_str(), reason(result).c_str());
+        return false;
+    }
+    looped_graph_ = loop ? graph : "";
+    return true;
+}
+
+bool MediaSource::open_screen(const MediaSettings& settings, const std::string& display) {
+    avdevice_register_all();
+    const int result = open_graph("movie=filename=" + escaped(display) + ":format_name=x11grab:" +
+                                  "format_opts=framerate=" + std::to_string(kGrabRate) + "," +
+                                  picture_shape(settings));
+    if (result < 0) {
+        std::fprintf(stderr, "cannot grab the display \"%s\": %s\n", display.c_str(),
+                     reason(result).c_str());
+    }
+    return result >= 0;
+}
+
+// Negative: libavfilter's error; the source is then closed.
+int MediaSource::open_graph(const std::string& description) {
     close();
     graph_ = avfilter_graph_alloc();
     AVFilterInOut* inputs = nullptr;
@@ -90,28 +196,34 @@ bool MediaSource::open_graph(const std::string& description) {
         result = avfilter_graph_config(graph_, nullptr);
     }
     if (result < 0) {
-        std::array<char, AV_ERROR_MAX_STRING_SIZE> reason{};
-        av_strerror(result, reason.data(), reason.size());
-        std::fprintf(stderr, "libavfilter refused \"%s\": %s\n", description.c_str(),
-                     reason.data());
         close();
-        return false;
     }
-    return true;
+    return result;
 }
 
 Picture MediaSource::next_picture() {
     Picture picture(av_frame_alloc());
-    if (!picture || av_buffersink_get_frame(pictures_, picture.get()) < 0) {
+    if (!picture) {
         return nullptr;
     }
-    return picture;
+    int result = av_buffersink_get_frame(pictures_, picture.get());
+    if (result == AVERROR_EOF && !looped_graph_.empty()) {
+        result = open_graph(looped_graph_);
+        if (result >= 0) {
+            result = av_buffersink_get_frame(pictures_, picture.get());
+        }
+    }
+    return result >= 0 ? std::move(picture) : nullptr;
 }
 
 bool MediaSource::next_sound(SoundFrame& sound) {
     const Picture frame(av_frame_alloc());
-    if (!has_sound() || !frame || av_buffersink_get_frame(sound_, frame.get()) < 0) {
+    if (!has_sound() || !frame) {
         return false;
+    }
+    if (av_buffersink_get_frame(sound_, frame.get()) < 0) {
+        sound.fill(0);
+        return true;
     }
     std::memcpy(sound.data(), frame->data[0], sizeof sound);
     return true;

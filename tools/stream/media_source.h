@@ -41,19 +41,29 @@ class MediaSource {
     // at 0), and a 440 Hz tone that beeps once a second. It never ends.
     [[nodiscard]] bool open_test_picture(const MediaSettings& settings);
 
+    // A media file of any format that FFmpeg opens: its first video and sound streams; with `loop`
+    // it begins again at its end. A picture of another shape gets black bars.
+    [[nodiscard]] bool open_file(const MediaSettings& settings, const std::string& path, bool loop);
+
+    // What the X display `display` shows (":0"), silent. Each picture is taken when it is asked
+    // for. It never ends.
+    [[nodiscard]] bool open_screen(const MediaSettings& settings, const std::string& display);
+
     // The next picture: YUV 4:2:0 of the settings' size, settings' frames to a second of media.
     // Null at the end.
     [[nodiscard]] Picture next_picture();
 
-    // Fills `sound` with the next 20 ms. False at the end, and where there is no sound.
+    // Fills `sound` with the next 20 ms; silence once the source's sound has ended. False where
+    // there is no sound at all.
     [[nodiscard]] bool next_sound(SoundFrame& sound);
 
     [[nodiscard]] bool has_sound() const { return sound_ != nullptr; }
 
   private:
-    bool open_graph(const std::string& description);
+    [[nodiscard]] int open_graph(const std::string& description);
     void close();
 
+    std::string looped_graph_;  // to open again at the end; empty: the end is the end
     AVFilterGraph* graph_ = nullptr;
     AVFilterContext* pictures_ = nullptr;  // sink; owned by the graph
     AVFilterContext* sound_ = nullptr;     // sink, or null; owned by the graph
