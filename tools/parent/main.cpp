@@ -8,19 +8,24 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <initializer_list>
+#include <memory>
 #include <optional>
+#include <vector>
 
 #include "net/udp_socket.h"
 #include "tools/parent/options.h"
 #include "tools/parent/session.h"
+#include "tools/parent/status.h"
 
 using vesper::tools::Clock;
+using vesper::tools::Figures;
 using vesper::tools::Options;
 using vesper::tools::Session;
+using vesper::tools::StatusReporter;
 
 namespace {
 
@@ -44,51 +49,145 @@ int watch_signals() {
     return signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
 }
 
-void wait_for_news(const Session& session, int signals) {
-    pollfd descriptors[] = {{.fd = signals, .events = POLLIN, .revents = 0},
-                            {.fd = session.player_output(), .events = POLLIN, .revents = 0},
-                            {.fd = session.player_errors(), .events = POLLIN, .revents = 0}};
-    poll(descriptors, std::size(descriptors), kWait);
-}
+// The streams of one run.
+class Run {
+  public:
+    explicit Run(const Options& options) : options_(options), signals_(watch_signals()) {}
+    ~Run() { close(signals_); }
+    Run(const Run&) = delete;
+    Run& operator=(const Run&) = delete;
 
-std::optional<int> received_signal(int signals) {
-    signalfd_siginfo info{};
-    if (read(signals, &info, sizeof info) != sizeof info) {
-        return std::nullopt;
+    // The exit status.
+    int run();
+
+  private:
+    [[nodiscard]] bool open();
+    [[nodiscard]] int stream();
+    [[nodiscard]] std::optional<int> all_players_ended();
+    [[nodiscard]] bool all_sources_finished() const;
+    [[nodiscard]] std::optional<int> received_signal() const;
+    void wait_for_news();
+    void end_players();
+    [[nodiscard]] Figures figures() const;
+
+    Options options_;
+    int signals_;
+    StatusReporter reporter_{isatty(STDOUT_FILENO) == 1};
+    std::vector<std::unique_ptr<Session>> sessions_;
+    std::optional<Clock::time_point> start_;
+};
+
+int Run::run() {
+    if (!open()) {
+        return kBadUsage;
     }
-    return static_cast<int>(info.ssi_signo);
+    const int status = stream();
+    const Figures total = figures();
+    end_players();
+    reporter_.finish(total);
+    return status;
 }
 
-// Runs the stream until something ends it; the exit status.
-int run(Session& session, const Options& options, int signals) {
-    std::optional<Clock::time_point> end;
+bool Run::open() {
+    for (int number = 1; number <= options_.streams; ++number) {
+        sessions_.push_back(std::make_unique<Session>(options_, number, reporter_));
+        if (!sessions_.back()->open()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Until something ends it; the exit status.
+int Run::stream() {
     for (;;) {
-        wait_for_news(session, signals);
-        session.read_player();
-        if (const auto status = session.player_exit_status()) {
-            session.read_player();
+        wait_for_news();
+        if (const auto status = all_players_ended()) {
             return *status;
         }
-        if (const auto signal = received_signal(signals)) {
+        if (const auto signal = received_signal()) {
             return kSignalBase + *signal;
         }
-        if (!end && session.streaming() && options.seconds.count() > 0) {
-            end = Clock::now() + std::chrono::duration_cast<Clock::duration>(options.seconds);
+        const auto started = [](const auto& session) { return session->started(); };
+        if (!start_ && std::ranges::all_of(sessions_, started)) {
+            start_ = Clock::now();
         }
-        if ((end && Clock::now() >= *end) || session.source_finished()) {
+        if (!start_) {
+            continue;
+        }
+        const Figures now = figures();
+        reporter_.update(now);
+        const bool time_is_up = options_.seconds.count() > 0 && now.time >= options_.seconds;
+        if (time_is_up || all_sources_finished()) {
             return 0;
         }
     }
 }
 
-void end_player(Session& session, int signals) {
-    session.stop();
-    const Clock::time_point give_up = Clock::now() + kEndTimeout;
-    while ((session.player_output() >= 0 || session.player_errors() >= 0) &&
-           Clock::now() < give_up) {
-        wait_for_news(session, signals);
-        session.read_player();
+// Nothing while one runs; then the exit status of the first that failed, or 0.
+std::optional<int> Run::all_players_ended() {
+    int worst = 0;
+    for (const auto& session : sessions_) {
+        const auto status = session->player_exit_status();
+        if (!status) {
+            return std::nullopt;
+        }
+        session->read_player();
+        if (worst == 0) {
+            worst = *status;
+        }
     }
+    return worst;
+}
+
+bool Run::all_sources_finished() const {
+    return std::ranges::all_of(sessions_,
+                               [](const auto& session) { return session->source_finished(); });
+}
+
+std::optional<int> Run::received_signal() const {
+    signalfd_siginfo info{};
+    if (read(signals_, &info, sizeof info) != sizeof info) {
+        return std::nullopt;
+    }
+    return static_cast<int>(info.ssi_signo);
+}
+
+void Run::wait_for_news() {
+    std::vector<pollfd> descriptors = {{.fd = signals_, .events = POLLIN, .revents = 0}};
+    for (const auto& session : sessions_) {
+        for (const int fd : {session->player_output(), session->player_errors()}) {
+            descriptors.push_back({.fd = fd, .events = POLLIN, .revents = 0});
+        }
+    }
+    poll(descriptors.data(), descriptors.size(), kWait);
+    for (const auto& session : sessions_) {
+        session->read_player();
+    }
+}
+
+void Run::end_players() {
+    for (const auto& session : sessions_) {
+        session->stop();
+    }
+    const Clock::time_point give_up = Clock::now() + kEndTimeout;
+    const auto silent = [](const auto& session) {
+        return session->player_output() < 0 && session->player_errors() < 0;
+    };
+    while (!std::ranges::all_of(sessions_, silent) && Clock::now() < give_up) {
+        wait_for_news();
+    }
+}
+
+Figures Run::figures() const {
+    Figures sum;
+    if (start_) {
+        sum.time = Clock::now() - *start_;
+    }
+    for (const auto& session : sessions_) {
+        session->add_to(sum);
+    }
+    return sum;
 }
 
 }  // namespace
@@ -102,25 +201,7 @@ int main(int argc, char** argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     av_log_set_level(AV_LOG_QUIET);  // one line of our own tells what went wrong
     socket_init();
-    const int signals = watch_signals();
-
-    Session session(*options);
-    if (!session.open()) {
-        return kBadUsage;
-    }
-    status = run(session, *options, signals);
-    end_player(session, signals);
-
-    const auto frames = session.streamer_counters();
-    const auto sent = session.link_counters();
-    std::printf(
-        "[Parent] Sent %llu frames (%llu of them keyframes that the player asked for) in "
-        "%llu datagrams, %llu bytes\n",
-        static_cast<unsigned long long>(frames.frames),
-        static_cast<unsigned long long>(frames.keyframes),
-        static_cast<unsigned long long>(sent.datagrams_sent),
-        static_cast<unsigned long long>(sent.bytes_sent));
-    close(signals);
+    status = Run(*options).run();
     socket_cleanup();
     return status;
 }

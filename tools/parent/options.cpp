@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 
 namespace vesper::tools {
@@ -27,49 +28,124 @@ std::string read_size(const std::string& text, Vp8Settings& video) {
     return {};
 }
 
-}  // namespace
-
-std::optional<Options> parse_options(int argc, const char* const* argv, int& status) {
-    Options options;
-    CLI::App app(
-        "Stands in for the application that starts the player: encodes a picture and "
-        "sound in real time and feeds them to it.",
-        "vesper-parent");
+void add_player_options(CLI::App& app, Options& options) {
     app.add_option("--player", options.player,
                    "Player to start (default: vesper-player beside this program)")
-        ->check(CLI::ExistingFile);
-    auto* to = app.add_option("--to", options.to_port, "Feed the player that listens on this port")
-                   ->check(CLI::Range(1, 65535));
-    to->excludes("--player");
+        ->check(CLI::ExistingFile)
+        ->group("Player");
+    app.add_option("--to", options.to_port, "Feed the player that listens on this port instead")
+        ->check(CLI::Range(1, 65535))
+        ->excludes("--player")
+        ->group("Player");
     app.add_option("--listen", options.listen_port,
                    "Port that the player talks to (default: any free one)")
-        ->check(CLI::Range(1, 65535));
-    app.add_option("--username", options.username, "Streamer's name")->capture_default_str();
+        ->check(CLI::Range(1, 65535))
+        ->group("Player");
+    app.add_option("--streams", options.streams, "Players to start, each with a stream of its own")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 64))
+        ->excludes("--to")
+        ->excludes("--listen")
+        ->group("Player");
+    app.add_option("--username", options.username, "Streamer's name")
+        ->capture_default_str()
+        ->group("Player");
+    app.add_option("--volume", options.volume, "Volume that the player starts with")
+        ->capture_default_str()
+        ->check(CLI::Range(0.0, 1.0))
+        ->group("Player");
+    app.add_flag("--muted", options.muted, "Start the player muted")->group("Player");
+}
+
+void add_source_options(CLI::App& app, Options& options) {
+    auto* file = app.add_option("--file", options.file,
+                                "Stream this media file (default: a test picture and a tone)")
+                     ->group("Source");
+    app.add_flag("--loop", options.loop, "Start the file again at its end")
+        ->needs(file)
+        ->group("Source");
+    app.add_option_function<std::string>(
+           "--screen",
+           [&options](const std::string& display) {
+               const char* own = std::getenv("DISPLAY");
+               options.screen = display.empty() && own != nullptr ? own : display;
+           },
+           "Stream what this display shows (default: that of $DISPLAY)")
+        ->expected(0, 1)
+        ->excludes(file)
+        ->type_name("DISPLAY")
+        ->group("Source");
+    app.add_flag("!--no-sound", options.sound, "Stream without sound")->group("Source");
+}
+
+void add_video_options(CLI::App& app, StreamSettings& stream) {
     app.add_option_function<std::string>(
            "--size",
-           [&options](const std::string& text) {
-               if (const std::string wrong = read_size(text, options.video); !wrong.empty()) {
+           [&stream](const std::string& text) {
+               if (const std::string wrong = read_size(text, stream.video); !wrong.empty()) {
                    throw CLI::ValidationError("--size", wrong);
                }
            },
            "Width and height of the stream, both even (default: 1280x720)")
-        ->type_name("WxH");
-    app.add_option("--fps", options.video.frames_per_second, "Frames a second")
+        ->type_name("WxH")
+        ->group("Video");
+    app.add_option("--fps", stream.video.frames_per_second, "Frames a second")
         ->capture_default_str()
-        ->check(CLI::Range(1, 240));
-    app.add_option("--bitrate", options.video.bitrate, "Video, bit/s")
+        ->check(CLI::Range(1, 240))
+        ->group("Video");
+    app.add_option("--bitrate", stream.video.bitrate, "In bit/s")
         ->capture_default_str()
-        ->check(CLI::Range(10'000, 1'000'000'000));
-    app.add_option("--keyframe-interval", options.video.keyframe_interval,
+        ->check(CLI::Range(10'000, 1'000'000'000))
+        ->group("Video");
+    app.add_option("--keyframe-interval", stream.video.keyframe_interval,
                    "A keyframe at least every so many frames")
         ->capture_default_str()
-        ->check(CLI::Range(1, 1'000'000));
-    app.add_option("--volume", options.volume, "Volume that the player starts with")
+        ->check(CLI::Range(1, 1'000'000))
+        ->group("Video");
+    app.add_flag("--low-delay", stream.low_delay,
+                 "Send each picture twice, so that the player shows it at once")
+        ->group("Video");
+}
+
+void add_link_options(CLI::App& app, Options& options, int& jitter) {
+    ImpairmentSettings& impairments = options.impairments;
+    app.add_flag("--burst", options.stream.burst,
+                 "Send a frame's datagrams at once (default: spread until the next frame)")
+        ->group("Link");
+    const auto add_percentage = [&app](const char* name, double& percent, const char* help) {
+        app.add_option(name, percent, help)
+            ->check(CLI::Range(0.0, 100.0))
+            ->type_name("PERCENT")
+            ->group("Link");
+    };
+    add_percentage("--loss", impairments.loss, "Datagrams that vanish");
+    add_percentage("--duplicate", impairments.duplicate, "Datagrams that arrive twice");
+    add_percentage("--reorder", impairments.reorder, "Datagrams that the next one overtakes");
+    add_percentage("--corrupt", impairments.corrupt, "Datagrams with one bit flipped");
+    add_percentage("--truncate", impairments.truncate, "Datagrams cut short");
+    app.add_option("--jitter", jitter, "Each datagram is late by up to so many milliseconds")
+        ->check(CLI::Range(0, 10'000))
+        ->type_name("MS")
+        ->group("Link");
+    app.add_option("--seed", impairments.seed, "The same seed impairs in the same way")
         ->capture_default_str()
-        ->check(CLI::Range(0.0, 1.0));
-    app.add_flag("--muted", options.muted, "Start the player muted");
-    app.add_flag("!--no-sound", options.sound, "Stream without sound");
+        ->group("Link");
+}
+
+}  // namespace
+
+std::optional<Options> parse_options(int argc, const char* const* argv, int& status) {
+    Options options;
     double seconds = 0;
+    int jitter = 0;  // ms
+    CLI::App app(
+        "Stands in for the application that starts the player: encodes picture and sound "
+        "in real time and feeds them to it.",
+        "vesper-parent");
+    add_source_options(app, options);
+    add_video_options(app, options.stream);
+    add_link_options(app, options, jitter);
+    add_player_options(app, options);
     app.add_option("--seconds", seconds, "End after so many seconds (default: never)")
         ->check(CLI::PositiveNumber);
     try {
@@ -84,6 +160,7 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& sta
         return std::nullopt;
     }
     options.seconds = std::chrono::duration<double>(seconds);
+    options.impairments.jitter = std::chrono::milliseconds(jitter);
     return options;
 }
 

@@ -6,19 +6,30 @@
 #include <optional>
 #include <string>
 
-#include "tools/stream/vp8_encoder.h"
+#include "tools/stream/impairments.h"
+#include "tools/stream/streamer.h"
 
 namespace vesper::tools {
 
 struct Options {
+    // What is streamed: the test picture, where neither is given.
+    std::string file;                   // --file: this media file
+    bool loop = false;                  // --loop: again and again
+    std::optional<std::string> screen;  // --screen: what this display shows
+    bool sound = true;                  // --no-sound: nothing to hear
+
+    StreamSettings stream;  // --size, --fps, --bitrate, --keyframe-interval, --burst, --low-delay
+    ImpairmentSettings impairments;  // --loss, --duplicate, --reorder, --corrupt, --truncate,
+                                     // --jitter, --seed
+
     std::string player;             // --player: program to start; empty: the one beside us
     std::uint16_t to_port = 0;      // --to: feed the player that listens there; 0: start one
     std::uint16_t listen_port = 0;  // --listen: where the player talks to; 0: any
-    std::string username = "Test picture";     // --username: the streamer's name
-    Vp8Settings video;                         // --size, --fps, --bitrate, --keyframe-interval
-    float volume = 1.0F;                       // --volume: that the player starts with, 0.0 to 1.0
-    bool muted = false;                        // --muted: the player starts muted
-    bool sound = true;                         // --no-sound: the stream carries none
+    int streams = 1;                // --streams: players to start
+    std::string username = "Test picture";  // --username: the streamer's name
+    float volume = 1.0F;                    // --volume: that the player starts with, 0.0 to 1.0
+    bool muted = false;                     // --muted: the player starts muted
+
     std::chrono::duration<double> seconds{0};  // --seconds: length of the stream; 0: no end
 };
 

@@ -29,19 +29,27 @@ std::string player_beside_us() {
     return std::string(self.substr(0, self.rfind('/') + 1)) + "vesper-player";
 }
 
-void print_audio_state(const AudioState& state) {
-    std::printf("[Parent] The player's volume is %.0f %%%s\n",
-                static_cast<double>(state.volume) * 100.0, state.muted ? ", muted" : "");
+std::string username_of(const Options& options, int number) {
+    return options.streams == 1 ? options.username
+                                : options.username + " " + std::to_string(number);
+}
+
+// `settings` for the `number`th stream: each with a seed of its own, so that not all lose the same.
+ImpairmentSettings impairments_of(ImpairmentSettings settings, int number) {
+    settings.seed += static_cast<std::uint64_t>(number - 1);
+    return settings;
 }
 
 }  // namespace
 
+Session::Session(const Options& options, int number, StatusReporter& reporter)
+    : options_(options),
+      number_(number),
+      reporter_(reporter),
+      link_(impairments_of(options.impairments, number)) {}
+
 bool Session::open() {
-    if (!source_.open_test_picture({.width = options_.video.width,
-                                    .height = options_.video.height,
-                                    .frames_per_second = options_.video.frames_per_second,
-                                    .sound = options_.sound}) ||
-        !streamer_.open(options_.video)) {
+    if (!open_source() || !streamer_.open(options_.stream)) {
         return false;
     }
     if (options_.to_port == 0) {
@@ -54,6 +62,20 @@ bool Session::open() {
     return true;
 }
 
+bool Session::open_source() {
+    const MediaSettings settings = {.width = options_.stream.video.width,
+                                    .height = options_.stream.video.height,
+                                    .frames_per_second = options_.stream.video.frames_per_second,
+                                    .sound = options_.sound};
+    if (options_.screen) {
+        return source_.open_screen(settings, *options_.screen);
+    }
+    if (!options_.file.empty()) {
+        return source_.open_file(settings, options_.file, options_.loop);
+    }
+    return source_.open_test_picture(settings);
+}
+
 bool Session::start_player() {
     const std::string program = options_.player.empty() ? player_beside_us() : options_.player;
     if (access(program.c_str(), X_OK) != 0) {
@@ -64,38 +86,41 @@ bool Session::start_player() {
     if (port == 0 || !link_.open(options_.listen_port, port)) {
         return false;
     }
+    audio_state_ = {.muted = options_.muted, .volume = options_.volume};
     return player_.start(command_line(program, {.port = port,
                                                 .parent_port = link_.listen_port(),
-                                                .username = options_.username,
-                                                .width = options_.video.width,
-                                                .height = options_.video.height,
-                                                .has_audio = options_.sound,
+                                                .streamer_id = static_cast<std::uint32_t>(number_),
+                                                .username = username_of(options_, number_),
+                                                .width = options_.stream.video.width,
+                                                .height = options_.stream.video.height,
+                                                .has_audio = source_.has_sound(),
                                                 .volume = options_.volume,
                                                 .muted = options_.muted}));
 }
 
 void Session::read_player() {
-    player_.read_output([this](std::string_view line) { pass_on(line); });
-    player_.read_errors([](std::string_view line) {
-        std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+    player_.read_output([this](std::string_view line) {
+        pass_on(stdout, line);
+        if (!started_ && line.starts_with(kListeningLine)) {
+            start_stream();
+        }
     });
+    player_.read_errors([this](std::string_view line) { pass_on(stderr, line); });
 }
 
-void Session::pass_on(std::string_view line) {
-    std::printf("%.*s\n", static_cast<int>(line.size()), line.data());
-    if (!streaming_ && line.starts_with(kListeningLine)) {
-        start_stream();
-    }
+void Session::pass_on(std::FILE* stream, std::string_view line) {
+    const std::string from = options_.streams == 1 ? "" : std::to_string(number_) + ": ";
+    reporter_.print(stream, from + std::string(line));
 }
 
 void Session::start_stream() {
-    streaming_ = true;
-    link_.start({.keyframe_requested =
-                     [this] {
-                         std::printf("[Parent] The player asks for a keyframe\n");
-                         streamer_.request_keyframe();
-                     },
-                 .audio_state_reported = print_audio_state});
+    started_ = true;
+    link_.start({.keyframe_requested = [this] { streamer_.request_keyframe(); },
+                 .audio_state_reported =
+                     [this](const AudioState& state) {
+                         const std::lock_guard lock(mutex_);
+                         audio_state_ = state;
+                     }});
     streamer_.start();
 }
 
@@ -103,6 +128,20 @@ void Session::stop() {
     streamer_.stop();
     link_.stop();
     player_.terminate();
+}
+
+void Session::add_to(Figures& figures) const {
+    const Streamer::Counters streamed = streamer_.counters();
+    const Link::Counters sent = link_.counters();
+    figures.frames += streamed.frames;
+    figures.skipped += streamed.skipped;
+    figures.bytes += sent.bytes_sent;
+    figures.datagrams += sent.datagrams_sent;
+    figures.send_failures += sent.send_failures;
+    figures.keyframe_requests += sent.keyframe_requests;
+    figures.impaired += sent.impaired;
+    const std::lock_guard lock(mutex_);
+    figures.audio.push_back(audio_state_);
 }
 
 }  // namespace vesper::tools

@@ -1,14 +1,13 @@
 // One player and the stream it is fed: link, source, streamer and, where we start it, the process.
 #pragma once
 
-#include <atomic>
-#include <cstdint>
-#include <memory>
+#include <mutex>
 #include <optional>
 #include <string_view>
 
 #include "tools/parent/options.h"
 #include "tools/parent/player_process.h"
+#include "tools/parent/status.h"
 #include "tools/stream/link.h"
 #include "tools/stream/media_source.h"
 #include "tools/stream/streamer.h"
@@ -18,7 +17,8 @@ namespace vesper::tools {
 // All calls come from one thread. Failures print one line on standard error.
 class Session {
   public:
-    explicit Session(const Options& options) : options_(options) {}
+    // The `number`th of options.streams, from 1.
+    Session(const Options& options, int number, StatusReporter& reporter);
 
     // Opens the source and the link, and starts the player unless one is to be fed that runs
     // already. The stream starts once the player listens. False when anything failed.
@@ -34,22 +34,30 @@ class Session {
     // Once the player that we started has ended: its exit status.
     [[nodiscard]] std::optional<int> player_exit_status() { return player_.exit_status(); }
 
-    [[nodiscard]] bool streaming() const { return streaming_; }
+    // Whether the stream has started, and whether the source has come to its end.
+    [[nodiscard]] bool started() const { return started_; }
     [[nodiscard]] bool source_finished() const { return streamer_.finished(); }
 
     // Ends the stream and asks the player to end.
     void stop();
 
-    [[nodiscard]] Link::Counters link_counters() const { return link_.counters(); }
-    [[nodiscard]] Streamer::Counters streamer_counters() const { return streamer_.counters(); }
+    // Adds this stream's figures to those of the others; the time is left alone.
+    void add_to(Figures& figures) const;
 
   private:
+    [[nodiscard]] bool open_source();
     [[nodiscard]] bool start_player();
-    void pass_on(std::string_view line);
+    void pass_on(std::FILE* stream, std::string_view line);
     void start_stream();
 
-    Options options_;
-    bool streaming_ = false;
+    const Options& options_;
+    int number_;
+    StatusReporter& reporter_;
+    bool started_ = false;
+
+    mutable std::mutex mutex_;
+    std::optional<AudioState> audio_state_;  // guarded by mutex_; written by the link's thread
+
     MediaSource source_;
     Link link_;
     Streamer streamer_{source_, link_};

@@ -22,6 +22,9 @@ constexpr int kMaxOpusPacket = 4000;  // bytes
 constexpr std::size_t kMaxFrame =
     std::size_t{kMaxFragmentsPerFrame} * kMaxFragmentPayload;  // bytes
 
+// With low delay: the picture and its repeat.
+constexpr int kFramesPerPicture = 2;
+
 // A stream that is later than this no longer tries to catch up: better late than a storm of frames.
 constexpr auto kHopelesslyLate = std::chrono::seconds(1);
 
@@ -31,11 +34,18 @@ Streamer::~Streamer() {
     stop();
 }
 
-bool Streamer::open(const Vp8Settings& settings) {
+bool Streamer::open(const StreamSettings& settings) {
+    settings_ = settings;
     frame_interval_ = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) /
-                      settings.frames_per_second;
+                      settings.video.frames_per_second;
     has_sound_ = source_.has_sound();
-    if (!video_encoder_.open(settings)) {
+    Vp8Settings video = settings.video;
+    if (settings.low_delay) {
+        // The encoder counts the repeats too.
+        video.frames_per_second *= kFramesPerPicture;
+        video.keyframe_interval *= kFramesPerPicture;
+    }
+    if (!video_encoder_.open(video)) {
         return false;
     }
     if (!sound_encoder_.init(kSoundRate, kSoundChannels, OPUS_APPLICATION_AUDIO)) {
@@ -120,7 +130,7 @@ void Streamer::stream_picture() {
         return;
     }
     picture_due_ += frame_interval_;
-    send_frame(false, picture_due_);
+    send_picture(false, picture_due_);
 }
 
 // One picture in two at most is left out, so that something always moves.
@@ -159,32 +169,44 @@ void Streamer::answer_with_keyframe() {
     }
     link_.hurry();
     last_datagram_due_ = Clock::now();
-    send_frame(true, Clock::now() + frame_interval_);
+    send_picture(true, Clock::now() + frame_interval_);
     const std::lock_guard lock(mutex_);
-    ++counters_.keyframes;
+    ++counters_.answers;
 }
 
-void Streamer::send_frame(bool keyframe, Clock::time_point until) {
-    const std::vector<std::uint8_t> encoded = video_encoder_.encode(picture_, keyframe);
-    if (encoded.empty()) {
-        return;
-    }
-    if (encoded.size() > kMaxFrame) {
-        std::fprintf(stderr, "a frame of %zu bytes is too large to send\n", encoded.size());
+void Streamer::send_picture(bool keyframe, Clock::time_point until) {
+    std::vector<Datagram> datagrams;
+    if (!encode(keyframe, datagrams) || (settings_.low_delay && !encode(false, datagrams))) {
         return;
     }
     // The frame before may not have left yet.
     const Clock::time_point from = std::max(Clock::now(), last_datagram_due_);
-    std::vector<Datagram> datagrams = video_packetizer_.packetize(encoded);
+    const Clock::duration room = settings_.burst ? Clock::duration::zero() : until - from;
     const Clock::duration spacing =
-        std::max(until - from, Clock::duration::zero()) / static_cast<int>(datagrams.size());
+        std::max(room, Clock::duration::zero()) / static_cast<int>(datagrams.size());
     last_datagram_due_ = from;
     for (Datagram& datagram : datagrams) {
         link_.send(std::move(datagram), last_datagram_due_);
         last_datagram_due_ += spacing;
     }
+}
+
+// Appends the datagrams of the newest picture.
+bool Streamer::encode(bool keyframe, std::vector<Datagram>& datagrams) {
+    const std::vector<std::uint8_t> encoded = video_encoder_.encode(picture_, keyframe);
+    if (encoded.empty()) {
+        return false;
+    }
+    if (encoded.size() > kMaxFrame) {
+        std::fprintf(stderr, "a frame of %zu bytes is too large to send\n", encoded.size());
+        return false;
+    }
+    for (Datagram& datagram : video_packetizer_.packetize(encoded)) {
+        datagrams.push_back(std::move(datagram));
+    }
     const std::lock_guard lock(mutex_);
     ++counters_.frames;
+    return true;
 }
 
 }  // namespace vesper::tools

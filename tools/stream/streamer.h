@@ -1,11 +1,12 @@
 // Turns a source into a live stream: takes pictures and sound from it in real time, encodes them,
-// cuts them into datagrams and hands these to the link, spread over the time until the next frame.
+// cuts them into datagrams and hands these to the link.
 #pragma once
 
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "audio/opus_codec.h"
 #include "tools/stream/link.h"
@@ -15,12 +16,24 @@
 
 namespace vesper::tools {
 
+struct StreamSettings {
+    Vp8Settings video;  // as many frames a second as the source has pictures
+
+    // All datagrams of a frame at once. Otherwise they are spread over the time until the next
+    // frame, which spares the player's receive buffer.
+    bool burst = false;
+
+    // Every picture goes out twice, as two frames. A decoder may hold a picture back until the
+    // frame behind it arrives; the repeat, which costs next to nothing, pushes it out at once.
+    bool low_delay = false;
+};
+
 class Streamer {
   public:
     struct Counters {
-        std::uint64_t frames = 0;     // encoded and handed to the link
-        std::uint64_t keyframes = 0;  // of these, asked for by the player
-        std::uint64_t skipped = 0;    // pictures left out because encoding fell behind
+        std::uint64_t frames = 0;   // encoded and handed to the link
+        std::uint64_t answers = 0;  // of these, keyframes that the player asked for
+        std::uint64_t skipped = 0;  // pictures left out because encoding fell behind
     };
 
     // Source and link are open and outlive the streamer, which alone uses the source.
@@ -31,7 +44,7 @@ class Streamer {
     Streamer& operator=(const Streamer&) = delete;
 
     // Makes the encoders. False, with a line on standard error, when one refuses.
-    [[nodiscard]] bool open(const Vp8Settings& settings);
+    [[nodiscard]] bool open(const StreamSettings& settings);
 
     // Starts the thread that streams; once, after open().
     void start();
@@ -57,13 +70,15 @@ class Streamer {
     void stream_picture();
     void stream_sound();
     void answer_with_keyframe();
-    void send_frame(bool keyframe, Clock::time_point until);
+    void send_picture(bool keyframe, Clock::time_point until);
+    [[nodiscard]] bool encode(bool keyframe, std::vector<Datagram>& datagrams);
     void catch_up();
 
     MediaSource& source_;
     Link& link_;
 
     // The thread's own.
+    StreamSettings settings_;
     Vp8Encoder video_encoder_;
     OpusEncoderWrapper sound_encoder_;
     VideoPacketizer video_packetizer_;
