@@ -47,7 +47,11 @@ struct ViewSpan {
 
 ViewSpan view_span(float center, int frame, float zoom) {
     const int size = std::max(view_size(frame, zoom), 1);
-    const int start = std::max(static_cast<int>(view_edge(center, frame, size)), 0);
+    // Clamped first: the wheel may carry the centre so far out of the frame that no int holds the
+    // edge.
+    const float edge =
+        std::clamp(view_edge(center, frame, size), 0.0F, static_cast<float>(frame - size));
+    const int start = static_cast<int>(edge);
     return {.start = start + size > frame ? frame - size : start, .size = size};
 }
 
