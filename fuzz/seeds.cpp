@@ -1,5 +1,7 @@
 // Writes the inputs that the fuzzers start from, made of real streams: seeds FOLDER makes
 // FOLDER/TARGET/NAME for every target.
+#include <SDL2/SDL_events.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +14,7 @@
 #include "fuzz/support/frame_flags.h"
 #include "fuzz/support/good_stream.h"
 #include "fuzz/support/input.h"
+#include "fuzz/support/input_steps.h"
 #include "net/stream_datagrams.h"
 #include "tools/stream/packetizer.h"
 #include "tools/stream/vp8_encoder.h"
@@ -250,6 +253,80 @@ void make_args(const Corpus& corpus) {
     add_words(corpus, "missing-value", {"--username", "--port", "5000", "--width"});
 }
 
+// ---- input ----
+
+InputWriter begin_input(std::uint8_t flags, float volume, int frame_width, int frame_height) {
+    InputWriter writer;
+    writer.number(flags).number(volume).number(frame_width).number(frame_height);
+    writer.number(static_cast<std::uint8_t>(InputStep::resize)).number(640).number(360);
+    return writer;
+}
+
+InputWriter& step(InputWriter& writer, InputStep kind) {
+    return writer.number(static_cast<std::uint8_t>(kind));
+}
+
+void press(InputWriter& writer, int button, int clicks, int x, int y) {
+    step(writer, InputStep::press)
+        .number(static_cast<std::uint8_t>(button))
+        .number(static_cast<std::uint8_t>(clicks))
+        .number(x)
+        .number(y);
+}
+
+void release(InputWriter& writer, int button) {
+    step(writer, InputStep::release).number(static_cast<std::uint8_t>(button));
+}
+
+InputWriter zoom_and_pan() {
+    InputWriter writer = begin_input(0, 1.0F, 1280, 720);
+    for (int i = 0; i < 12; ++i) {
+        step(writer, InputStep::wheel).number(500).number(20).number(1);
+    }
+    press(writer, SDL_BUTTON_RIGHT, 1, 500, 20);
+    step(writer, InputStep::motion).number(10).number(300);
+    step(writer, InputStep::motion).number(-4000).number(3000);
+    release(writer, SDL_BUTTON_RIGHT);
+    step(writer, InputStep::wheel).number(0).number(359).number(-1);
+    step(writer, InputStep::key).number(static_cast<std::int32_t>(SDLK_r));
+    return writer;
+}
+
+InputWriter slider_and_mute(std::uint8_t flags, float volume) {
+    InputWriter writer = begin_input(flags, volume, 64, 40);
+    press(writer, SDL_BUTTON_LEFT, 1, 100, 350);
+    step(writer, InputStep::motion).number(200).number(10);
+    release(writer, SDL_BUTTON_LEFT);
+    press(writer, SDL_BUTTON_LEFT, 1, 20, 350);
+    for (const SDL_Keycode key : {SDLK_m, SDLK_UP, SDLK_UP, SDLK_DOWN}) {
+        step(writer, InputStep::key).number(static_cast<std::int32_t>(key));
+    }
+    return writer;
+}
+
+InputWriter fullscreen() {
+    InputWriter writer = begin_input(0, 1.0F, 64, 40);
+    press(writer, SDL_BUTTON_LEFT, 2, 100, 100);
+    press(writer, SDL_BUTTON_LEFT, 1, 630, 350);
+    for (const SDL_Keycode key : {SDLK_f, SDLK_ESCAPE, SDLK_ESCAPE, SDLK_F11}) {
+        step(writer, InputStep::key).number(static_cast<std::int32_t>(key));
+    }
+    step(writer, InputStep::hide);
+    press(writer, SDL_BUTTON_LEFT, 2, 100, 100);
+    step(writer, InputStep::event)
+        .number(std::uint32_t{SDL_WINDOWEVENT})
+        .number(static_cast<std::uint8_t>(SDL_WINDOWEVENT_CLOSE));
+    return writer;
+}
+
+void make_input(const Corpus& corpus) {
+    corpus.add("zoom-and-pan", zoom_and_pan().input());
+    corpus.add("slider-and-mute", slider_and_mute(kHasAudio | kHasParent, 0.5F).input());
+    corpus.add("muted-without-window",
+               slider_and_mute(kHasAudio | kStartMuted | kNoWindow, 0.98F).input());
+    corpus.add("fullscreen", fullscreen().input());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -261,5 +338,6 @@ int main(int argc, char** argv) {
     make_datagrams(Corpus(folder, "datagrams"));
     make_frames(Corpus(folder, "frames"));
     make_args(Corpus(folder, "args"));
+    make_input(Corpus(folder, "input"));
     return 0;
 }
