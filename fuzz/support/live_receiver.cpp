@@ -70,6 +70,9 @@ void LiveReceiver::receive(std::span<const std::uint8_t> datagram) {
         receiver_.handle_screen_audio(received.data(), length);
     } else {
         receiver_.handle_fragment(received.data(), length);
+        if (length >= kVideoPayloadOffset) {
+            check_fragments(read_video_fragment_header(received.data()).frame_id);
+        }
     }
 }
 
@@ -136,16 +139,27 @@ void LiveReceiver::check_partial_frames() {
                     frame.received.size() == count && frame.fragment_sizes.size() == count,
                 "one slot to a fragment");
         require(frame.received_fragments < count, "a complete frame does not wait");
-        require(std::ranges::count(frame.received, true) == frame.received_fragments,
-                "every stored fragment is counted once");
-        for (std::size_t i = 0; i < count; ++i) {
-            require(frame.fragment_sizes[i] <= kMaxFragmentPayload &&
-                        (frame.fragment_sizes[i] != 0) == frame.received[i],
-                    "1 to 1400 bytes in a stored fragment's slot, none in another's");
-        }
     }
     require(bytes == peer_.partial_frames_bytes(), "the byte count is the sum of the buffers");
     require(bytes < kMostBytes, "no new frame above the byte budget");
+}
+
+// Only of the frame that a datagram belonged to: of all of them it would take longer than
+// receiving.
+void LiveReceiver::check_fragments(std::uint32_t frame_id) {
+    const std::lock_guard lock(peer_.frames_mutex());
+    const auto position = peer_.partial_frames().find(frame_id);
+    if (position == peer_.partial_frames().end()) {
+        return;
+    }
+    const auto& frame = position->second;
+    require(std::ranges::count(frame.received, true) == frame.received_fragments,
+            "every stored fragment is counted once");
+    for (std::size_t i = 0; i < frame.total_fragments; ++i) {
+        require(frame.fragment_sizes[i] <= kMaxFragmentPayload &&
+                    (frame.fragment_sizes[i] != 0) == frame.received[i],
+                "1 to 1400 bytes in a stored fragment's slot, none in another's");
+    }
 }
 
 void LiveReceiver::check_ring() {

@@ -41,6 +41,7 @@ class LiveReceiver {
 
   private:
     void check_partial_frames();
+    void check_fragments(std::uint32_t frame_id);
     void check_ring();
     void check_picture();
     void wait_for_empty_ring();
