@@ -1,0 +1,143 @@
+// From the command line to the exit status.
+#include <csignal>
+#include <string>
+
+#include "tests/e2e/player_test.h"
+
+namespace vesper::test {
+
+using LifeCycle = PlayerTest;
+
+TEST_F(LifeCycle, StartUpLinesComeInOrderAndCloseEndsWithStatusZero) {
+    start_player();
+    expect_clean_end();
+}
+
+TEST_F(LifeCycle, StartUpLinesWithSoundNameTheDevice) {
+    start_player({"--has-audio"});
+    expect_clean_end();
+}
+
+TEST_F(LifeCycle, TitleNamesTheStreamer) {
+    start_player({"--username", "Ann"});
+    EXPECT_EQ(window->title(), "Stream: Ann");
+}
+
+TEST_F(LifeCycle, WindowHasTheStreamsSizeInTheMiddleOfTheScreen) {
+    start_player();
+    EXPECT_EQ(window->size(), kPictureSize);
+    EXPECT_EQ(window->position(),
+              (Point{.x = (VirtualDisplay::kSize.width - kPictureSize.width) / 2,
+                     .y = (VirtualDisplay::kSize.height - kPictureSize.height) / 2}));
+}
+
+TEST_F(LifeCycle, LinesReachAPipeWhileThePlayerRuns) {
+    start_player();
+    EXPECT_FALSE(player->ending());
+    EXPECT_EQ(player->out(), start_up_text());
+    show_first_picture(flat_picture({.red = 0, .green = 0, .blue = 200}));
+    EXPECT_TRUE(eventually([this] { return player->out() == start_up_text() + progress_text; }))
+        << player->out();
+    EXPECT_FALSE(player->ending());
+}
+
+TEST_F(LifeCycle, WithoutArgumentsUsageAndStatusOne) {
+    run_player({});
+    EXPECT_EQ(player->wait_for_end(), (Ending{.status = 1}));
+    EXPECT_EQ(player->out(), "");
+    EXPECT_EQ(player->err(),
+              "Error: --port is required\n"
+              "Usage: " VESPER_PLAYER
+              " --port <PORT> [--streamer-id <ID>] [--width <W>] [--height <H>] "
+              "[--username <NAME>] [--has-audio]\n");
+}
+
+TEST_F(LifeCycle, PortInUseEndsWithStatusOneAndAnOrderlyTearDown) {
+    UDPSocket occupant;
+    ASSERT_TRUE(occupant.bind(port));
+    const std::string port_text = std::to_string(port);
+    // Both outputs in one pipe, which shows the order between them.
+    run_player({"--port", port_text}, ChildProcess::Output::Merged);
+    EXPECT_EQ(player->wait_for_end(), (Ending{.status = 1}));
+    EXPECT_EQ(with_numbered_addresses(player->out()),
+              "[VideoPlayer] Starting on port " + port_text +
+                  " for streamer 0 (Unknown, 1280x720, audio=no)\n"
+                  "[VideoReceiver] Standalone initialized (1280x720)\n"
+                  "[UDPSocket] bind() failed: Address already in use\n"
+                  "[VideoPlayer] Failed to bind UDP socket to port " +
+                  port_text + "\n" + destructor_text());
+}
+
+TEST_F(LifeCycle, NoWindowSystemEndsWithStatusOne) {
+    environment["SDL_VIDEODRIVER"] = "nosuch";
+    const std::string port_text = std::to_string(port);
+    run_player({"--port", port_text});
+    EXPECT_EQ(player->wait_for_end(), (Ending{.status = 1}));
+    EXPECT_EQ(player->out(), "[VideoPlayer] Starting on port " + port_text +
+                                 " for streamer 0 (Unknown, 1280x720, audio=no)\n");
+    EXPECT_EQ(player->err(), "[VideoPlayer] SDL_Init failed: nosuch not available\n");
+}
+
+TEST_F(LifeCycle, NoSoundDeviceStillPlaysThePicture) {
+    // A driver that writes the sound to a file, in a directory that does not exist.
+    const std::string file = directory.path() / "nowhere" / "sound.pcm";
+    environment["SDL_AUDIODRIVER"] = "disk";
+    environment["SDL_DISKAUDIOFILE"] = file;
+    has_sound_device = false;
+    start_player({"--has-audio"});
+    failure_text = "[Audio] Failed to open device: Couldn't open " + file +
+                   "\n"
+                   "[VideoReceiver] Failed to open screen audio playback device\n";
+    const Color red{.red = 200, .green = 0, .blue = 0};
+    show_first_picture(flat_picture(red));
+    expect_color({.x = 200, .y = 120}, red);
+}
+
+class LifeCycleSignal : public PlayerTest, public testing::WithParamInterface<int> {};
+
+TEST_P(LifeCycleSignal, EndsThePlayerWithoutShutDownLines) {
+    start_player();
+    show_first_picture(flat_picture({.red = 0, .green = 150, .blue = 0}));
+    EXPECT_TRUE(eventually([this] { return player->out() == start_up_text() + progress_text; }));
+    player->send_signal(GetParam());
+    EXPECT_EQ(player->wait_for_end(), (Ending{.status = 0, .signal = GetParam()}));
+    EXPECT_EQ(player->out(), start_up_text() + progress_text);
+    EXPECT_EQ(player->err(), failure_text);
+}
+
+INSTANTIATE_TEST_SUITE_P(Termination, LifeCycleSignal, testing::Values(SIGTERM, SIGINT));
+
+// Without a window system nobody can close the window; the player is ended by a signal.
+class LifeCycleHeadless : public PlayerTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(LifeCycleHeadless, TakesTheStream) {
+    environment["SDL_VIDEODRIVER"] = GetParam();
+    run_player({"--port", std::to_string(port), "--parent-port", std::to_string(parent.port()),
+                "--width", "400", "--height", "240", "--username", "Ann", "--streamer-id", "7"});
+    ASSERT_TRUE(eventually([this] { return player->out() == start_up_text(); })) << player->out();
+    show_first_picture(flat_picture({.red = 0, .green = 150, .blue = 0}));
+    EXPECT_TRUE(eventually([this] { return player->out() == start_up_text() + progress_text; }));
+    player->send_signal(SIGTERM);
+    EXPECT_EQ(player->wait_for_end(), (Ending{.status = 0, .signal = SIGTERM}));
+    EXPECT_EQ(player->err(), failure_text);
+}
+
+INSTANTIATE_TEST_SUITE_P(Drivers, LifeCycleHeadless, testing::Values("dummy", "offscreen"));
+
+TEST_F(LifeCycle, CloseInTheMiddleOfAStreamEndsWithStatusZero) {
+    start_player({"--has-audio"});
+    show_first_picture(fields_picture());
+    ToneSource tone;
+    tools::AudioPacketizer sound;
+    window->close();
+    // The stream goes on into the shut-down.
+    while (!player->ending()) {
+        for (const auto& datagram : video.show(fields_picture())) {
+            parent.send_now(datagram, port);
+        }
+        parent.send_now(sound.packetize(tone.packets(1).front()), port);
+    }
+    expect_clean_end();
+}
+
+}  // namespace vesper::test

@@ -1,0 +1,85 @@
+#include "tests/e2e/parent.h"
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+
+#include "tests/e2e/eventually.h"
+
+namespace vesper::test {
+
+namespace {
+
+// Far below what a default receive buffer of 212992 bytes holds of full fragments.
+constexpr std::size_t kBurst = 40;  // datagrams
+
+constexpr std::size_t kLongestMessage = 64;  // bytes, more than any message has
+
+// Whether the socket bound to 127.0.0.1:`port` has nothing left to receive. The kernel lists one
+// socket a line: number, local address and port, remote ones, state, send:receive queue, all in
+// hexadecimal.
+bool receive_queue_is_empty(std::uint16_t port) {
+    std::ifstream list("/proc/net/udp");
+    std::string line;
+    while (std::getline(list, line)) {
+        unsigned int address = 0;
+        unsigned int local_port = 0;
+        unsigned long queued = 0;
+        if (std::sscanf(line.c_str(), " %*d: %x:%x %*x:%*x %*x %*x:%lx", &address, &local_port,
+                        &queued) == 3 &&
+            local_port == port) {
+            return queued == 0;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+std::uint16_t free_port() {
+    UDPSocket socket;
+    if (!socket.bind(0)) {
+        throw std::runtime_error("no free UDP port");
+    }
+    return socket.get_bound_port();
+}
+
+Parent::Parent() {
+    if (!socket_.bind(0)) {
+        throw std::runtime_error("no free UDP port");
+    }
+}
+
+bool Parent::send(std::span<const tools::Datagram> datagrams, std::uint16_t player_port) {
+    std::size_t sent = 0;
+    for (const tools::Datagram& datagram : datagrams) {
+        send_now(datagram, player_port);
+        ++sent;
+        const bool pause = sent % kBurst == 0 || sent == datagrams.size();
+        if (pause && !eventually([=] { return receive_queue_is_empty(player_port); })) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void Parent::send_now(const tools::Datagram& datagram, std::uint16_t player_port) {
+    socket_.send(datagram.data(), datagram.size(), "127.0.0.1", player_port);
+}
+
+Message Parent::next_message() {
+    std::array<std::uint8_t, kLongestMessage> buffer{};
+    const int length =
+        socket_.recv(buffer.data(), buffer.size(), static_cast<int>(kPatience.count()));
+    return {buffer.begin(), buffer.begin() + std::max(length, 0)};
+}
+
+bool Parent::has_no_message() {
+    std::array<std::uint8_t, kLongestMessage> buffer{};
+    return socket_.recv(buffer.data(), buffer.size(), 0) == 0;
+}
+
+}  // namespace vesper::test

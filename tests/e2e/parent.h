@@ -1,0 +1,43 @@
+// The parent application's end of the wire.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "net/udp_socket.h"
+#include "tools/stream/packetizer.h"
+
+namespace vesper::test {
+
+using Message = std::vector<std::uint8_t>;
+
+// A UDP port of 127.0.0.1 that nobody used a moment ago.
+[[nodiscard]] std::uint16_t free_port();
+
+class Parent {
+  public:
+    // Throws std::runtime_error when no port is to be had.
+    Parent();
+
+    // Where the player's messages arrive.
+    [[nodiscard]] std::uint16_t port() const { return socket_.get_bound_port(); }
+
+    // Sends to the player at `player_port`, in order, never more at once than a socket's default
+    // buffer holds; returns when the player has taken all of them. False when it does not.
+    bool send(std::span<const tools::Datagram> datagrams, std::uint16_t player_port);
+
+    // Sends without waiting for anything, for a player that is about to end.
+    void send_now(const tools::Datagram& datagram, std::uint16_t player_port);
+
+    // The player's next message, waiting for it; empty when none comes within kPatience.
+    [[nodiscard]] Message next_message();
+
+    // Whether no message waits. After the player's end that is final.
+    [[nodiscard]] bool has_no_message();
+
+  private:
+    UDPSocket socket_;
+};
+
+}  // namespace vesper::test

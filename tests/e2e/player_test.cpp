@@ -1,0 +1,197 @@
+#include "tests/e2e/player_test.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <concepts>
+#include <cstdlib>
+#include <map>
+#include <stdexcept>
+
+#include "net/stream_datagrams.h"
+
+namespace vesper::test {
+
+namespace {
+
+// The bar's background is black with this opacity, of 255.
+constexpr int kBarOpacity = 180;
+
+std::string number(std::integral auto value) {
+    return std::to_string(value);
+}
+
+std::string size_text() {
+    return number(kPictureSize.width) + "x" + number(kPictureSize.height);
+}
+
+Color beneath_bar(Color picture) {
+    const auto darkened = [](int value) { return value * (255 - kBarOpacity) / 255; };
+    return {darkened(picture.red), darkened(picture.green), darkened(picture.blue)};
+}
+
+}  // namespace
+
+TemporaryDirectory::TemporaryDirectory() {
+    std::string name = std::filesystem::temp_directory_path() / "vesper-e2e-XXXXXX";
+    if (::mkdtemp(name.data()) == nullptr) {
+        throw std::runtime_error("no temporary directory " + name);
+    }
+    path_ = name;
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+// SDL's software renderer by default, and no GL beneath it either: the same drawing calls, without
+// a GL driver's threads on a machine that runs many tests at once. A player without sound hardware
+// plays into SDL's dummy. A sanitizer that reports something ends the player with status 99, which
+// the player itself never does.
+PlayerTest::PlayerTest()
+    : environment{
+          {"DISPLAY", display.name()},
+          {"SDL_VIDEODRIVER", "x11"},
+          {"SDL_RENDER_DRIVER", "software"},
+          {"SDL_FRAMEBUFFER_ACCELERATION", "0"},
+          {"SDL_AUDIODRIVER", "dummy"},
+          {"ASAN_OPTIONS", "exitcode=99:verify_asan_link_order=0"},
+          {"UBSAN_OPTIONS", "print_stacktrace=1"},
+          {"LSAN_OPTIONS", "print_suppressions=0:suppressions=" VESPER_E2E_SOURCES "/lsan.supp"},
+          {"TSAN_OPTIONS", "exitcode=99:suppressions=" VESPER_E2E_SOURCES "/tsan.supp"},
+      } {}
+
+void PlayerTest::TearDown() {
+    if (player && !player->ending()) {
+        expect_clean_end();
+    }
+}
+
+void PlayerTest::run_player(const std::vector<std::string>& arguments,
+                            ChildProcess::Output output) {
+    std::vector<std::string> command = {VESPER_PLAYER};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+#ifdef VESPER_E2E_PRELOAD
+    environment["LD_PRELOAD"] = VESPER_E2E_PRELOAD;
+#endif
+    player.emplace(command, environment, output);
+}
+
+void PlayerTest::start_player(const std::vector<std::string>& more) {
+    std::vector<std::string> arguments = {"--port",        number(port),
+                                          "--parent-port", number(parent.port()),
+                                          "--width",       number(kPictureSize.width),
+                                          "--height",      number(kPictureSize.height),
+                                          "--username",    "Ann",
+                                          "--streamer-id", "7"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    has_audio = std::ranges::find(more, "--has-audio") != more.end();
+    run_player(arguments);
+    ASSERT_TRUE(eventually([this] { return player->out() == start_up_text(); })) << player->out();
+    window.emplace(display, player->pid());
+}
+
+void PlayerTest::expect_clean_end() {
+    if (!window) {
+        ADD_FAILURE() << "a player without a window to close";
+        return;
+    }
+    window->close();
+    EXPECT_EQ(player->wait_for_end(), Ending{});
+    EXPECT_EQ(with_numbered_addresses(player->out()),
+              start_up_text() + progress_text + shut_down_text());
+    EXPECT_EQ(player->err(), failure_text);
+}
+
+void PlayerTest::send(const std::vector<tools::Datagram>& datagrams) {
+    ASSERT_TRUE(parent.send(datagrams, port)) << "the player does not take its datagrams";
+}
+
+void PlayerTest::show_first_picture(const tools::Picture& picture) {
+    show_picture(picture);
+    failure_text += "[VideoReceiver] VP8 receive_frame error: -11\n";
+    expect_keyframe_request();
+}
+
+void PlayerTest::expect_keyframe_request() {
+    EXPECT_EQ(parent.next_message(), Message(kKeyframeRequest.begin(), kKeyframeRequest.end()));
+    progress_text +=
+        "[VideoPlayer] Sent keyframe request to parent (port " + number(parent.port()) + ")\n";
+}
+
+bool PlayerTest::shows_color(Point point, Color color) const {
+    return is_near(window->screenshot().at(point), color);
+}
+
+void PlayerTest::expect_color(Point point, Color color) {
+    EXPECT_TRUE(eventually([&] { return shows_color(point, color); }))
+        << "at " << point << ": " << window->screenshot().at(point) << ", not " << color;
+}
+
+bool PlayerTest::bar_is_visible_over(Color picture) const {
+    return shows_color(kBarPoint, beneath_bar(picture));
+}
+
+std::string PlayerTest::start_up_text() const {
+    std::string text = "[VideoPlayer] Starting on port " + number(port) + " for streamer 7 (Ann, " +
+                       size_text() + ", audio=" + (has_audio ? "yes" : "no") +
+                       ")\n"
+                       "[VideoReceiver] Standalone initialized (" +
+                       size_text() + ")\n";
+    if (has_audio && has_sound_device) {
+        text +=
+            "[Audio] Opened playback device: 48000 Hz, 2 ch, 960 samples\n"
+            "[VideoReceiver] Screen audio enabled (stereo, 48kHz)\n";
+    }
+    return text + "[VideoPlayer] Listening on UDP port " + number(port) + "\n";
+}
+
+std::string PlayerTest::shut_down_text() {
+    return "[VideoPlayer] Shutting down\n" + destructor_text();
+}
+
+std::string PlayerTest::destructor_text() {
+    return "[VideoReceiver] Destructor called for uid=0, cleanup_done=0\n"
+           "[VideoReceiver] Destructor calling stop()\n"
+           "[VideoReceiver] Stopping decode thread and cleaning up codecs for user 0\n"
+           "[VideoReceiver] Signaling decode thread to stop\n"
+           "[VideoReceiver] Waiting for decode thread to join...\n"
+           "[VideoReceiver] Decode thread joined successfully\n"
+           "[VideoReceiver] Decode and codec cleanup complete\n"
+           "[RECV SDL DESTROY] uid=0, window_id=1: START (window=#1, renderer=#2, texture=#3)\n"
+           "[RECV SDL DESTROY] uid=0: Sleeping 10ms for event processing\n"
+           "[RECV SDL DESTROY] uid=0: Destroying texture #3\n"
+           "[RECV SDL DESTROY] uid=0: Texture destroyed\n"
+           "[RECV SDL DESTROY] uid=0: Destroying renderer #2\n"
+           "[RECV SDL DESTROY] uid=0: Renderer destroyed\n"
+           "[RECV SDL DESTROY] uid=0: Destroying window #1 (ID=1)\n"
+           "[RECV SDL DESTROY] uid=0: Window destroyed\n"
+           "[RECV SDL DESTROY] uid=0: COMPLETE\n"
+           "[VideoReceiver] Stop complete\n"
+           "[VideoReceiver] Destructor complete for uid=0\n";
+}
+
+std::string PlayerTest::with_numbered_addresses(const std::string& text) {
+    static const std::string prefix = "0x";
+    std::map<std::string, std::string> numbers;
+    std::string result;
+    std::size_t done = 0;
+    for (std::size_t start = text.find(prefix); start != std::string::npos;
+         start = text.find(prefix, start + 1)) {
+        if (start > 0 && std::isdigit(static_cast<unsigned char>(text[start - 1])) != 0) {
+            continue;  // a size such as 400x240
+        }
+        const std::size_t end = std::min(
+            text.find_first_not_of("0123456789abcdef", start + prefix.size()), text.size());
+        const auto [known, added] =
+            numbers.emplace(text.substr(start, end - start),
+                            std::string(1, '#').append(number(numbers.size() + 1)));
+        result.append(text, done, start - done).append(known->second);
+        done = end;
+    }
+    return result.append(text, done);
+}
+
+}  // namespace vesper::test

@@ -1,0 +1,100 @@
+// The fixture of the end-to-end tests: one player process in one window on one display, with a
+// parent application's socket at the other end.
+//
+// Each test ends with the window being closed, and with the player's whole output compared: what a
+// test expects beyond start-up and shut-down it adds to progress_text and failure_text. A
+// sanitizer's report is output like any other and fails the test.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/e2e/child_process.h"
+#include "tests/e2e/eventually.h"
+#include "tests/e2e/parent.h"
+#include "tests/e2e/player_window.h"
+#include "tests/e2e/test_stream.h"
+#include "tests/e2e/virtual_display.h"
+
+namespace vesper::test {
+
+// A directory that goes with the object.
+class TemporaryDirectory {
+  public:
+    TemporaryDirectory();
+    ~TemporaryDirectory();
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
+
+  private:
+    std::filesystem::path path_;
+};
+
+class PlayerTest : public testing::Test {
+  protected:
+    PlayerTest();
+    void TearDown() override;
+
+    // Runs the player with exactly these arguments, without waiting for anything.
+    void run_player(const std::vector<std::string>& arguments,
+                    ChildProcess::Output output = ChildProcess::Output::Separate);
+
+    // Runs the player for a stream of kPictureSize with `more` arguments, and waits until it
+    // listens and its window is on the screen.
+    void start_player(const std::vector<std::string>& more = {});
+
+    // Closes the window and compares everything: the exit status and both outputs.
+    void expect_clean_end();
+
+    // Sends to the player, which has taken everything when the call returns.
+    void send(const std::vector<tools::Datagram>& datagrams);
+
+    // Lets the player show the stream's first picture: its decoder answers the first frame with an
+    // error, because it gives out each picture one frame late, so a keyframe request comes along.
+    void show_first_picture(const tools::Picture& picture);
+    void show_picture(const tools::Picture& picture) { send(video.show(picture)); }
+
+    // Expects the next message to the parent to be a keyframe request, and its progress line.
+    void expect_keyframe_request();
+
+    // Waits until the window shows the colour at this point of it.
+    void expect_color(Point point, Color color);
+    [[nodiscard]] bool shows_color(Point point, Color color) const;
+
+    // The control bar darkens what is beneath it. A point of it that nothing else is drawn on, in a
+    // window of kPictureSize.
+    static constexpr Point kBarPoint{.x = 354, .y = 210};
+    [[nodiscard]] bool bar_is_visible_over(Color picture) const;
+
+    // Texts, each a list of whole lines.
+    [[nodiscard]] std::string start_up_text() const;
+    [[nodiscard]] static std::string shut_down_text();
+    [[nodiscard]] static std::string destructor_text();
+
+    // Every address in `text` replaced by #1, #2, ... in order of first appearance.
+    [[nodiscard]] static std::string with_numbered_addresses(const std::string& text);
+
+    VirtualDisplay display;
+    Parent parent;
+    const std::uint16_t port = free_port();  // the player's
+    ChildProcess::Environment environment;
+    VideoSource video;
+    TemporaryDirectory directory;
+
+    std::optional<ChildProcess> player;
+    std::optional<PlayerWindow> window;
+
+    bool has_audio = false;  // the player was started with --has-audio
+    bool has_sound_device = true;
+    std::string progress_text;  // expected on standard output between start-up and shut-down
+    std::string failure_text;   // expected on standard error
+};
+
+}  // namespace vesper::test

@@ -1,0 +1,69 @@
+// The player's window as the X server sees it: where it is, what it shows, how it is closed.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "tests/e2e/virtual_display.h"
+
+namespace vesper::test {
+
+struct Color {
+    int red = 0;
+    int green = 0;
+    int blue = 0;
+    friend std::ostream& operator<<(std::ostream& stream, const Color& color);
+};
+
+// The same colour but for what a lossy codec and 8-bit colour conversion change.
+[[nodiscard]] bool is_near(const Color& a, const Color& b);
+
+// What a window shows at one moment.
+struct Screenshot {
+    Extent size;
+    std::vector<Color> pixels;  // rows, from the top; empty when the window could not be read
+
+    // Black outside the picture.
+    [[nodiscard]] Color at(Point point) const;
+};
+
+class PlayerWindow {
+  public:
+    // The window that process `pid` made on `display`, once it is on the screen. Throws
+    // std::runtime_error when none comes.
+    PlayerWindow(const VirtualDisplay& display, pid_t pid);
+
+    [[nodiscard]] std::string title() const;
+    [[nodiscard]] Extent size() const;
+    // Of the picture's top left corner, inside any frame of a window manager, on the screen.
+    [[nodiscard]] Point position() const;
+    [[nodiscard]] Screenshot screenshot() const;
+
+    // As a viewer does it with the window's frame.
+    void close() const;
+    void resize(Extent size) const;
+
+    // Mouse and keyboard. Points are window pixels. Each call returns when the X server has the
+    // events; the player takes them later.
+    void move_pointer(Point point) const;
+    void click(Point point) const;
+    void double_click(Point point) const;
+    void press_button(Point point, int button) const;
+    void release_button(int button) const;
+    void wheel_up(Point point) const;
+    void wheel_down(Point point) const;
+    void press_key(const std::string& key) const;  // by its X name: "m", "Up", "F11"
+
+  private:
+    // xdotool's words that move the pointer to `point`, followed by `more`.
+    void at(Point point, const std::vector<std::string>& more) const;
+
+    const VirtualDisplay& display_;
+    unsigned long id_ = 0;
+};
+
+}  // namespace vesper::test

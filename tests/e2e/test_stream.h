@@ -1,0 +1,66 @@
+// A stream whose pictures are easy to tell apart on the screen and whose sound is easy to measure.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <vector>
+
+#include "audio/opus_codec.h"
+#include "tests/e2e/player_window.h"
+#include "tools/stream/packetizer.h"
+#include "tools/stream/picture.h"
+#include "tools/stream/vp8_encoder.h"
+
+namespace vesper::test {
+
+// Whole macroblocks each way, so that no edge of a picture is blurred, and small, so that sanitizer
+// builds keep up. The volume slider has its full length of 300 pixels at this width.
+inline constexpr Extent kPictureSize{.width = 400, .height = 240};
+
+// A picture in one colour.
+[[nodiscard]] tools::Picture flat_picture(Color color);
+
+// Fields of 80x80 pixels, five across and three down, no two of one colour.
+inline constexpr int kFieldSize = 80;
+[[nodiscard]] tools::Picture fields_picture();
+// The colour of the field that holds `point` of the picture.
+[[nodiscard]] Color field_color(Point point);
+
+// Throws std::runtime_error where the encoder fails.
+class VideoSource {
+  public:
+    VideoSource();
+
+    // The datagrams that make the player show `picture`: a keyframe, and a second frame behind it,
+    // because the player's decoder works with two threads and gives out each picture only when the
+    // next frame comes.
+    [[nodiscard]] std::vector<tools::Datagram> show(const tools::Picture& picture);
+
+  private:
+    tools::Vp8Encoder encoder_;
+    tools::VideoPacketizer packetizer_;
+};
+
+// 20 ms of sound, left and right in turn.
+inline constexpr int kBlockFrames = 960;
+using SoundBlock = std::array<short, std::size_t{2} * kBlockFrames>;
+
+// A sine of 440 Hz in both channels, encoded packet by packet.
+class ToneSource {
+  public:
+    static constexpr double kFrequency = 440.0;  // Hz
+    static constexpr double kAmplitude = 8000.0;
+
+    ToneSource();
+
+    // The next `count` Opus packets of 20 ms each.
+    [[nodiscard]] std::vector<std::vector<std::uint8_t>> packets(int count);
+
+  private:
+    OpusEncoderWrapper encoder_;
+    std::int64_t position_ = 0;  // samples per channel
+};
+
+}  // namespace vesper::test
