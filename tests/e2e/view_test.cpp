@@ -1,0 +1,180 @@
+// Zoom, pan and fullscreen, by the pixels that they move.
+#include "tests/e2e/player_test.h"
+
+namespace vesper::test {
+
+namespace {
+
+// Where four fields meet.
+constexpr Point kCrossing{.x = 2 * kFieldSize, .y = kFieldSize};
+
+// Clear of the crossing after any zoom of these tests, and inside the same fields.
+constexpr int kAside = 14;  // pixels
+
+constexpr int kRightButton = 3;
+
+Point moved(Point point, int dx, int dy) {
+    return {.x = point.x + dx, .y = point.y + dy};
+}
+
+}  // namespace
+
+class View : public PlayerTest {
+  protected:
+    void start_player_with_fields() {
+        start_player();
+        show_first_picture(fields_picture());
+        expect_unzoomed();
+    }
+
+    // The four fields around `crossing` of the picture meet at `point` of the window.
+    void expect_crossing_at(Point point, Point crossing) {
+        for (const int dy : {-kAside, kAside}) {
+            for (const int dx : {-kAside, kAside}) {
+                expect_color(moved(point, dx, dy), field_color(moved(crossing, dx, dy)));
+            }
+        }
+    }
+
+    // All crossings are where the stream has them.
+    void expect_unzoomed() {
+        for (int y = kFieldSize; y < kPictureSize.height; y += kFieldSize) {
+            for (int x = kFieldSize; x < kPictureSize.width; x += kFieldSize) {
+                expect_crossing_at({.x = x, .y = y}, {.x = x, .y = y});
+            }
+        }
+    }
+};
+
+TEST_F(View, WheelAtTheCentreShowsTheMiddleOfThePicture) {
+    start_player_with_fields();
+    window->wheel_up({.x = 200, .y = 120});
+    // 320x192 of the picture from (40, 24), enlarged 1.25 times.
+    expect_crossing_at({.x = 150, .y = 70}, {.x = 160, .y = 80});
+    expect_crossing_at({.x = 250, .y = 170}, {.x = 240, .y = 160});
+    expect_crossing_at({.x = 50, .y = 70}, {.x = 80, .y = 80});
+}
+
+TEST_F(View, WheelKeepsThePointUnderThePointer) {
+    start_player_with_fields();
+    for (int step = 0; step < 3; ++step) {
+        window->wheel_up(kCrossing);
+    }
+    // Enlarged 1.953 times about the crossing: the next crossing is 156 pixels away, not 80.
+    expect_crossing_at(moved(kCrossing, 156, 0), {.x = 240, .y = 80});
+    expect_crossing_at(kCrossing, kCrossing);
+}
+
+TEST_F(View, WheelBackReturnsToTheWholePicture) {
+    start_player_with_fields();
+    window->wheel_up(kCrossing);
+    expect_crossing_at(moved(kCrossing, 100, 0), {.x = 240, .y = 80});
+    window->wheel_down(kCrossing);
+    expect_unzoomed();
+}
+
+TEST_F(View, RightDragMovesThePictureWithThePointer) {
+    start_player_with_fields();
+    window->wheel_up(kCrossing);
+    window->wheel_up(kCrossing);
+    expect_crossing_at(moved(kCrossing, 125, 0), {.x = 240, .y = 80});
+    window->press_button(kCrossing, kRightButton);
+    window->move_pointer(moved(kCrossing, 30, 20));
+    expect_crossing_at(moved(kCrossing, 30, 20), kCrossing);
+    window->release_button(kRightButton);
+    window->move_pointer(moved(kCrossing, -60, -40));
+    // A motion that does not pan still shows the bar, so the player has taken it by then.
+    window->press_key("m");
+    expect_crossing_at(moved(kCrossing, 30, 20), kCrossing);
+}
+
+TEST_F(View, RightDragDoesNotMoveTheWholePicture) {
+    start_player_with_fields();
+    window->press_button(kCrossing, kRightButton);
+    window->move_pointer(moved(kCrossing, 60, 40));
+    EXPECT_TRUE(eventually([this] { return bar_is_visible_over(field_color(kBarPoint)); }));
+    expect_crossing_at({.x = 80, .y = 80}, {.x = 80, .y = 80});
+    expect_crossing_at(kCrossing, kCrossing);
+    window->release_button(kRightButton);
+}
+
+TEST_F(View, KeyRResetsTheZoom) {
+    start_player_with_fields();
+    window->wheel_up(kCrossing);
+    expect_crossing_at(moved(kCrossing, 100, 0), {.x = 240, .y = 80});
+    window->press_key("r");
+    EXPECT_TRUE(eventually([this] { return !bar_is_visible_over(field_color(kBarPoint)); }));
+    expect_unzoomed();
+}
+
+// Fullscreen is the window manager's work.
+class Fullscreen : public View {
+  protected:
+    void SetUp() override {
+        display.run_window_manager();
+        start_player_with_fields();
+        saved_size_ = window->size();
+        saved_position_ = window->position();
+    }
+
+    void expect_fullscreen() {
+        EXPECT_TRUE(eventually([this] {
+            return window->size() == VirtualDisplay::kSize && window->position() == Point{};
+        })) << window->size()
+            << " at " << window->position();
+        // The corner fields are in the corners of the screen.
+        expect_color({.x = 2, .y = 2}, field_color({.x = 0, .y = 0}));
+        expect_color({.x = VirtualDisplay::kSize.width - 3, .y = 2},
+                     field_color({.x = 399, .y = 0}));
+    }
+
+    void expect_window() {
+        EXPECT_TRUE(eventually([this] {
+            return window->size() == saved_size_ && window->position() == saved_position_;
+        })) << window->size()
+            << " at " << window->position() << ", not " << saved_size_ << " at " << saved_position_;
+        expect_crossing_at(kCrossing, kCrossing);
+    }
+
+  private:
+    Extent saved_size_;
+    Point saved_position_;
+};
+
+TEST_F(Fullscreen, KeyFGoesThereAndBack) {
+    window->press_key("f");
+    expect_fullscreen();
+    window->press_key("f");
+    expect_window();
+}
+
+TEST_F(Fullscreen, KeyF11GoesThereAndEscapeComesBack) {
+    window->press_key("F11");
+    expect_fullscreen();
+    window->press_key("Escape");
+    expect_window();
+}
+
+TEST_F(Fullscreen, EscapeInAWindowDoesNothing) {
+    window->press_key("Escape");
+    window->press_key("F11");
+    expect_fullscreen();
+    window->press_key("F11");
+    expect_window();
+}
+
+TEST_F(Fullscreen, DoubleClickOnThePictureGoesThereAndBack) {
+    window->double_click({.x = 100, .y = 100});
+    expect_fullscreen();
+    window->double_click({.x = 500, .y = 100});
+    expect_window();
+}
+
+TEST_F(Fullscreen, ButtonOfTheBarWorksWithoutSound) {
+    window->click({.x = kPictureSize.width - 24, .y = kPictureSize.height - 18});
+    expect_fullscreen();
+    window->click({.x = VirtualDisplay::kSize.width - 24, .y = VirtualDisplay::kSize.height - 18});
+    expect_window();
+}
+
+}  // namespace vesper::test
