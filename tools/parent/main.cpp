@@ -20,7 +20,9 @@ extern "C" {
 #include "tools/parent/options.h"
 #include "tools/parent/session.h"
 #include "tools/parent/status.h"
+#include "tools/stream/capture.h"
 
+using vesper::tools::CaptureWriter;
 using vesper::tools::Clock;
 using vesper::tools::Figures;
 using vesper::tools::Options;
@@ -73,6 +75,7 @@ class Run {
     Options options_;
     int signals_;
     StatusReporter reporter_{isatty(STDOUT_FILENO) == 1};
+    CaptureWriter capture_;
     std::vector<std::unique_ptr<Session>> sessions_;
     std::optional<Clock::time_point> start_;
 };
@@ -89,8 +92,11 @@ int Run::run() {
 }
 
 bool Run::open() {
+    if (!options_.capture.empty() && !capture_.open(options_.capture)) {
+        return false;
+    }
     for (int number = 1; number <= options_.streams; ++number) {
-        sessions_.push_back(std::make_unique<Session>(options_, number, reporter_));
+        sessions_.push_back(std::make_unique<Session>(options_, number, reporter_, capture_));
         if (!sessions_.back()->open()) {
             return false;
         }

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 
 namespace vesper::tools {
@@ -64,6 +65,16 @@ void add_source_options(CLI::App& app, Options& options) {
     app.add_flag("--loop", options.loop, "Start the file again at its end")
         ->needs(file)
         ->group("Source");
+    auto* replay =
+        app.add_option("--replay", options.replay, "Send what this capture holds, in its own time")
+            ->excludes(file)
+            ->type_name("CAPTURE")
+            ->group("Source");
+    app.add_option("--speed", options.speed, "Replay so many times as fast")
+        ->capture_default_str()
+        ->check(CLI::Range(0.01, 100.0))
+        ->needs(replay)
+        ->group("Source");
     app.add_option_function<std::string>(
            "--screen",
            [&options](const std::string& display) {
@@ -73,6 +84,7 @@ void add_source_options(CLI::App& app, Options& options) {
            "Stream what this display shows (default: that of $DISPLAY)")
         ->expected(0, 1)
         ->excludes(file)
+        ->excludes(replay)
         ->type_name("DISPLAY")
         ->group("Source");
     app.add_flag("!--no-sound", options.sound, "Stream without sound")->group("Source");
@@ -127,6 +139,10 @@ void add_link_options(CLI::App& app, Options& options, int& jitter) {
         ->check(CLI::Range(0, 10'000))
         ->type_name("MS")
         ->group("Link");
+    app.add_option("--capture", options.capture,
+                   "Keep every datagram of both directions in this pcap file")
+        ->type_name("FILE")
+        ->group("Link");
     app.add_option("--seed", impairments.seed, "The same seed impairs in the same way")
         ->capture_default_str()
         ->group("Link");
@@ -150,6 +166,10 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& sta
         ->check(CLI::PositiveNumber);
     try {
         app.parse(argc, argv);
+        std::error_code none_there;
+        if (std::filesystem::equivalent(options.capture, options.replay, none_there)) {
+            throw CLI::ValidationError("--capture", "would overwrite what --replay reads");
+        }
     } catch (const CLI::CallForHelp&) {
         std::cout << app.help();
         status = 0;

@@ -17,11 +17,14 @@ struct Options {
     bool loop = false;                  // --loop: again and again
     std::optional<std::string> screen;  // --screen: what this display shows
     bool sound = true;                  // --no-sound: nothing to hear
+    std::string replay;                 // --replay: what this capture holds, without encoding
+    double speed = 1.0;                 // --speed: so many times as fast as it was captured
 
     StreamSettings stream;  // --size, --fps, --bitrate, --keyframe-interval, --burst, --low-delay
     ImpairmentSettings impairments;  // --loss, --duplicate, --reorder, --corrupt, --truncate,
                                      // --jitter, --seed
 
+    std::string capture;            // --capture: keep every datagram in this file; empty: none
     std::string player;             // --player: program to start; empty: the one beside us
     std::uint16_t to_port = 0;      // --to: feed the player that listens there; 0: start one
     std::uint16_t listen_port = 0;  // --listen: where the player talks to; 0: any

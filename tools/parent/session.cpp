@@ -2,11 +2,15 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <string>
+#include <utility>
 
+#include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
+#include "tools/stream/replay.h"
 
 namespace vesper::tools {
 
@@ -42,14 +46,16 @@ ImpairmentSettings impairments_of(ImpairmentSettings settings, int number) {
 
 }  // namespace
 
-Session::Session(const Options& options, int number, StatusReporter& reporter)
+Session::Session(const Options& options, int number, StatusReporter& reporter,
+                 CaptureWriter& capture)
     : options_(options),
       number_(number),
       reporter_(reporter),
+      capture_(capture),
       link_(impairments_of(options.impairments, number)) {}
 
 bool Session::open() {
-    if (!open_source() || !streamer_.open(options_.stream)) {
+    if (replaying() ? !open_replay() : !open_source() || !streamer_.open(options_.stream)) {
         return false;
     }
     if (options_.to_port == 0) {
@@ -59,6 +65,19 @@ bool Session::open() {
         return false;
     }
     start_stream();
+    return true;
+}
+
+bool Session::open_replay() {
+    auto capture = read_capture(options_.replay);
+    if (!capture) {
+        return false;
+    }
+    replay_ = sent_to_player(std::move(*capture));
+    if (replay_.empty()) {
+        std::fprintf(stderr, "%s: holds nothing for a player\n", options_.replay.c_str());
+        return false;
+    }
     return true;
 }
 
@@ -74,6 +93,14 @@ bool Session::open_source() {
         return source_.open_file(settings, options_.file, options_.loop);
     }
     return source_.open_test_picture(settings);
+}
+
+bool Session::has_sound() const {
+    return replaying() ? options_.sound && carries_sound(replay_) : source_.has_sound();
+}
+
+bool Session::source_finished() const {
+    return replaying() ? started_ && link_.idle() : streamer_.finished();
 }
 
 bool Session::start_player() {
@@ -93,7 +120,7 @@ bool Session::start_player() {
                                                 .username = username_of(options_, number_),
                                                 .width = options_.stream.video.width,
                                                 .height = options_.stream.video.height,
-                                                .has_audio = source_.has_sound(),
+                                                .has_audio = has_sound(),
                                                 .volume = options_.volume,
                                                 .muted = options_.muted}));
 }
@@ -120,8 +147,27 @@ void Session::start_stream() {
                      [this](const AudioState& state) {
                          const std::lock_guard lock(mutex_);
                          audio_state_ = state;
+                     },
+                 .datagram_passed =
+                     [this](Direction direction, std::span<const std::uint8_t> datagram) {
+                         keep(direction, datagram);
                      }});
-    streamer_.start();
+    if (replaying()) {
+        replay(std::exchange(replay_, {}), options_.speed, Clock::now(), link_);
+    } else {
+        streamer_.start();
+    }
+}
+
+void Session::keep(Direction direction, std::span<const std::uint8_t> datagram) {
+    if (options_.capture.empty()) {
+        return;
+    }
+    if (direction == Direction::kToPlayer) {
+        capture_.write(link_.listen_port(), link_.player_port(), datagram);
+    } else {
+        capture_.write(link_.player_port(), link_.listen_port(), datagram);
+    }
 }
 
 void Session::stop() {

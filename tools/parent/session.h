@@ -3,11 +3,14 @@
 
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string_view>
+#include <vector>
 
 #include "tools/parent/options.h"
 #include "tools/parent/player_process.h"
 #include "tools/parent/status.h"
+#include "tools/stream/capture.h"
 #include "tools/stream/link.h"
 #include "tools/stream/media_source.h"
 #include "tools/stream/streamer.h"
@@ -17,8 +20,9 @@ namespace vesper::tools {
 // All calls come from one thread. Failures print one line on standard error.
 class Session {
   public:
-    // The `number`th of options.streams, from 1.
-    Session(const Options& options, int number, StatusReporter& reporter);
+    // The `number`th of options.streams, from 1. Its datagrams are kept in `capture` where the
+    // options ask for it.
+    Session(const Options& options, int number, StatusReporter& reporter, CaptureWriter& capture);
 
     // Opens the source and the link, and starts the player unless one is to be fed that runs
     // already. The stream starts once the player listens. False when anything failed.
@@ -36,7 +40,7 @@ class Session {
 
     // Whether the stream has started, and whether the source has come to its end.
     [[nodiscard]] bool started() const { return started_; }
-    [[nodiscard]] bool source_finished() const { return streamer_.finished(); }
+    [[nodiscard]] bool source_finished() const;
 
     // Ends the stream and asks the player to end.
     void stop();
@@ -45,19 +49,25 @@ class Session {
     void add_to(Figures& figures) const;
 
   private:
+    [[nodiscard]] bool replaying() const { return !options_.replay.empty(); }
+    [[nodiscard]] bool open_replay();
     [[nodiscard]] bool open_source();
+    [[nodiscard]] bool has_sound() const;
     [[nodiscard]] bool start_player();
     void pass_on(std::FILE* stream, std::string_view line);
     void start_stream();
+    void keep(Direction direction, std::span<const std::uint8_t> datagram);
 
     const Options& options_;
     int number_;
     StatusReporter& reporter_;
+    CaptureWriter& capture_;
     bool started_ = false;
 
     mutable std::mutex mutex_;
     std::optional<AudioState> audio_state_;  // guarded by mutex_; written by the link's thread
 
+    std::vector<CapturedDatagram> replay_;  // what is to be sent again
     MediaSource source_;
     Link link_;
     Streamer streamer_{source_, link_};

@@ -274,6 +274,11 @@ std::vector<CapturedDatagram> sent_to_player(std::vector<CapturedDatagram> captu
     std::erase_if(capture, [](const CapturedDatagram& datagram) {
         return is_keyframe_request(datagram.bytes) || read_audio_state(datagram.bytes).has_value();
     });
+    if (!capture.empty()) {
+        std::erase_if(capture, [port = capture.front().destination_port](const auto& datagram) {
+            return datagram.destination_port != port;
+        });
+    }
     return capture;
 }
 

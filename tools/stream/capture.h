@@ -74,8 +74,8 @@ class CaptureWriter {
 // short, or comes from a kind of interface that loopback datagrams never pass.
 [[nodiscard]] std::optional<std::vector<CapturedDatagram>> read_capture(const std::string& path);
 
-// Of a capture, what was sent to the player: everything but the player's own messages, which are
-// told by their content. (A stream datagram is never as short as they are.)
+// Of a capture, what was sent to the player that is spoken to first. The players' own messages are
+// told by their content; a stream datagram is never as short as they are.
 [[nodiscard]] std::vector<CapturedDatagram> sent_to_player(std::vector<CapturedDatagram> capture);
 
 }  // namespace vesper::tools

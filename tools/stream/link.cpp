@@ -34,8 +34,14 @@ void Link::start(Handlers handlers) {
 
 void Link::send(Datagram datagram, Clock::time_point due) {
     const std::lock_guard lock(mutex_);
+    idle_ = false;
     const auto later = std::ranges::upper_bound(waiting_, due, {}, &Departure::time);
     waiting_.insert(later, {.time = due, .datagram = std::move(datagram)});
+}
+
+bool Link::idle() const {
+    const std::lock_guard lock(mutex_);
+    return idle_;
 }
 
 void Link::hurry() {
@@ -100,6 +106,8 @@ void Link::send_departures() {
         send_now(departures_.front().datagram);
         departures_.pop_front();
     }
+    const std::lock_guard lock(mutex_);
+    idle_ = waiting_.empty() && departures_.empty();
 }
 
 void Link::send_now(const Datagram& datagram) {

@@ -51,7 +51,8 @@ class Link {
     // line on standard error, when the port is taken.
     [[nodiscard]] bool open(std::uint16_t listen_port, std::uint16_t player_port);
 
-    // Port that the player is to talk to; 0 before open().
+    // Port that the player listens on, and port that it is to talk to; 0 before open().
+    [[nodiscard]] std::uint16_t player_port() const { return player_port_; }
     [[nodiscard]] std::uint16_t listen_port() const { return socket_.get_bound_port(); }
 
     // Starts the thread; once, after open().
@@ -60,6 +61,9 @@ class Link {
     // Sends `datagram` at `due`; of two that are due at once, first the one handed in first. Any
     // thread.
     void send(Datagram datagram, Clock::time_point due);
+
+    // Whether everything handed in has left, or was lost to an impairment. Any thread.
+    [[nodiscard]] bool idle() const;
 
     // Sends everything that still waits as soon as possible. Any thread.
     void hurry();
@@ -89,6 +93,7 @@ class Link {
     mutable std::mutex mutex_;       // guards the rest
     std::deque<Departure> waiting_;  // handed in, in order of time
     Counters counters_;
+    bool idle_ = true;
     bool running_ = false;
 };
 

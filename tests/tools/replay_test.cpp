@@ -1,0 +1,292 @@
+// vesper-parent as it keeps a conversation in a file and plays it again.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "net/stream_datagrams.h"
+#include "net/udp_socket.h"
+#include "tests/support/fragment_builder.h"
+#include "tests/support/poll.h"
+#include "tests/support/temporary_folder.h"
+#include "tools/stream/capture.h"
+#include "tools/stream/packetizer.h"
+
+namespace vesper::tools {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using testing::ElementsAreArray;
+using vesper::test::FragmentBuilder;
+
+constexpr std::uint16_t kCapturedParentPort = 50001;
+constexpr std::uint16_t kCapturedPlayerPort = 50000;
+
+// How a run of vesper-parent ended, and what it wrote to standard error.
+struct Ending {
+    int status = 0;
+    std::string errors;
+
+    bool operator==(const Ending&) const = default;
+};
+
+void PrintTo(const Ending& ending, std::ostream* stream) {
+    *stream << "status " << ending.status << ", standard error: \"" << ending.errors << '"';
+}
+
+const Ending kGoodEnding{};
+
+class Replay : public testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(player_.bind(0));
+        UDPSocket probe;
+        ASSERT_TRUE(probe.bind(0));
+        parent_port_ = probe.get_bound_port();
+    }
+
+    // What a parent sends in its first moments, more than one frame and one kind of it.
+    [[nodiscard]] static std::vector<Datagram> stream() {
+        std::vector<Datagram> datagrams;
+        AudioPacketizer sound;
+        for (std::uint32_t frame = 1; frame <= 10; ++frame) {
+            for (int index = 0; index < 2; ++index) {
+                datagrams.push_back(FragmentBuilder()
+                                        .frame(frame)
+                                        .index(index)
+                                        .of(2)
+                                        .payload_of_size(1400)
+                                        .build());
+            }
+            datagrams.push_back(sound.packetize(Datagram(frame, 0x55)));
+        }
+        datagrams.emplace_back(5, std::uint8_t{0xFF});  // even what no player takes
+        return datagrams;
+    }
+
+    // A capture of `datagrams` and of the player's two messages among them.
+    void write_capture(const std::vector<Datagram>& datagrams) const {
+        CaptureWriter writer;
+        ASSERT_TRUE(writer.open(capture_));
+        for (const Datagram& datagram : datagrams) {
+            writer.write(kCapturedParentPort, kCapturedPlayerPort, datagram);
+            writer.write(kCapturedPlayerPort, kCapturedParentPort, kKeyframeRequest);
+            writer.write(kCapturedPlayerPort, kCapturedParentPort,
+                         make_audio_state({.muted = false, .volume = 0.5F}));
+        }
+    }
+
+    void start_parent(const std::string& options) {
+        const std::string command =
+            VESPER_PARENT " --to " + std::to_string(player_.get_bound_port()) + " --listen " +
+            std::to_string(parent_port_) + " " + options + " 2>'" + folder_.file("errors") + "'";
+        parent_ = popen(command.c_str(), "r");
+        ASSERT_NE(parent_, nullptr);
+    }
+
+    [[nodiscard]] Ending end_of_parent() {
+        while (std::fgetc(parent_) != EOF) {
+        }
+        const int status = pclose(parent_);
+        std::ifstream errors(folder_.file("errors"));
+        return {.status = WEXITSTATUS(status),
+                .errors = {std::istreambuf_iterator<char>(errors), {}}};
+    }
+
+    [[nodiscard]] Ending run_parent(const std::string& options) {
+        start_parent(options);
+        return end_of_parent();
+    }
+
+    // What has arrived at the player since the last call.
+    [[nodiscard]] std::vector<Datagram> received() {
+        std::vector<Datagram> datagrams;
+        Datagram buffer(65'536);
+        for (int length = 0; (length = player_.recv(buffer.data(), buffer.size(), 0)) > 0;) {
+            datagrams.emplace_back(buffer.begin(), buffer.begin() + length);
+        }
+        return datagrams;
+    }
+
+    [[nodiscard]] bool send_to_parent(std::span<const std::uint8_t> message) {
+        return player_.send(message.data(), message.size(), "127.0.0.1", parent_port_) >= 0;
+    }
+
+    test::TemporaryFolder folder_;
+    std::string capture_ = folder_.file("stream.pcap");
+    UDPSocket player_;  // stands in for one
+    std::uint16_t parent_port_ = 0;
+    std::FILE* parent_ = nullptr;
+};
+
+TEST_F(Replay, GivesThePlayerTheSameDatagramsEachTime) {
+    write_capture(stream());
+    for (int time = 1; time <= 2; ++time) {
+        EXPECT_EQ(run_parent("--replay '" + capture_ + "'"), kGoodEnding);
+        EXPECT_THAT(received(), ElementsAreArray(stream())) << "time " << time;
+    }
+}
+
+TEST_F(Replay, OfALiveStreamGivesWhatThePlayerWasSent) {
+    start_parent("--capture '" + capture_ + "' --size 160x120 --fps 10 --seconds 1");
+    std::vector<Datagram> live;
+    ASSERT_TRUE(test::poll([&] {
+        const auto more = received();
+        live.insert(live.end(), more.begin(), more.end());
+        return live.size() >= 10;
+    }));
+    EXPECT_EQ(end_of_parent(), kGoodEnding);
+    const auto rest = received();
+    live.insert(live.end(), rest.begin(), rest.end());
+
+    EXPECT_EQ(run_parent("--speed 10 --replay '" + capture_ + "'"), kGoodEnding);
+    EXPECT_THAT(received(), ElementsAreArray(live));
+}
+
+TEST_F(Replay, CanItselfBeCapturedWithWhatThePlayerSays) {
+    write_capture(stream());
+    const std::string second = folder_.file("second.pcap");
+    const Datagram muted = {'A', 'U', 'D', 'S', 1, 0, 0, 0, 0x3F};
+    // The rest comes three seconds after the first datagram, so that the parent is still there when
+    // we speak.
+    {
+        std::fstream file(capture_, std::ios::binary | std::ios::in | std::ios::out);
+        file.seekg(24);
+        std::uint32_t seconds = 0;
+        file.read(reinterpret_cast<char*>(&seconds), sizeof(seconds));
+        seconds -= 3;
+        file.seekp(24);
+        file.write(reinterpret_cast<const char*>(&seconds), sizeof(seconds));
+    }
+    start_parent("--replay '" + capture_ + "' --capture '" + second + "'");
+    std::vector<Datagram> all;
+    ASSERT_TRUE(test::poll([&] {
+        const auto more = received();
+        all.insert(all.end(), more.begin(), more.end());
+        return !all.empty();
+    }));
+    ASSERT_TRUE(send_to_parent(muted));
+    EXPECT_EQ(end_of_parent(), kGoodEnding);
+
+    auto kept = read_capture(second);
+    ASSERT_TRUE(kept.has_value());
+    std::vector<Datagram> to_player;
+    std::vector<Datagram> to_parent;
+    for (const CapturedDatagram& datagram : *kept) {
+        if (datagram.source_port == parent_port_) {
+            EXPECT_EQ(datagram.destination_port, player_.get_bound_port());
+            to_player.push_back(datagram.bytes);
+        } else {
+            EXPECT_EQ(datagram.source_port, player_.get_bound_port());
+            EXPECT_EQ(datagram.destination_port, parent_port_);
+            to_parent.push_back(datagram.bytes);
+        }
+    }
+    EXPECT_THAT(to_player, ElementsAreArray(stream()));
+    EXPECT_THAT(to_parent, testing::ElementsAre(muted));
+}
+
+// Two datagrams, `apart` from one another.
+void write_pause(const std::string& path, std::chrono::seconds apart) {
+    pcap_t* pcap = pcap_open_dead(DLT_RAW, 65'535);
+    {
+        CaptureWriter writer;
+        ASSERT_TRUE(writer.open(path));
+        writer.write(kCapturedParentPort, kCapturedPlayerPort, Datagram{1, 2, 3});
+    }
+    char error[PCAP_ERRBUF_SIZE];
+    pcap_t* one = pcap_open_offline(path.c_str(), error);
+    ASSERT_NE(one, nullptr);
+    pcap_pkthdr* header = nullptr;
+    const u_char* data = nullptr;
+    ASSERT_EQ(pcap_next_ex(one, &header, &data), 1);
+    pcap_dumper_t* both = pcap_dump_open(pcap, (path + ".both").c_str());
+    ASSERT_NE(both, nullptr);
+    pcap_dump(reinterpret_cast<u_char*>(both), header, data);
+    header->ts.tv_sec += apart.count();
+    pcap_dump(reinterpret_cast<u_char*>(both), header, data);
+    pcap_dump_close(both);
+    pcap_close(one);
+    pcap_close(pcap);
+    std::filesystem::rename(path + ".both", path);
+}
+
+TEST_F(Replay, KeepsTheTimeBetweenDatagrams) {
+    write_pause(capture_, std::chrono::seconds(1));
+    const auto start = steady_clock::now();
+    EXPECT_EQ(run_parent("--replay '" + capture_ + "'"), kGoodEnding);
+    EXPECT_GE(steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_THAT(received(), testing::SizeIs(2));
+}
+
+TEST_F(Replay, AtLowSpeedMakesTheTimeBetweenDatagramsLonger) {
+    write_pause(capture_, std::chrono::seconds(1));
+    const auto start = steady_clock::now();
+    EXPECT_EQ(run_parent("--speed 0.5 --replay '" + capture_ + "'"), kGoodEnding);
+    EXPECT_GE(steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_THAT(received(), testing::SizeIs(2));
+}
+
+// Without the speed it would outlast the test's own limit of five minutes.
+TEST_F(Replay, AtHighSpeedMakesTheTimeBetweenDatagramsShorter) {
+    write_pause(capture_, std::chrono::seconds(400));
+    EXPECT_EQ(run_parent("--speed 100 --replay '" + capture_ + "'"), kGoodEnding);
+    EXPECT_THAT(received(), testing::SizeIs(2));
+}
+
+TEST_F(Replay, OfAFileThatIsNoCaptureFails) {
+    std::ofstream(capture_) << "DKIF, and more that is no capture";
+    EXPECT_EQ(run_parent("--replay '" + capture_ + "'"),
+              (Ending{.status = 2, .errors = capture_ + ": no capture: unknown file format\n"}));
+    EXPECT_THAT(received(), testing::IsEmpty());
+}
+
+TEST_F(Replay, OfACaptureThatIsCutShortFailsBeforeItSendsAnything) {
+    write_capture({Datagram{1, 2, 3}});
+    std::filesystem::resize_file(capture_, std::filesystem::file_size(capture_) - 1);
+    EXPECT_EQ(run_parent("--replay '" + capture_ + "'"),
+              (Ending{.status = 2,
+                      .errors = capture_ +
+                                ": cut short or damaged after 2 datagrams: truncated dump file; "
+                                "tried to read 37 captured bytes, only got 36\n"}));
+    EXPECT_THAT(received(), testing::IsEmpty());
+}
+
+TEST_F(Replay, OfACaptureWithNothingForAPlayerFails) {
+    write_capture({});
+    EXPECT_EQ(run_parent("--replay '" + capture_ + "'"),
+              (Ending{.status = 2, .errors = capture_ + ": holds nothing for a player\n"}));
+}
+
+TEST_F(Replay, IntoItsOwnCaptureFailsAndLeavesItAlone) {
+    write_capture(stream());
+    EXPECT_EQ(run_parent("--replay '" + capture_ + "' --capture '" + capture_ + "'"),
+              (Ending{.status = 2,
+                      .errors = "vesper-parent: --capture: would overwrite what --replay "
+                                "reads\n"}));
+    EXPECT_THAT(read_capture(capture_), testing::Optional(testing::SizeIs(3 * stream().size())));
+}
+
+TEST_F(Replay, IsForOnePlayerOfACaptureWithSeveral) {
+    {
+        CaptureWriter writer;
+        ASSERT_TRUE(writer.open(capture_));
+        writer.write(kCapturedParentPort, kCapturedPlayerPort, Datagram{1});
+        writer.write(kCapturedParentPort, kCapturedPlayerPort + 2, Datagram{2});
+        writer.write(kCapturedParentPort, kCapturedPlayerPort, Datagram{3});
+    }
+    EXPECT_EQ(run_parent("--replay '" + capture_ + "'"), kGoodEnding);
+    EXPECT_THAT(received(), testing::ElementsAre(Datagram{1}, Datagram{3}));
+}
+
+}  // namespace
+}  // namespace vesper::tools

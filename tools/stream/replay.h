@@ -1,0 +1,21 @@
+// Plays a capture to a player once more.
+#pragma once
+
+#include <span>
+#include <vector>
+
+#include "tools/stream/capture.h"
+#include "tools/stream/link.h"
+
+namespace vesper::tools {
+
+// Hands `stream` to the link: the first datagram is due at `start`, each other one as long after it
+// as in the capture, `speed` (above 0) times as fast. Where the capture's times go back, the order
+// stays. The link is idle once the last one has left.
+void replay(std::vector<CapturedDatagram> stream, double speed, Clock::time_point start,
+            Link& link);
+
+// Whether a datagram of the stream is a sound packet.
+[[nodiscard]] bool carries_sound(std::span<const CapturedDatagram> stream);
+
+}  // namespace vesper::tools
