@@ -599,10 +599,10 @@ TEST_F(FragmentReassemblyRing, FillsOnWhereADrainedRingEnded) {
 
 TEST_F(FragmentReassemblyRing, IsFilledWithTheRingsMutexHeldInsideTheFramesMutex) {
     std::atomic<bool> done{false};
-    std::thread caller;
+    std::jthread caller;  // joins also when an assertion leaves early
     {
         const std::lock_guard ring_is_busy(peer.queue_mutex());
-        caller = std::thread([&] {
+        caller = std::jthread([&] {
             complete_frames_up_to(1);
             done = true;
         });
