@@ -145,10 +145,11 @@ bool MediaSource::open_file(const MediaSettings& settings, const std::string& pa
         return false;
     }
     const bool sound = settings.sound && file.has_sound;
+    // The rate filter takes the last picture's time for the end and drops it, unless something
+    // follows: a clone, which it then drops instead.
     std::string graph = "movie=filename=" + escaped(path) + ":streams=dv" + (sound ? "+da" : "") +
-                        "[v]" + (sound ? "[a]" : "") +
-                        ";[v]fps=" + std::to_string(settings.frames_per_second) + "," +
-                        picture_shape(settings);
+                        "[v]" + (sound ? "[a]" : "") + ";[v]tpad=stop=1:stop_mode=clone,fps=" +
+                        std::to_string(settings.frames_per_second) + "," + picture_shape(settings);
     if (sound) {
         graph += ";[a]" + sound_shape();
     }
