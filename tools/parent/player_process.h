@@ -56,6 +56,9 @@ class PlayerProcess {
     // The player's exit status once it has ended, 128 + N when signal N ended it. Does not wait.
     [[nodiscard]] std::optional<int> exit_status();
 
+    // -1 before start().
+    [[nodiscard]] pid_t pid() const { return pid_; }
+
     // Asks the player to end (SIGTERM).
     void terminate() const;
 

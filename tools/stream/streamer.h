@@ -17,7 +17,7 @@
 namespace vesper::tools {
 
 struct StreamSettings {
-    Vp8Settings video;  // as many frames a second as the source has pictures
+    Vp8Settings video{};  // as many frames a second as the source has pictures
 
     // All datagrams of a frame at once. Otherwise they are spread over the time until the next
     // frame, which spares the player's receive buffer.

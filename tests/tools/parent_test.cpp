@@ -1,0 +1,260 @@
+// vesper-parent as a whole, with shell scripts in the player's place where its own side is proved.
+extern "C" {
+#include <libavutil/log.h>
+}
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "net/stream_datagrams.h"
+#include "tests/support/poll.h"
+#include "tests/support/temporary_folder.h"
+#include "tests/tools/media_file.h"
+#include "tests/tools/stream_receiver.h"
+#include "tools/parent/player_process.h"
+
+namespace vesper::tools {
+namespace {
+
+using test::poll;
+using testing::ContainsRegex;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr const char* kListening = "[VideoPlayer] Listening on UDP port ";
+
+// One run of vesper-parent, small and quick unless told otherwise.
+class Parent {
+  public:
+    explicit Parent(std::vector<std::string> words) {
+        words.insert(words.begin(), {VESPER_PARENT, "--size", "320x240"});
+        EXPECT_TRUE(process_.start(words));
+    }
+
+    // Whether a line of standard output comes to begin with `start`.
+    [[nodiscard]] bool says(const std::string& start) {
+        return poll([&] { return !line_with(start).empty(); });
+    }
+    // Whether a line of standard output comes to contain `text`.
+    [[nodiscard]] bool mentions(const std::string& text) {
+        return poll([&] {
+            read();
+            return std::ranges::any_of(out_, [&](const std::string& line) {
+                return line.find(text) != std::string::npos;
+            });
+        });
+    }
+    // First line so far that begins with `start`, or nothing.
+    [[nodiscard]] std::string line_with(const std::string& start) {
+        read();
+        for (const std::string& line : out_) {
+            if (line.starts_with(start)) {
+                return line;
+            }
+        }
+        return {};
+    }
+    // Waits for the end; -1 when it does not come.
+    [[nodiscard]] int status() {
+        const bool ended = poll([this] {
+            read();
+            return process_.exit_status() && process_.output() < 0 && process_.errors() < 0;
+        });
+        return ended ? *process_.exit_status() : -1;
+    }
+    void send_signal(int signal) const { kill(process_.pid(), signal); }
+
+    [[nodiscard]] const std::vector<std::string>& out() const { return out_; }
+    [[nodiscard]] const std::vector<std::string>& err() const { return err_; }
+
+  private:
+    void read() {
+        process_.read_output([this](std::string_view line) { out_.emplace_back(line); });
+        process_.read_errors([this](std::string_view line) { err_.emplace_back(line); });
+    }
+
+    PlayerProcess process_;
+    std::vector<std::string> out_;
+    std::vector<std::string> err_;
+};
+
+class ParentTest : public testing::Test {
+  protected:
+    ParentTest() {
+        setenv("SDL_VIDEODRIVER", "dummy", 1);
+        setenv("SDL_AUDIODRIVER", "dummy", 1);
+        av_log_set_level(AV_LOG_QUIET);
+    }
+
+    // A player made of shell commands.
+    std::string player(const std::string& commands) const {
+        const std::string path = folder_.file("player");
+        std::ofstream(path) << "#!/bin/sh\n" << commands << '\n';
+        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+        return path;
+    }
+    // One that says it listens, tells its process id, and stays.
+    std::string patient_player() const {
+        return player("echo \"pid $$\"; echo '" + std::string(kListening) + "1'; exec sleep 1000");
+    }
+
+    test::TemporaryFolder folder_;
+};
+
+pid_t pid_of(Parent& parent) {
+    return std::stoi(parent.line_with("pid ").substr(4));
+}
+
+// Whether the process is gone, or dead and only waits to be asked for its status.
+bool ended(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string number;
+    std::string name;
+    std::string state;
+    return !(stat >> number >> name >> state) || state == "Z";
+}
+
+TEST_F(ParentTest, TellsThePlayerEverythingOnItsCommandLine) {
+    Parent parent({"--player", player("printf '%s\\n' \"$@\""), "--username", "Ann B", "--volume",
+                   "0.5", "--muted", "--listen", "45678"});
+    EXPECT_EQ(parent.status(), 0);
+    std::vector<std::string> words = parent.out();
+    ASSERT_GT(words.size(), 2U);
+    words.pop_back();  // the summary
+    EXPECT_GT(std::stoi(words.at(1)), 0);
+    words.at(1) = "PORT";
+    EXPECT_THAT(words, ElementsAre("--port", "PORT", "--streamer-id", "1", "--username", "Ann B",
+                                   "--width", "320", "--height", "240", "--parent-port", "45678",
+                                   "--audio-volume", "0.500000", "--has-audio", "--audio-muted"));
+}
+
+TEST_F(ParentTest, TellsThePlayerWhenThereIsNoSound) {
+    Parent parent({"--player", player("printf '%s\\n' \"$@\""), "--no-sound"});
+    EXPECT_EQ(parent.status(), 0);
+    EXPECT_THAT(parent.out(), testing::Not(testing::Contains("--has-audio")));
+}
+
+TEST_F(ParentTest, PassesOnThePlayersExitStatus) {
+    EXPECT_EQ(Parent({"--player", player("exit 7")}).status(), 7);
+}
+
+TEST_F(ParentTest, PassesOnWhichSignalEndedThePlayer) {
+    EXPECT_EQ(Parent({"--player", player("kill -9 $$")}).status(), 128 + SIGKILL);
+}
+
+TEST_F(ParentTest, PassesOnWhatThePlayerWrites) {
+    Parent parent({"--player", player("echo one; echo two >&2; printf three")});
+    EXPECT_EQ(parent.status(), 0);
+    EXPECT_THAT(parent.out(), ElementsAre("one", "three", ContainsRegex("^\\[Parent\\] ")));
+    EXPECT_THAT(parent.err(), ElementsAre("two"));
+}
+
+TEST_F(ParentTest, SendsNothingBeforeThePlayerListens) {
+    Parent parent({"--player", player("echo '[VideoPlayer] Starting'; sleep 1")});
+    EXPECT_EQ(parent.status(), 0);
+    EXPECT_EQ(parent.out().back(),
+              "[Parent] 0:00  0.0 frames/s  0 kbit/s  0 frames in 0 datagrams, 0 keyframes asked "
+              "for");
+}
+
+TEST_F(ParentTest, EndsThePlayerOnCtrlC) {
+    Parent parent({"--player", patient_player()});
+    ASSERT_TRUE(parent.says(kListening));
+    const pid_t player = pid_of(parent);
+    parent.send_signal(SIGINT);
+    EXPECT_EQ(parent.status(), 128 + SIGINT);
+    EXPECT_TRUE(poll([player] { return ended(player); }));
+}
+
+TEST_F(ParentTest, ThePlayerEndsEvenWhenTheParentIsKilled) {
+    Parent parent({"--player", patient_player()});
+    ASSERT_TRUE(parent.says(kListening));
+    const pid_t player = pid_of(parent);
+    parent.send_signal(SIGKILL);
+    EXPECT_TRUE(poll([player] { return ended(player); }));
+}
+
+TEST_F(ParentTest, EndsThePlayerAfterTheSecondsAskedFor) {
+    Parent parent({"--player", patient_player(), "--seconds", "0.5"});
+    ASSERT_TRUE(parent.says(kListening));
+    const pid_t player = pid_of(parent);
+    EXPECT_EQ(parent.status(), 0);
+    EXPECT_TRUE(poll([player] { return ended(player); }));
+}
+
+TEST_F(ParentTest, EndsWithItsFile) {
+    const std::string file = folder_.file("short.mkv");
+    ASSERT_TRUE(test::write_media_file(file, {.frames = 10}));
+    Parent parent({"--player", patient_player(), "--file", file});
+    EXPECT_EQ(parent.status(), 0);
+    EXPECT_THAT(parent.err(), IsEmpty());
+}
+
+TEST_F(ParentTest, FeedsAPlayerThatRunsAlready) {
+    test::StreamReceiver receiver;
+    Parent parent({"--to", std::to_string(receiver.port()), "--listen", "45679"});
+    EXPECT_TRUE(test::is_keyframe(receiver.next_frame()));
+    receiver.send(kKeyframeRequest, 45679);
+    EXPECT_TRUE(parent.mentions("  1 keyframes asked for  volume not reported"));
+    receiver.send(make_audio_state({.muted = true, .volume = 0.25F}), 45679);
+    EXPECT_TRUE(parent.mentions("  1 keyframes asked for  volume 25 % muted"));
+    parent.send_signal(SIGTERM);
+    EXPECT_EQ(parent.status(), 128 + SIGTERM);
+}
+
+TEST_F(ParentTest, FullLossReachesNobody) {
+    Parent parent({"--player", patient_player(), "--loss", "100", "--seconds", "1"});
+    EXPECT_EQ(parent.status(), 0);
+    EXPECT_THAT(parent.out().back(),
+                ContainsRegex("  0 kbit/s .* in 0 datagrams, .*, [1-9][0-9]* dropped on purpose"));
+}
+
+TEST_F(ParentTest, EachImpairmentIsCounted) {
+    Parent parent({"--player", patient_player(), "--duplicate", "50", "--reorder", "50",
+                   "--corrupt", "50", "--truncate", "50", "--jitter", "5", "--seconds", "1"});
+    EXPECT_EQ(parent.status(), 0);
+    EXPECT_THAT(parent.out().back(),
+                ContainsRegex("for, [1-9][0-9]* doubled, [1-9][0-9]* reordered, [1-9][0-9]* "
+                              "corrupted, [1-9][0-9]* cut short"));
+}
+
+TEST_F(ParentTest, StartsSeveralRealPlayersEachWithItsOwnStream) {
+    Parent parent({"--streams", "2"});
+    EXPECT_TRUE(parent.says("1: [VideoPlayer] Listening on UDP port "));
+    EXPECT_TRUE(parent.says("2: [VideoPlayer] Listening on UDP port "));
+    EXPECT_THAT(parent.line_with("1: [VideoPlayer] Starting"),
+                ContainsRegex("for streamer 1 \\(Test picture 1, 320x240, audio=yes\\)$"));
+    EXPECT_THAT(parent.line_with("2: [VideoPlayer] Starting"),
+                ContainsRegex("for streamer 2 \\(Test picture 2, 320x240, audio=yes\\)$"));
+    EXPECT_TRUE(parent.mentions("  volume 100 %, 100 %"));
+    parent.send_signal(SIGINT);
+    EXPECT_EQ(parent.status(), 128 + SIGINT);
+}
+
+TEST_F(ParentTest, BadInputIsOneLineAndStatusTwo) {
+    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+             {"--file", folder_.file("missing.mkv")},
+             {"--screen", ":4711"},
+             {"--player", "/dev/null"},
+             {"--player", folder_.file("missing")},
+             {"--size", "3x4"},
+         }) {
+        Parent parent(words);
+        EXPECT_EQ(parent.status(), 2) << words.at(0);
+        EXPECT_THAT(parent.out(), IsEmpty()) << words.at(0);
+        EXPECT_THAT(parent.err(), SizeIs(1)) << words.at(0);
+    }
+}
+
+}  // namespace
+}  // namespace vesper::tools

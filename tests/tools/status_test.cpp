@@ -1,0 +1,111 @@
+#include "tools/parent/status.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/captured_output.h"
+
+namespace vesper::tools {
+namespace {
+
+using test::Printed;
+using test::printed_by;
+using Seconds = std::chrono::duration<double>;
+
+Figures figures(double seconds) {
+    Figures result;
+    result.time = Seconds(seconds);
+    result.frames = static_cast<std::uint64_t>(seconds * 30);
+    result.bytes = static_cast<std::uint64_t>(seconds * 125'000);
+    result.datagrams = static_cast<std::uint64_t>(seconds * 100);
+    result.audio = {AudioState{.muted = false, .volume = 0.7F}};
+    return result;
+}
+
+constexpr const char* kAfterOneSecond =
+    "[Parent] 0:01  30.0 frames/s  1000 kbit/s  100 datagrams, 0 dropped on purpose  0 keyframes "
+    "asked for  volume 70 %";
+
+TEST(StatusText, TheRatesAreThoseOfThePeriod) {
+    Figures now = figures(62);
+    now.frames = figures(60).frames + 20;
+    now.impaired.lost = 5;
+    now.keyframe_requests = 3;
+    EXPECT_EQ(status_text(figures(60), now),
+              "1:02  10.0 frames/s  1000 kbit/s  6200 datagrams, 5 dropped on purpose  3 keyframes "
+              "asked for  volume 70 %");
+}
+
+TEST(StatusText, NamesEachPlayersVolume) {
+    Figures now = figures(1);
+    now.audio = {AudioState{.muted = true, .volume = 1.0F}, std::nullopt};
+    EXPECT_EQ(status_text({}, now),
+              "0:01  30.0 frames/s  1000 kbit/s  100 datagrams, 0 dropped on purpose  0 keyframes "
+              "asked for  volume 100 % muted, not reported");
+}
+
+TEST(SummaryText, IsShortWhereNothingWentWrong) {
+    EXPECT_EQ(summary_text(figures(10)),
+              "0:10  30.0 frames/s  1000 kbit/s  300 frames in 1000 datagrams, 0 keyframes asked "
+              "for");
+}
+
+TEST(SummaryText, NamesEverythingThatHappened) {
+    Figures all = figures(10);
+    all.keyframe_requests = 1;
+    all.impaired = {.lost = 2, .duplicated = 3, .reordered = 4, .corrupted = 5, .truncated = 6};
+    all.send_failures = 7;
+    all.skipped = 8;
+    EXPECT_EQ(summary_text(all),
+              "0:10  30.0 frames/s  1000 kbit/s  300 frames in 1000 datagrams, 1 keyframes asked "
+              "for, 2 dropped on purpose, 3 doubled, 4 reordered, 5 corrupted, 6 cut short, 7 not "
+              "taken by the system, 8 pictures skipped because encoding fell behind");
+}
+
+TEST(StatusReporter, PrintsOncePerSecond) {
+    StatusReporter reporter(false);
+    EXPECT_EQ(printed_by([&] {
+                  reporter.update(figures(0));
+                  reporter.update(figures(0.5));
+                  reporter.update(figures(1));
+                  reporter.update(figures(1.5));
+              }),
+              (Printed{.out = kAfterOneSecond + std::string("\n"), .err = ""}));
+}
+
+TEST(StatusReporter, PrintsAtOnceWhatAPlayerReports) {
+    StatusReporter reporter(false);
+    Figures muted = figures(0.5);
+    muted.audio = {AudioState{.muted = true, .volume = 0.7F}};
+    Figures asked = muted;
+    asked.keyframe_requests = 1;
+    EXPECT_EQ(printed_by([&] {
+                  reporter.update(figures(0));
+                  reporter.update(muted);
+                  reporter.update(muted);
+                  reporter.update(asked);
+              }),
+              (Printed{.out = "[Parent] 0:00  30.0 frames/s  1000 kbit/s  50 datagrams, 0 dropped "
+                              "on purpose  0 keyframes asked for  volume 70 % muted\n"
+                              "[Parent] 0:00  30.0 frames/s  1000 kbit/s  50 datagrams, 0 dropped "
+                              "on purpose  1 keyframes asked for  volume 70 % muted\n",
+                       .err = ""}));
+}
+
+TEST(StatusReporter, KeepsTheStatusInPlaceBelowThePlayersLines) {
+    StatusReporter reporter(true);
+    const std::string status = kAfterOneSecond;
+    const std::string clear = "\r\033[K";
+    EXPECT_EQ(printed_by([&] {
+                  reporter.print(stdout, "before");
+                  reporter.update(figures(1));
+                  reporter.print(stdout, "a line");
+                  reporter.print(stderr, "an error");
+                  reporter.finish(figures(1));
+              }),
+              (Printed{.out = "before\n" + status + clear + "a line\n" + status + clear + status +
+                              clear + "[Parent] " + summary_text(figures(1)) + "\n",
+                       .err = "an error\n"}));
+}
+
+}  // namespace
+}  // namespace vesper::tools
