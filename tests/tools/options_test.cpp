@@ -42,7 +42,7 @@ TEST(ParentOptions, WithoutAnyTheTestPictureGoesToOneNewPlayer) {
     EXPECT_EQ(options.stream.video.height, 720);
     EXPECT_EQ(options.stream.video.frames_per_second, 30);
     EXPECT_EQ(options.stream.video.bitrate, 1'500'000);
-    EXPECT_EQ(options.stream.video.keyframe_interval, 300);
+    EXPECT_EQ(options.stream.video.keyframe_interval, 60);
     EXPECT_FALSE(options.stream.burst);
     EXPECT_FALSE(options.stream.low_delay);
     EXPECT_EQ(options.impairments.loss, 0);

@@ -14,10 +14,6 @@ namespace {
 // Fast enough for full HD on two cores; every step down costs about half the speed.
 constexpr int kCpuUsed = 8;
 
-// Keyframes of at most four average frames. The player takes one datagram a pass: a keyframe left
-// to itself is ten times as large, and would still be on its way when its 250 ms are over.
-constexpr int kMaxKeyframeSize = 400;  // per cent of an average frame
-
 // A keyframe may take what this many frames take on average. Unbounded, the keyframe of a busy
 // picture takes half a second's worth: more than the player's receive buffer holds, so that it
 // would be lost just when it is needed.
@@ -55,7 +51,6 @@ bool Vp8Encoder::open(const Vp8Settings& settings) {
     av_opt_set(context_->priv_data, "deadline", "realtime", 0);
     av_opt_set_int(context_->priv_data, "cpu-used", kCpuUsed, 0);
     av_opt_set_int(context_->priv_data, "lag-in-frames", 0, 0);
-    av_opt_set_int(context_->priv_data, "max-intra-rate", kMaxKeyframeSize, 0);
     av_opt_set_int(context_->priv_data, "max-intra-rate", kMaxKeyframeShare, 0);
     const int result = avcodec_open2(context_, codec, nullptr);
     if (result < 0) {

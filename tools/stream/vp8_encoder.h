@@ -19,7 +19,9 @@ struct Vp8Settings {
     // bit/s. The player takes one datagram for every time it draws its window; without a graphics
     // card that is some 300 a second, and this stays well below it.
     int bitrate = 1'500'000;
-    int keyframe_interval = 300;  // frames; a keyframe at least this often
+    // Frames; a keyframe at least this often. A lost frame that a newer one overtook is not
+    // reported, so this is how long its damage can stay: two seconds at 30 frames/s.
+    int keyframe_interval = 60;
 };
 
 // One thread at a time uses an encoder. Failures print one line on standard error.
