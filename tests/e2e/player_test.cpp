@@ -90,6 +90,7 @@ void PlayerTest::start_player(const std::vector<std::string>& more) {
     has_audio = std::ranges::find(more, "--has-audio") != more.end();
     run_player(arguments);
     ASSERT_TRUE(eventually([this] { return player->out() == start_up_text(); })) << player->out();
+    // Not earlier: SDL replaces the window when the renderer wants another kind of it.
     window.emplace(display, player->pid());
 }
 
@@ -126,7 +127,9 @@ bool PlayerTest::shows_color(Point point, Color color) const {
 }
 
 void PlayerTest::expect_color(Point point, Color color) {
-    EXPECT_TRUE(eventually([&] { return shows_color(point, color); }))
+    // Once a test has failed, the points that are wrong with the first one are only listed.
+    const auto limit = HasFailure() ? std::chrono::milliseconds(100) : kPatience;
+    EXPECT_TRUE(eventually([&] { return shows_color(point, color); }, limit))
         << "at " << point << ": " << window->screenshot().at(point) << ", not " << color;
 }
 
