@@ -100,7 +100,7 @@ bool Session::has_sound() const {
 }
 
 bool Session::source_finished() const {
-    return replaying() ? started_ && link_.idle() : streamer_.finished();
+    return started_ && link_.idle() && (replaying() || streamer_.finished());
 }
 
 bool Session::start_player() {

@@ -38,7 +38,8 @@ class Session {
     // Once the player that we started has ended: its exit status.
     [[nodiscard]] std::optional<int> player_exit_status() { return player_.exit_status(); }
 
-    // Whether the stream has started, and whether the source has come to its end.
+    // Whether the stream has started, and whether the source has come to its end and all of it has
+    // left.
     [[nodiscard]] bool started() const { return started_; }
     [[nodiscard]] bool source_finished() const;
 
