@@ -1136,6 +1136,19 @@ TEST_F(WheelZoom, WithoutFrameOrWindowSizeNothingHappens) {
     expect_nothing_happened();
 }
 
+// The centre goes far beyond what an int could hold in pixels of the frame.
+TEST_F(WheelZoom, APointerFarOutsideTheWindowLeavesTheRectangleInsideTheFrame) {
+    set_frame_size(16384, 720);
+    set_window_size(1, 720);
+    wheel_at(1'000'000, 360, 1);
+    EXPECT_GT(state_.zoom_center_x * 16384.0F, 0x1p31F);
+    EXPECT_EQ(zoom(), (Zoom{true, 3277, 72, 13107, 576}));
+    set_view(kWholePicture);
+    wheel_at(-1'000'000, 360, 1);
+    EXPECT_LT(state_.zoom_center_x * 16384.0F, -0x1p31F);
+    EXPECT_EQ(zoom(), (Zoom{true, 0, 72, 13107, 576}));
+}
+
 TEST_F(WheelZoom, WorksWhileTheBarIsHiddenAndLeavesItHidden) {
     state_.bar_visible = false;
     wheel_at(640, 360, 1);
