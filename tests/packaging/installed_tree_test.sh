@@ -1,0 +1,69 @@
+#!/usr/bin/env bash
+# Installs the tree, moves it somewhere else, and builds the example against it both ways.
+#
+#   installed_tree_test.sh BUILD_DIR LIBDIR VERSION CXX WORK_DIR
+source "$(dirname "$0")/expect.sh"
+build=$1 libdir=$2 version=$3 cxx=$4 work=$5
+
+rm -rf "$work"
+mkdir -p "$work"
+DESTDIR=$work/staged cmake --install "$build" --prefix /usr >"$work/install.log"
+
+expect_equal "installed files" "bin/vesper-parent
+bin/vesper-player
+include/vesper/audio/opus_codec.h
+include/vesper/client/audio_device.h
+include/vesper/client/video_receiver.h
+include/vesper/net/stream_datagrams.h
+include/vesper/net/udp_socket.h
+$libdir/cmake/vesper/vesper-config-version.cmake
+$libdir/cmake/vesper/vesper-config.cmake
+$libdir/cmake/vesper/vesper-targets-release.cmake
+$libdir/cmake/vesper/vesper-targets.cmake
+$libdir/libvesper-audio.a
+$libdir/libvesper-client.a
+$libdir/libvesper-net.a
+$libdir/pkgconfig/vesper-audio.pc
+$libdir/pkgconfig/vesper-client.pc
+$libdir/pkgconfig/vesper-net.pc
+share/doc/vesper/embedding.md
+share/doc/vesper/examples/in_application/CMakeLists.txt
+share/doc/vesper/examples/in_application/main.cpp
+share/man/man1/vesper-parent.1
+share/man/man1/vesper-player.1" "$(cd "$work/staged/usr" && find . -type f -printf '%P\n' | LC_ALL=C sort)"
+
+# Nothing of it may name the place that it was built or installed in.
+mkdir "$work/moved"
+mv "$work/staged/usr" "$work/moved/vesper"
+prefix=$work/moved/vesper
+example=$prefix/share/doc/vesper/examples/in_application
+expect_equal "files that name the build tree" "" \
+    "$(grep -rl --exclude-dir=bin --exclude='*.a' "$(dirname "$(dirname "$build")")" "$prefix" || true)"
+
+cmake -S "$example" -B "$work/with_cmake" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_CXX_COMPILER="$cxx" >"$work/cmake.log"
+cmake --build "$work/with_cmake" >>"$work/cmake.log"
+expect_equal "where find_package found it" "$prefix/$libdir/cmake/vesper" \
+    "$(sed -n 's/^vesper_DIR:PATH=//p' "$work/with_cmake/CMakeCache.txt")"
+
+export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
+# shellcheck disable=SC2046 # flags are words
+"$cxx" -std=c++20 "$example/main.cpp" -o "$work/with_pkg_config" \
+    $(pkg-config --cflags --libs vesper-client)
+
+# Bad usage needs neither display nor port, and shows that the program loads.
+for program in "$work/with_cmake/in_application" "$work/with_pkg_config"; do
+    expect_equal "usage of $program" "Usage: $program PORT:REPLY_PORT:NAME..." \
+        "$("$program" nonsense 2>&1 || true)"
+done
+
+# Each header is whole by itself with nothing but the flags of its own room.
+for room in net audio client; do
+    expect_equal "version of vesper-$room" "$version" "$(pkg-config --modversion "vesper-$room")"
+    for header in "$prefix/include/vesper/$room"/*.h; do
+        # shellcheck disable=SC2046
+        echo "#include \"$room/$(basename "$header")\"" |
+            "$cxx" -std=c++20 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -x c++ - \
+                $(pkg-config --cflags "vesper-$room")
+    done
+done
