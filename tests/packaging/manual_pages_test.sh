@@ -42,6 +42,7 @@ options_of_parent() {
             option = substr($0, RSTART, RLENGTH)
             specification = substr($0, 3)
             sub(/  .*/, "", specification)
+            sub(/ (Excludes|Needs): .*/, "", specification)
             if (match(specification, /=[^=]*$/)) option = option substr(specification, RSTART)
         }
         match($0, /\(default: [^)]*\)/) { option = option "=" substr($0, RSTART + 10, RLENGTH - 11) }
