@@ -46,22 +46,24 @@ TemporaryDirectory::~TemporaryDirectory() {
     std::filesystem::remove_all(path_, ignored);
 }
 
-// SDL's software renderer by default, and no GL beneath it either: the same drawing calls, without
-// a GL driver's threads on a machine that runs many tests at once. A player without sound hardware
-// plays into SDL's dummy. A sanitizer that reports something ends the player with status 99, which
-// the player itself never does.
-PlayerTest::PlayerTest()
-    : environment{
-          {"DISPLAY", display.name()},
-          {"SDL_VIDEODRIVER", "x11"},
-          {"SDL_RENDER_DRIVER", "software"},
-          {"SDL_FRAMEBUFFER_ACCELERATION", "0"},
-          {"SDL_AUDIODRIVER", "dummy"},
-          {"ASAN_OPTIONS", "exitcode=99:verify_asan_link_order=0"},
-          {"UBSAN_OPTIONS", "print_stacktrace=1"},
-          {"LSAN_OPTIONS", "print_suppressions=0:suppressions=" VESPER_E2E_SOURCES "/lsan.supp"},
-          {"TSAN_OPTIONS", "exitcode=99:suppressions=" VESPER_E2E_SOURCES "/tsan.supp"},
-      } {}
+ChildProcess::Environment player_environment(const VirtualDisplay& display) {
+    return {
+        {"DISPLAY", display.name()},
+        {"SDL_VIDEODRIVER", "x11"},
+        {"SDL_RENDER_DRIVER", "software"},
+        {"SDL_FRAMEBUFFER_ACCELERATION", "0"},
+        {"SDL_AUDIODRIVER", "dummy"},
+        {"ASAN_OPTIONS", "exitcode=99:verify_asan_link_order=0"},
+        {"UBSAN_OPTIONS", "print_stacktrace=1"},
+        {"LSAN_OPTIONS", "print_suppressions=0:suppressions=" VESPER_E2E_SOURCES "/lsan.supp"},
+        {"TSAN_OPTIONS", "exitcode=99:suppressions=" VESPER_E2E_SOURCES "/tsan.supp"},
+#ifdef VESPER_E2E_PRELOAD
+        {"LD_PRELOAD", VESPER_E2E_PRELOAD},
+#endif
+    };
+}
+
+PlayerTest::PlayerTest() : environment(player_environment(display)) {}
 
 void PlayerTest::TearDown() {
     if (player && !player->ending()) {
@@ -73,9 +75,6 @@ void PlayerTest::run_player(const std::vector<std::string>& arguments,
                             ChildProcess::Output output) {
     std::vector<std::string> command = {VESPER_PLAYER};
     command.insert(command.end(), arguments.begin(), arguments.end());
-#ifdef VESPER_E2E_PRELOAD
-    environment["LD_PRELOAD"] = VESPER_E2E_PRELOAD;
-#endif
     player.emplace(command, environment, output);
 }
 

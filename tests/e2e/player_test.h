@@ -37,6 +37,12 @@ class TemporaryDirectory {
     std::filesystem::path path_;
 };
 
+// What a player on `display` is to find in its environment: SDL's software renderer, and no GL
+// beneath it either: the same drawing calls, without a GL driver's threads on a machine that runs
+// many tests at once. Without sound hardware it plays into SDL's dummy. A sanitizer that reports
+// something ends the player with status 99, which the player itself never does.
+[[nodiscard]] ChildProcess::Environment player_environment(const VirtualDisplay& display);
+
 class PlayerTest : public testing::Test {
   protected:
     PlayerTest();
