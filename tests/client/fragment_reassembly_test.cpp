@@ -429,6 +429,31 @@ TEST_F(FragmentReassembly, ACompletedFrameIsAllocatedOnceAndMovedIntoTheRing) {
     EXPECT_EQ(in_ring.capacity(), in_ring.size());
 }
 
+TEST_F(FragmentReassembly, AFrameCostsItsEntryAndItsThreeListsAtFirstAndItselfAtLast) {
+    deliver(fragment(1, 0, 1));  // the first frame ever also makes the table and the ring
+    const auto sizes_allocated_by = [this](const FragmentBuilder& one) {
+        const Bytes datagram = one.build();
+        const auto log = test::allocations_of(
+            [&] { receiver.handle_fragment(datagram.data(), static_cast<int>(datagram.size())); });
+        std::vector<std::size_t> sizes;
+        for (const auto& allocation : log.allocations()) {
+            sizes.push_back(allocation.size);
+        }
+        return sizes;
+    };
+    constexpr std::size_t kSlots = 100 * 1400;
+    constexpr std::size_t kFlags = 16;  // bytes of 100 bits, in whole words
+    constexpr std::size_t kSizes = 100 * sizeof(std::uint16_t);
+    const auto first = sizes_allocated_by(fragment(2, 0, 100).payload_of_size(1400));
+    ASSERT_THAT(first, SizeIs(4));
+    EXPECT_THAT(std::vector(first.begin() + 1, first.end()), ElementsAre(kSlots, kFlags, kSizes));
+    for (int i = 1; i < 99; ++i) {
+        EXPECT_THAT(sizes_allocated_by(fragment(2, i, 100).payload_of_size(1400)), IsEmpty());
+    }
+    EXPECT_THAT(sizes_allocated_by(fragment(2, 99, 100).payload_of_size(50)),
+                ElementsAre(99 * 1400 + 50));
+}
+
 TEST_F(FragmentReassembly, AFrameThatFallsOutOfTheRingIsReleasedAtOnce) {
     for (std::uint32_t id = 1; id <= 6; ++id) {
         deliver(fragment(id, 0, 1));

@@ -56,11 +56,15 @@ std::span<const void* const> AllocationLog::releases() const {
     return std::span(releases_).first(release_count_);
 }
 
+void watch_allocations(AllocationLog* log) {
+    current_log = log;
+}
+
 AllocationLog allocations_of(const std::function<void()>& action) {
     AllocationLog log;
-    current_log = &log;
+    watch_allocations(&log);
     action();
-    current_log = nullptr;
+    watch_allocations(nullptr);
     return log;
 }
 

@@ -35,6 +35,10 @@ class AllocationLog {
     std::size_t release_count_ = 0;
 };
 
+// From now on what the calling thread does goes into `log`, in place of an earlier one; null ends
+// that. For code that cannot be cut into actions.
+void watch_allocations(AllocationLog* log);
+
 // Runs `action` and tells what the calling thread allocated and freed meanwhile. Not to be nested.
 [[nodiscard]] AllocationLog allocations_of(const std::function<void()>& action);
 
