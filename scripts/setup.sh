@@ -2,6 +2,7 @@
 #
 #   install_packages KIND...   installs what is missing of scripts/packages' lines of these kinds
 #   build PRESET ON|OFF        configures and builds build/PRESET, with or without the tests
+#   start_virtual_display WxH  starts an X server that ends with the script; sets DISPLAY
 #
 # shellcheck shell=bash
 set -euo pipefail
@@ -32,4 +33,22 @@ install_packages() {
 build() {
     cmake --preset "$1" -DVESPER_BUILD_TESTS="$2"
     cmake --build --preset "$1"
+}
+
+start_virtual_display() {
+    local number_file tries
+    number_file=$(mktemp)
+    Xvfb -displayfd 3 -screen 0 "$1x24" -nolisten tcp 3>"$number_file" 2>/dev/null &
+    trap 'kill $(jobs -p) 2>/dev/null; wait' EXIT
+    for ((tries = 0; tries < 100; ++tries)); do
+        if [ -s "$number_file" ]; then
+            DISPLAY=:$(cat "$number_file")
+            export DISPLAY
+            rm "$number_file"
+            return
+        fi
+        sleep 0.1
+    done
+    echo "Xvfb did not start" >&2
+    exit 1
 }
