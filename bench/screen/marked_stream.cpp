@@ -1,0 +1,120 @@
+#include "bench/screen/marked_stream.h"
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "tools/stream/media_source.h"
+#include "tools/stream/vp8_encoder.h"
+
+namespace vesper::bench {
+
+namespace {
+
+constexpr int kSquareSize = 256;  // pixels, sixteen macroblocks
+constexpr int kOpeningFrames = 30;
+constexpr int kLoopFrames = 240;  // ten times around the marks
+
+struct Yuv {
+    std::uint8_t y;
+    std::uint8_t u;
+    std::uint8_t v;
+};
+constexpr std::uint8_t kNeutral = 128;
+constexpr std::array<std::uint8_t, kMarks> kMarkLuma = {60, 100, 140, 180};
+constexpr Yuv kOpeningColor = {.y = 100, .u = 70, .v = 200};
+
+// What a lossy codec and a conversion to RGB may change.
+constexpr int kTolerance = 12;
+
+// ITU-R BT.601: luma 16 to 235 are 0 to 255.
+int grey_of(std::uint8_t luma) {
+    return (luma - 16) * 255 / 219;
+}
+
+void fill(AVFrame& picture, int x, int y, int width, int height, const Yuv& color) {
+    const auto fill_plane = [&](int plane, int divisor, std::uint8_t value) {
+        for (int row = y / divisor; row < (y + height) / divisor; ++row) {
+            std::memset(picture.data[plane] + row * picture.linesize[plane] + x / divisor, value,
+                        static_cast<std::size_t>(width / divisor));
+        }
+    };
+    fill_plane(0, 1, color.y);
+    fill_plane(1, 2, color.u);
+    fill_plane(2, 2, color.v);
+}
+
+[[noreturn]] void fail(const char* what) {
+    std::fprintf(stderr, "marked stream: %s\n", what);
+    std::exit(EXIT_FAILURE);
+}
+
+std::vector<EncodedFrame> encode(tools::Vp8Encoder& encoder, const tools::Picture& picture,
+                                 bool keyframe, bool low_delay) {
+    std::vector<EncodedFrame> frames = {encoder.encode(picture, keyframe)};
+    if (low_delay) {
+        frames.push_back(encoder.encode(picture, false));
+    }
+    return frames;
+}
+
+}  // namespace
+
+MarkedStream encode_marked_stream(int bitrate, bool low_delay) {
+    tools::MediaSource source;
+    tools::Vp8Encoder encoder;
+    const int frames_per_second = low_delay ? 2 * kFramesPerSecond : kFramesPerSecond;
+    if (!source.open_test_picture({.width = kWidth, .height = kHeight, .sound = false}) ||
+        !encoder.open({.width = kWidth,
+                       .height = kHeight,
+                       .frames_per_second = frames_per_second,
+                       .bitrate = bitrate})) {
+        fail("no test picture or no encoder");
+    }
+    MarkedStream stream;
+    const tools::Picture opening = tools::make_picture(kWidth, kHeight);
+    if (!opening) {
+        fail("no memory");
+    }
+    fill(*opening, 0, 0, kWidth, kHeight, kOpeningColor);
+    for (int i = 0; i < kOpeningFrames; ++i) {
+        stream.opening.push_back(
+            {.frames = encode(encoder, opening, true, low_delay), .mark = 0, .is_flip = false});
+    }
+    for (int i = 0; i < kLoopFrames; ++i) {
+        const tools::Picture picture = source.next_picture();
+        if (!picture || av_frame_make_writable(picture.get()) < 0) {
+            fail("the test picture ended");
+        }
+        const int mark = i / kFramesPerMark % kMarks;
+        fill(*picture, (kWidth - kSquareSize) / 2, (kHeight - kSquareSize) / 2, kSquareSize,
+             kSquareSize,
+             {.y = kMarkLuma[static_cast<std::size_t>(mark)], .u = kNeutral, .v = kNeutral});
+        stream.loop.push_back({.frames = encode(encoder, picture, i == 0, low_delay),
+                               .mark = mark,
+                               .is_flip = i % kFramesPerMark == 0});
+    }
+    return stream;
+}
+
+std::optional<int> mark_of(const Rgb& pixel) {
+    if (std::abs(pixel.red - pixel.green) > kTolerance ||
+        std::abs(pixel.blue - pixel.green) > kTolerance) {
+        return std::nullopt;
+    }
+    for (int mark = 0; mark < kMarks; ++mark) {
+        if (std::abs(pixel.green - grey_of(kMarkLuma[static_cast<std::size_t>(mark)])) <=
+            kTolerance) {
+            return mark;
+        }
+    }
+    return std::nullopt;
+}
+
+bool is_opening(const Rgb& pixel) {
+    constexpr int kFarApart = 80;
+    return pixel.red - pixel.blue > kFarApart && pixel.red - pixel.green > kFarApart;
+}
+
+}  // namespace vesper::bench

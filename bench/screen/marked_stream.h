@@ -1,0 +1,49 @@
+// The test picture with a grey square in its middle that changes its grey several times a second,
+// encoded: what is seen in the middle of a window tells which picture it shows.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+namespace vesper::bench {
+
+using EncodedFrame = std::vector<std::uint8_t>;
+
+inline constexpr int kWidth = 1280;  // pixels
+inline constexpr int kHeight = 720;  // pixels
+inline constexpr int kFramesPerSecond = 30;
+inline constexpr int kFramesPerMark = 6;  // the square keeps its grey for 200 ms
+
+// Four greys in turn: a picture may be up to 800 ms late and is still told from its successors.
+inline constexpr int kMarks = 4;
+
+// One picture; with low delay it is encoded twice, and the copy pushes it out of a decoder that
+// holds each picture back until the next frame.
+struct StreamPicture {
+    std::vector<EncodedFrame> frames;
+    int mark;      // grey of the square, 0 to kMarks - 1
+    bool is_flip;  // the first picture with this grey
+};
+
+struct MarkedStream {
+    // One colour, no grey, every frame a keyframe: for a player that is starting.
+    std::vector<StreamPicture> opening;
+    // Eight seconds that can be repeated for ever; the first frame is a keyframe.
+    std::vector<StreamPicture> loop;
+};
+
+// `bitrate` in bit/s. Ends the process, with a line, when there is no encoder.
+[[nodiscard]] MarkedStream encode_marked_stream(int bitrate, bool low_delay);
+
+struct Rgb {
+    int red;
+    int green;
+    int blue;
+};
+
+// What a pixel of the middle shows: a mark, or the opening's colour, or something else.
+[[nodiscard]] std::optional<int> mark_of(const Rgb& pixel);
+[[nodiscard]] bool is_opening(const Rgb& pixel);
+
+}  // namespace vesper::bench

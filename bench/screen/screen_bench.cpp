@@ -1,0 +1,212 @@
+// The whole path at the screen: starts a program that shows a stream, streams to it in real time,
+// and watches its window in the X server. One run, one JSON object on standard output:
+//
+//   first_picture_ms      process start to the first picture in the window
+//   delays_ms             last datagram of a picture sent to its pixels in the window, one a flip
+//   missed                flips that were not seen before the square's grey came round again
+//   processor_s_per_min   of the program (the X server's share is not in it), all threads
+//   peak_memory_mib       resident
+//   sampling_ms           mean time between two looks at the window
+//
+// With several players each gets the same stream; figures of processor and memory are of all.
+#include <CLI/CLI.hpp>
+
+extern "C" {
+#include <libavutil/log.h>
+}
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench/screen/marked_stream.h"
+#include "bench/screen/subject.h"
+#include "bench/screen/window_watch.h"
+
+using vesper::bench::kFramesPerMark;
+using vesper::bench::kFramesPerSecond;
+using vesper::bench::kMarks;
+using vesper::bench::StreamPicture;
+using vesper::bench::Subject;
+using vesper::bench::WindowWatch;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
+constexpr auto kFrameInterval =
+    std::chrono::nanoseconds(std::chrono::seconds(1)) / kFramesPerSecond;
+constexpr auto kOpenLimit = std::chrono::seconds(30);
+constexpr auto kWarmUp = std::chrono::seconds(2);
+// A mark comes round again after this long.
+constexpr auto kMarkPeriod = kFrameInterval * kFramesPerMark * kMarks;
+
+struct Flip {
+    int mark;
+    std::vector<Clock::time_point> sent;  // one for each program
+};
+
+// Sends picture after picture, 30 a second, to every program.
+class Sender {
+  public:
+    explicit Sender(std::vector<std::unique_ptr<Subject>>& subjects) : subjects_(subjects) {}
+
+    // Returns once it is sent: the time at which its last datagram left, for each program.
+    std::vector<Clock::time_point> send(const StreamPicture& picture) {
+        std::this_thread::sleep_until(due_);
+        std::vector<Clock::time_point> sent;
+        for (const auto& subject : subjects_) {
+            const auto media_time =
+                std::chrono::duration_cast<std::chrono::milliseconds>(due_ - start_);
+            subject->wire().send(picture.frames.front(), media_time);
+            sent.push_back(Clock::now());
+            for (std::size_t copy = 1; copy < picture.frames.size(); ++copy) {
+                subject->wire().send(picture.frames[copy], media_time);
+            }
+        }
+        due_ += kFrameInterval;
+        return sent;
+    }
+
+  private:
+    std::vector<std::unique_ptr<Subject>>& subjects_;
+    Clock::time_point start_ = Clock::now();
+    Clock::time_point due_ = start_;
+};
+
+[[noreturn]] void fail(const char* what) {
+    std::fprintf(stderr, "screen_bench: %s\n", what);
+    std::exit(EXIT_FAILURE);
+}
+
+void require_running(std::vector<std::unique_ptr<Subject>>& subjects) {
+    for (const auto& subject : subjects) {
+        if (!subject->is_running()) {
+            fail("the program ended");
+        }
+    }
+}
+
+double processor_seconds(const std::vector<std::unique_ptr<Subject>>& subjects) {
+    double sum = 0;
+    for (const auto& subject : subjects) {
+        sum += subject->processor_seconds();
+    }
+    return sum;
+}
+
+struct Delays {
+    std::vector<double> ms;
+    int missed = 0;
+};
+
+Delays delays_of(const std::vector<Flip>& flips, const std::vector<WindowWatch::Sighting>& seen) {
+    Delays delays;
+    for (const Flip& flip : flips) {
+        for (std::size_t window = 0; window < flip.sent.size(); ++window) {
+            const Clock::time_point sent = flip.sent[window];
+            const auto found = std::find_if(seen.begin(), seen.end(), [&](const auto& sighting) {
+                return sighting.window == static_cast<int>(window) && sighting.mark == flip.mark &&
+                       sighting.time >= sent;
+            });
+            if (found == seen.end() || found->time - sent >= kMarkPeriod) {
+                ++delays.missed;
+            } else {
+                delays.ms.push_back(1e3 * Seconds(found->time - sent).count());
+            }
+        }
+    }
+    return delays;
+}
+
+void stream_opening(Sender& sender, const std::vector<StreamPicture>& opening,
+                    const WindowWatch& watch, std::vector<std::unique_ptr<Subject>>& subjects) {
+    const auto limit = Clock::now() + kOpenLimit;
+    for (std::size_t i = 0; !watch.opened(); i = (i + 1) % opening.size()) {
+        require_running(subjects);
+        if (Clock::now() > limit) {
+            fail("no picture came");
+        }
+        sender.send(opening[i]);
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("Measures a program that shows a live stream, at its window.");
+    std::string name = "player";
+    int players = 1;
+    int seconds = 20;
+    // Two datagrams a picture: a player that draws in software, and takes one datagram for every
+    // time it draws, keeps up even on a busy machine.
+    int kilobits = 600;
+    app.add_option("--subject", name)->check(CLI::IsMember(vesper::bench::subject_names()));
+    app.add_option("--players", players)->check(CLI::Range(1, 4));
+    app.add_option("--seconds", seconds)->check(CLI::PositiveNumber);
+    app.add_option("--kilobits", kilobits, "A second")->check(CLI::Range(100, 20'000));
+    CLI11_PARSE(app, argc, argv);
+    av_log_set_level(AV_LOG_QUIET);
+
+    const auto stream =
+        vesper::bench::encode_marked_stream(1000 * kilobits, vesper::bench::sends_twice(name));
+    const WindowWatch watch(players);
+    const auto start = Clock::now();
+    std::vector<std::unique_ptr<Subject>> subjects;
+    for (int i = 0; i < players; ++i) {
+        subjects.push_back(std::make_unique<Subject>(name));
+    }
+    Sender sender(subjects);
+    stream_opening(sender, stream.opening, watch, subjects);
+
+    const auto measure_from = Clock::now() + kWarmUp;
+    const auto measure_to = measure_from + std::chrono::seconds(seconds);
+    std::vector<Flip> flips;
+    double used_before = 0;
+    auto used_from = Clock::now();
+    std::size_t next = 0;
+    while (Clock::now() < measure_to) {
+        require_running(subjects);
+        if (used_before == 0 && Clock::now() >= measure_from) {
+            used_before = processor_seconds(subjects);
+            used_from = Clock::now();
+        }
+        const StreamPicture& picture = stream.loop[next];
+        next = (next + 1) % stream.loop.size();
+        const auto sent = sender.send(picture);
+        if (picture.is_flip && used_before != 0) {
+            flips.push_back({.mark = picture.mark, .sent = sent});
+        }
+    }
+    const double used = processor_seconds(subjects) - used_before;
+    const double minutes = Seconds(Clock::now() - used_from).count() / 60;
+    // The last flip may still be on its way.
+    const auto drain_to = Clock::now() + kMarkPeriod / 2;
+    while (Clock::now() < drain_to) {
+        sender.send(stream.loop[next]);
+        next = (next + 1) % stream.loop.size();
+    }
+
+    const Delays delays = delays_of(flips, watch.sightings());
+    double peak_mib = 0;
+    for (const auto& subject : subjects) {
+        peak_mib += static_cast<double>(subject->peak_memory_kib()) / 1024;
+    }
+    std::printf(
+        "{\"subject\": \"%s\", \"players\": %d, \"kilobits\": %d, \"first_picture_ms\": %.1f, "
+        "\"processor_s_per_min\": %.3f, \"peak_memory_mib\": %.1f, \"sampling_ms\": %.3f, "
+        "\"missed\": %d, \"delays_ms\": [",
+        name.c_str(), players, kilobits, 1e3 * Seconds(*watch.opened() - start).count(),
+        used / minutes, peak_mib, 1e3 * watch.sampling_interval().count(), delays.missed);
+    for (std::size_t i = 0; i < delays.ms.size(); ++i) {
+        std::printf("%s%.3f", i == 0 ? "" : ", ", delays.ms[i]);
+    }
+    std::printf("]}\n");
+    return EXIT_SUCCESS;
+}
