@@ -112,9 +112,7 @@ class LifeCycleHeadless : public PlayerTest, public testing::WithParamInterface<
 
 TEST_P(LifeCycleHeadless, TakesTheStream) {
     environment["SDL_VIDEODRIVER"] = GetParam();
-    run_player({"--port", std::to_string(port), "--parent-port", std::to_string(parent.port()),
-                "--width", "400", "--height", "240", "--username", "Ann", "--streamer-id", "7"});
-    ASSERT_TRUE(eventually([this] { return player->out() == start_up_text(); })) << player->out();
+    start_player_anywhere();
     show_first_picture(flat_picture({.red = 0, .green = 150, .blue = 0}));
     EXPECT_TRUE(eventually([this] { return player->out() == start_up_text() + progress_text; }));
     player->send_signal(SIGTERM);

@@ -79,6 +79,12 @@ void PlayerTest::run_player(const std::vector<std::string>& arguments,
 }
 
 void PlayerTest::start_player(const std::vector<std::string>& more) {
+    ASSERT_NO_FATAL_FAILURE(start_player_anywhere(more));
+    // Not earlier: SDL replaces the window when the renderer wants another kind of it.
+    window.emplace(display, player->pid());
+}
+
+void PlayerTest::start_player_anywhere(const std::vector<std::string>& more) {
     std::vector<std::string> arguments = {"--port",        number(port),
                                           "--parent-port", number(parent.port()),
                                           "--width",       number(kPictureSize.width),
@@ -89,8 +95,6 @@ void PlayerTest::start_player(const std::vector<std::string>& more) {
     has_audio = std::ranges::find(more, "--has-audio") != more.end();
     run_player(arguments);
     ASSERT_TRUE(eventually([this] { return player->out() == start_up_text(); })) << player->out();
-    // Not earlier: SDL replaces the window when the renderer wants another kind of it.
-    window.emplace(display, player->pid());
 }
 
 void PlayerTest::expect_clean_end() {
@@ -99,6 +103,10 @@ void PlayerTest::expect_clean_end() {
         return;
     }
     window->close();
+    expect_end_of_normal_run();
+}
+
+void PlayerTest::expect_end_of_normal_run() {
     EXPECT_EQ(player->wait_for_end(), Ending{});
     EXPECT_EQ(with_numbered_addresses(player->out()),
               start_up_text() + progress_text + shut_down_text());
@@ -170,6 +178,18 @@ std::string PlayerTest::destructor_text() {
            "[RECV SDL DESTROY] uid=0: Renderer destroyed\n"
            "[RECV SDL DESTROY] uid=0: Destroying window #1 (ID=1)\n"
            "[RECV SDL DESTROY] uid=0: Window destroyed\n"
+           "[RECV SDL DESTROY] uid=0: COMPLETE\n"
+           "[VideoReceiver] Stop complete\n"
+           "[VideoReceiver] Destructor complete for uid=0\n";
+}
+
+std::string PlayerTest::destructor_text_without_stream() {
+    return "[VideoReceiver] Destructor called for uid=0, cleanup_done=0\n"
+           "[VideoReceiver] Destructor calling stop()\n"
+           "[VideoReceiver] Stopping decode thread and cleaning up codecs for user 0\n"
+           "[VideoReceiver] Decode and codec cleanup complete\n"
+           "[RECV SDL DESTROY] uid=0, window_id=1: START (window=(nil), renderer=(nil), "
+           "texture=(nil))\n"
            "[RECV SDL DESTROY] uid=0: COMPLETE\n"
            "[VideoReceiver] Stop complete\n"
            "[VideoReceiver] Destructor complete for uid=0\n";

@@ -56,8 +56,14 @@ class PlayerTest : public testing::Test {
     // listens and its window is on the screen.
     void start_player(const std::vector<std::string>& more = {});
 
+    // The same for any window system: waits only until the player listens.
+    void start_player_anywhere(const std::vector<std::string>& more = {});
+
     // Closes the window and compares everything: the exit status and both outputs.
     void expect_clean_end();
+
+    // Waits for an end that something else brings about, and compares everything.
+    void expect_end_of_normal_run();
 
     // Sends to the player, which has taken everything when the call returns.
     void send(const std::vector<tools::Datagram>& datagrams);
@@ -83,6 +89,8 @@ class PlayerTest : public testing::Test {
     [[nodiscard]] std::string start_up_text() const;
     [[nodiscard]] static std::string shut_down_text();
     [[nodiscard]] static std::string destructor_text();
+    // Of a receiver whose set-up failed behind its window.
+    [[nodiscard]] static std::string destructor_text_without_stream();
 
     // Every address in `text` replaced by #1, #2, ... in order of first appearance.
     [[nodiscard]] static std::string with_numbered_addresses(const std::string& text);
