@@ -23,6 +23,10 @@ namespace {
 constexpr std::string_view kPictureEnd = "picture";
 constexpr std::string_view kSoundEnd = "sound";
 
+// For decoding and for filtering: one of each is fast enough for live pictures, and leaves the
+// processors to the encoder and the player.
+constexpr int kThreads = 1;
+
 // The screen grabber waits until its next frame is due, unless it is late. At a rate that nobody
 // asks for it is always late, so that it never waits and the picture is as new as can be.
 constexpr int kGrabRate = 1000;  // frames/s
@@ -147,9 +151,11 @@ bool MediaSource::open_file(const MediaSettings& settings, const std::string& pa
     const bool sound = settings.sound && file.has_sound;
     // The rate filter takes the last picture's time for the end and drops it, unless something
     // follows: a clone, which it then drops instead.
-    std::string graph = "movie=filename=" + escaped(path) + ":streams=dv" + (sound ? "+da" : "") +
-                        "[v]" + (sound ? "[a]" : "") + ";[v]tpad=stop=1:stop_mode=clone,fps=" +
-                        std::to_string(settings.frames_per_second) + "," + picture_shape(settings);
+    std::string graph =
+        "movie=filename=" + escaped(path) + ":dec_threads=" + std::to_string(kThreads) +
+        ":streams=dv" + (sound ? "+da" : "") + "[v]" + (sound ? "[a]" : "") +
+        ";[v]tpad=stop=1:stop_mode=clone,fps=" + std::to_string(settings.frames_per_second) + "," +
+        picture_shape(settings);
     if (sound) {
         graph += ";[a]" + sound_shape();
     }
@@ -178,6 +184,10 @@ bool MediaSource::open_screen(const MediaSettings& settings, const std::string& 
 int MediaSource::open_graph(const std::string& description) {
     close();
     graph_ = avfilter_graph_alloc();
+    if (graph_ == nullptr) {
+        return AVERROR(ENOMEM);
+    }
+    graph_->nb_threads = kThreads;
     AVFilterInOut* inputs = nullptr;
     AVFilterInOut* outputs = nullptr;
     int result = avfilter_graph_parse2(graph_, description.c_str(), &inputs, &outputs);
