@@ -142,7 +142,7 @@ class Application {
     }
 
     [[nodiscard]] bool open(const std::vector<Source>& sources) {
-        if (SDL_CreateWindowAndRenderer(400, 100, 0, &window_, &renderer_) < 0) {
+        if (SDL_CreateWindowAndRenderer(320, 100, 0, &window_, &renderer_) < 0) {
             std::fprintf(stderr, "No window: %s\n", SDL_GetError());
             return false;
         }

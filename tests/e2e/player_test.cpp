@@ -162,25 +162,36 @@ std::string PlayerTest::shut_down_text() {
     return "[VideoPlayer] Shutting down\n" + destructor_text();
 }
 
-std::string PlayerTest::destructor_text() {
-    return "[VideoReceiver] Destructor called for uid=0, cleanup_done=0\n"
+std::string PlayerTest::destructor_text(int uid, int window_id, int first_address) {
+    const std::string uid_text = "uid=" + number(uid);
+    const std::string window_text = "#" + number(first_address);
+    const std::string renderer_text = "#" + number(first_address + 1);
+    const std::string texture_text = "#" + number(first_address + 2);
+    const std::string destroying = "[RECV SDL DESTROY] " + uid_text + ": ";
+    return "[VideoReceiver] Destructor called for " + uid_text +
+           ", cleanup_done=0\n"
            "[VideoReceiver] Destructor calling stop()\n"
-           "[VideoReceiver] Stopping decode thread and cleaning up codecs for user 0\n"
+           "[VideoReceiver] Stopping decode thread and cleaning up codecs for user " +
+           number(uid) +
+           "\n"
            "[VideoReceiver] Signaling decode thread to stop\n"
            "[VideoReceiver] Waiting for decode thread to join...\n"
            "[VideoReceiver] Decode thread joined successfully\n"
            "[VideoReceiver] Decode and codec cleanup complete\n"
-           "[RECV SDL DESTROY] uid=0, window_id=1: START (window=#1, renderer=#2, texture=#3)\n"
-           "[RECV SDL DESTROY] uid=0: Sleeping 10ms for event processing\n"
-           "[RECV SDL DESTROY] uid=0: Destroying texture #3\n"
-           "[RECV SDL DESTROY] uid=0: Texture destroyed\n"
-           "[RECV SDL DESTROY] uid=0: Destroying renderer #2\n"
-           "[RECV SDL DESTROY] uid=0: Renderer destroyed\n"
-           "[RECV SDL DESTROY] uid=0: Destroying window #1 (ID=1)\n"
-           "[RECV SDL DESTROY] uid=0: Window destroyed\n"
-           "[RECV SDL DESTROY] uid=0: COMPLETE\n"
+           "[RECV SDL DESTROY] " +
+           uid_text + ", window_id=" + number(window_id) + ": START (window=" + window_text +
+           ", renderer=" + renderer_text + ", texture=" + texture_text + ")\n" +  //
+           destroying + "Sleeping 10ms for event processing\n" +                  //
+           destroying + "Destroying texture " + texture_text + "\n" +             //
+           destroying + "Texture destroyed\n" +                                   //
+           destroying + "Destroying renderer " + renderer_text + "\n" +           //
+           destroying + "Renderer destroyed\n" +                                  //
+           destroying + "Destroying window " + window_text + " (ID=" + number(window_id) + ")\n" +
+           destroying + "Window destroyed\n" +  //
+           destroying + "COMPLETE\n" +
            "[VideoReceiver] Stop complete\n"
-           "[VideoReceiver] Destructor complete for uid=0\n";
+           "[VideoReceiver] Destructor complete for " +
+           uid_text + "\n";
 }
 
 std::string PlayerTest::destructor_text_without_stream() {

@@ -88,7 +88,10 @@ class PlayerTest : public testing::Test {
     // Texts, each a list of whole lines.
     [[nodiscard]] std::string start_up_text() const;
     [[nodiscard]] static std::string shut_down_text();
-    [[nodiscard]] static std::string destructor_text();
+    // Of a live receiver; its window, renderer and texture are the `first_address`-th address of
+    // the whole text and the two behind it.
+    [[nodiscard]] static std::string destructor_text(int uid = 0, int window_id = 1,
+                                                     int first_address = 1);
     // Of a receiver whose set-up failed behind its window.
     [[nodiscard]] static std::string destructor_text_without_stream();
 

@@ -49,15 +49,21 @@ bool belongs_to(Display* display, Window window, pid_t pid) {
     return owner.items == 1 && *reinterpret_cast<const long*>(owner.data.get()) == pid;
 }
 
-bool is_on_screen(Display* display, Window window) {
+std::string title_of(Display* display, Window window) {
+    const Property name = read_property(display, window, "_NET_WM_NAME");
+    return {reinterpret_cast<const char*>(name.data.get()), name.items};
+}
+
+bool is_viewable(Display* display, Window window) {
     XWindowAttributes attributes{};
     return XGetWindowAttributes(display, window, &attributes) != 0 &&
            attributes.map_state == IsViewable;
 }
 
 // Depth first below `window`; 0 when there is none. A window manager puts frames in between.
-Window find_window(Display* display, Window window, pid_t pid) {
-    if (belongs_to(display, window, pid) && is_on_screen(display, window)) {
+Window find_window(Display* display, Window window, pid_t pid, const std::string& title) {
+    if (belongs_to(display, window, pid) && is_viewable(display, window) &&
+        (title.empty() || title_of(display, window) == title)) {
         return window;
     }
     Window root = 0;
@@ -69,7 +75,7 @@ Window find_window(Display* display, Window window, pid_t pid) {
     }
     const XPointer<Window> children(list);
     for (unsigned int i = 0; i < count; ++i) {
-        if (const Window found = find_window(display, list[i], pid)) {
+        if (const Window found = find_window(display, list[i], pid, title)) {
             return found;
         }
     }
@@ -102,20 +108,24 @@ Color Screenshot::at(Point point) const {
     return pixels[static_cast<std::size_t>(point.y * size.width + point.x)];
 }
 
-PlayerWindow::PlayerWindow(const VirtualDisplay& display, pid_t pid) : display_(display) {
+PlayerWindow::PlayerWindow(const VirtualDisplay& display, pid_t pid, const std::string& title)
+    : display_(display) {
     Display* connection = display.connection();
     const bool found = eventually([&] {
-        id_ = find_window(connection, DefaultRootWindow(connection), pid);
+        id_ = find_window(connection, DefaultRootWindow(connection), pid, title);
         return id_ != 0;
     });
     if (!found) {
-        throw std::runtime_error("the player shows no window");
+        throw std::runtime_error("the program shows no window " + title);
     }
 }
 
+bool PlayerWindow::is_on_screen() const {
+    return is_viewable(display_.connection(), id_);
+}
+
 std::string PlayerWindow::title() const {
-    const Property name = read_property(display_.connection(), id_, "_NET_WM_NAME");
-    return {reinterpret_cast<const char*>(name.data.get()), name.items};
+    return title_of(display_.connection(), id_);
 }
 
 Extent PlayerWindow::size() const {
@@ -166,6 +176,11 @@ void PlayerWindow::close() const {
 void PlayerWindow::resize(Extent size) const {
     XResizeWindow(display_.connection(), id_, static_cast<unsigned>(size.width),
                   static_cast<unsigned>(size.height));
+    XFlush(display_.connection());
+}
+
+void PlayerWindow::move(Point position) const {
+    XMoveWindow(display_.connection(), id_, position.x, position.y);
     XFlush(display_.connection());
 }
 

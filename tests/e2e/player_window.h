@@ -33,10 +33,11 @@ struct Screenshot {
 
 class PlayerWindow {
   public:
-    // The window that process `pid` made on `display`, once it is on the screen. Throws
-    // std::runtime_error when none comes.
-    PlayerWindow(const VirtualDisplay& display, pid_t pid);
+    // The window that process `pid` made on `display`, once it is on the screen: the one of that
+    // `title`, or whichever it finds first. Throws std::runtime_error when none comes.
+    PlayerWindow(const VirtualDisplay& display, pid_t pid, const std::string& title = {});
 
+    [[nodiscard]] bool is_on_screen() const;
     [[nodiscard]] std::string title() const;
     [[nodiscard]] Extent size() const;
     // Of the picture's top left corner, inside any frame of a window manager, on the screen.
@@ -46,6 +47,8 @@ class PlayerWindow {
     // As a viewer does it with the window's frame.
     void close() const;
     void resize(Extent size) const;
+    // Its top left corner on the screen, where there is no window manager.
+    void move(Point position) const;
 
     // Mouse and keyboard. Points are window pixels. Each call returns when the X server has the
     // events; the player takes them later.

@@ -40,7 +40,7 @@ example=$prefix/share/doc/vesper/examples/in_application
 expect_equal "files that name the build tree" "" \
     "$(grep -rl --exclude-dir=bin --exclude='*.a' "$(dirname "$(dirname "$build")")" "$prefix" || true)"
 
-cmake -S "$example" -B "$work/with_cmake" -DCMAKE_PREFIX_PATH="$prefix" \
+cmake -G Ninja -S "$example" -B "$work/with_cmake" -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_CXX_COMPILER="$cxx" >"$work/cmake.log"
 cmake --build "$work/with_cmake" >>"$work/cmake.log"
 expect_equal "where find_package found it" "$prefix/$libdir/cmake/vesper" \
