@@ -7,7 +7,6 @@
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <array>
@@ -15,6 +14,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <thread>
@@ -79,7 +79,7 @@ std::uint16_t free_port() {
 class Flood {
   public:
     Flood(const PassLog& log, std::uint16_t port)
-        : thread_([this, &log, port](std::stop_token stop) { run(stop, log, port); }) {}
+        : thread_([this, &log, port](const std::stop_token& stop) { run(stop, log, port); }) {}
 
   private:
     void run(const std::stop_token& stop, const PassLog& log, std::uint16_t port) {

@@ -1,6 +1,7 @@
 #include "bench/screen/marked_stream.h"
 
 #include <array>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -36,8 +37,9 @@ int grey_of(std::uint8_t luma) {
 void fill(AVFrame& picture, int x, int y, int width, int height, const Yuv& color) {
     const auto fill_plane = [&](int plane, int divisor, std::uint8_t value) {
         for (int row = y / divisor; row < (y + height) / divisor; ++row) {
-            std::memset(picture.data[plane] + row * picture.linesize[plane] + x / divisor, value,
-                        static_cast<std::size_t>(width / divisor));
+            std::memset(
+                picture.data[plane] + std::ptrdiff_t{row} * picture.linesize[plane] + x / divisor,
+                value, static_cast<std::size_t>(width / divisor));
         }
     };
     fill_plane(0, 1, color.y);

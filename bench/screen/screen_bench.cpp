@@ -139,6 +139,7 @@ void stream_opening(Sender& sender, const std::vector<StreamPicture>& opening,
 
 }  // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): what is thrown ends the run, as it should
 int main(int argc, char** argv) {
     CLI::App app("Measures a program that shows a live stream, at its window.");
     std::string name = "player";
@@ -159,6 +160,7 @@ int main(int argc, char** argv) {
     const WindowWatch watch(players);
     const auto start = Clock::now();
     std::vector<std::unique_ptr<Subject>> subjects;
+    subjects.reserve(static_cast<std::size_t>(players));
     for (int i = 0; i < players; ++i) {
         subjects.push_back(std::make_unique<Subject>(name));
     }

@@ -1,10 +1,10 @@
 #include "bench/screen/subject.h"
 
-#include <time.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 
 #include "bench/screen/marked_stream.h"
@@ -54,18 +54,12 @@ std::vector<std::string> command_of(const std::string& name, std::uint16_t port,
                 session_file};
     }
     if (name == "mpv") {
-        return {"mpv",
-                "--no-config",
-                "--really-quiet",
-                "--profile=low-latency",
-                "--untimed",
-                "--no-audio",
-                "--no-cache",
-                "--vo=x11",
-                "--no-osc",
-                "--demuxer-lavf-o=protocol_whitelist=[file,udp,rtp],fflags=+nobuffer,"
-                "reorder_queue_size=0",
-                session_file};
+        const std::string demuxer =
+            "--demuxer-lavf-o=protocol_whitelist=[file,udp,rtp],fflags=+nobuffer,"
+            "reorder_queue_size=0";
+        return {"mpv",       "--no-config", "--really-quiet", "--profile=low-latency",
+                "--untimed", "--no-audio",  "--no-cache",     "--vo=x11",
+                "--no-osc",  demuxer,       session_file};
     }
     if (name == "gstreamer") {
         return {"gst-launch-1.0",

@@ -95,6 +95,7 @@ class MainLoop : public test::HookedTest {
         std::vector<std::string> words = {"vesper-player", "--port", number,       "--width", "64",
                                           "--height",      "48",     "--has-audio"};
         std::vector<char*> arguments;
+        arguments.reserve(words.size() + 1);
         for (std::string& word : words) {
             arguments.push_back(word.data());
         }
