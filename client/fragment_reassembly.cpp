@@ -162,6 +162,9 @@ void VideoReceiver::drop_frames_up_to(std::uint32_t frame_id) {
 
 // True when a frame was given up with fragments missing.
 bool VideoReceiver::drop_stale_frames() {
+    if (partial_frames.empty()) {
+        return false;  // reading the clock costs as much as storing a fragment
+    }
     bool dropped = false;
     const Clock::time_point now = Clock::now();
     for (auto position = partial_frames.begin(); position != partial_frames.end();) {
