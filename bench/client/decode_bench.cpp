@@ -1,5 +1,6 @@
 // Pictures a second, from the ring of encoded frames to the published picture, beside a bare loop
-// of libavcodec and libswscale on the same frames.
+// of libavcodec and libswscale on the same frames. Beside it: processor time of a picture, all
+// threads.
 //
 // The decode thread's function runs on the benchmark's own thread, and where it would wait for
 // frames it is handed the next one: so every batch is one frame, every picture is converted, no
@@ -25,6 +26,7 @@ extern "C" {
 #include <utility>
 #include <vector>
 
+#include "bench/support/processor_time.h"
 #include "bench/support/test_stream.h"
 #include "client/frame_ring.h"
 #include "client/picture_format.h"
@@ -161,9 +163,12 @@ void run(benchmark::State& state, StreamSize stream, StreamSize shown) {
     const Frames& frames = frames_of(stream);
     Decoder decoder(shown);
     decoder.decode(frames);  // makes the converter and the decoder's buffers
+    const double start = vesper::bench::process_seconds();
     for (auto _ : state) {
         state.SetIterationTime(decoder.decode(frames).count());
     }
+    state.counters["processor_us"] = 1e6 * (vesper::bench::process_seconds() - start) /
+                                     (static_cast<double>(state.iterations()) * kFrames);
     state.SetItemsProcessed(state.iterations() * kFrames);
 }
 

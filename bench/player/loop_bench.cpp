@@ -14,18 +14,19 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "bench/player/pass_log.h"
+#include "bench/support/processor_time.h"
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
 #include "tests/e2e/child_process.h"
 
 using vesper::bench::PassLog;
+using vesper::bench::processor_seconds;
 using vesper::test::ChildProcess;
 
 namespace {
@@ -112,15 +113,6 @@ class Flood {
     std::array<std::uint8_t, vesper::kVideoPayloadOffset + vesper::kMaxFragmentPayload> datagram_{};
     std::jthread thread_;
 };
-
-double processor_seconds(pid_t pid) {
-    clockid_t clock{};
-    timespec time{};
-    if (::clock_getcpuclockid(pid, &clock) != 0 || ::clock_gettime(clock, &time) != 0) {
-        return 0;
-    }
-    return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
-}
 
 bool wait_for_passes(const PassLog& log, ChildProcess& process) {
     const auto limit = Clock::now() + kStartLimit;

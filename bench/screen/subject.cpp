@@ -4,10 +4,10 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <fstream>
 
 #include "bench/screen/marked_stream.h"
+#include "bench/support/processor_time.h"
 
 namespace vesper::bench {
 
@@ -128,12 +128,7 @@ bool Subject::is_running() {
 }
 
 double Subject::processor_seconds() const {
-    clockid_t clock{};
-    timespec time{};
-    if (::clock_getcpuclockid(pid(), &clock) != 0 || ::clock_gettime(clock, &time) != 0) {
-        return 0;
-    }
-    return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
+    return bench::processor_seconds(pid());
 }
 
 long Subject::peak_memory_kib() const {
