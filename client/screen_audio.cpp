@@ -26,23 +26,30 @@ constexpr std::uint32_t kMaxConcealedFrames = 3;
 
 using FrameSamples = std::array<short, kFrameSamples>;
 
+// The finite gain that does the same, so that no product is a NaN and the loop over the samples
+// need not look for one: a NaN silences; an infinite gain saturates every sample but 0, and so does
+// the largest finite one.
+float without_nan(float gain) {
+    constexpr float kLargest = std::numeric_limits<float>::max();
+    return std::isnan(gain) ? 0.0F : std::clamp(gain, -kLargest, kLargest);
+}
+
 // Truncates toward zero and saturates. Clamping before the conversion keeps every value inside an
-// int; a NaN (from a NaN volume, or an infinite one times silence) becomes silence.
+// int.
 short scaled(short sample, float gain) {
     constexpr auto kLowest = static_cast<float>(std::numeric_limits<short>::min());
     constexpr auto kHighest = static_cast<float>(std::numeric_limits<short>::max());
     const float product = static_cast<float>(sample) * gain;
-    return std::isnan(product)
-               ? short{0}
-               : static_cast<short>(static_cast<int>(std::clamp(product, kLowest, kHighest)));
+    return static_cast<short>(static_cast<int>(std::min(std::max(product, kLowest), kHighest)));
 }
 
 void apply_gain(std::span<short> samples, float gain) {
     if (gain == 1.0F) {
         return;
     }
+    const float finite_gain = without_nan(gain);
     for (short& sample : samples) {
-        sample = scaled(sample, gain);
+        sample = scaled(sample, finite_gain);
     }
 }
 
