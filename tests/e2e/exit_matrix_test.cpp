@@ -13,6 +13,7 @@
 
 #include "tests/e2e/player_test.h"
 #include "tests/e2e/wayland_compositor.h"
+#include "tests/support/numbered_addresses.h"
 
 namespace vesper::test {
 

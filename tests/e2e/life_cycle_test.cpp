@@ -3,6 +3,7 @@
 #include <string>
 
 #include "tests/e2e/player_test.h"
+#include "tests/support/numbered_addresses.h"
 
 namespace vesper::test {
 

@@ -95,9 +95,6 @@ class PlayerTest : public testing::Test {
     // Of a receiver whose set-up failed behind its window.
     [[nodiscard]] static std::string destructor_text_without_stream();
 
-    // Every address in `text` replaced by #1, #2, ... in order of first appearance.
-    [[nodiscard]] static std::string with_numbered_addresses(const std::string& text);
-
     VirtualDisplay display;
     Parent parent;
     const std::uint16_t port = free_port();  // the player's
