@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "tests/support/captured_output.h"
+#include "tests/support/fcntl_hook.h"
 #include "tests/support/hook.h"
 
 VESPER_HOOK(socket, int, (int domain, int type, int protocol), (domain, type, protocol))
@@ -43,19 +44,6 @@ VESPER_HOOK(setsockopt, int, (int fd, int level, int name, const void* value, so
             (fd, level, name, value, size))
 VESPER_HOOK(close, int, (int fd), (fd))
 VESPER_HOOK(signal, sighandler_t, (int number, sighandler_t handler), (number, handler))
-
-// NOLINTBEGIN: the names are the linker's, and fcntl is variadic.
-extern "C" int __real_fcntl(int fd, int command, ...);
-static std::function<int(int fd, int command, long argument)> hook_fcntl;
-static const vesper::test::HookRegistration registration_fcntl([] { hook_fcntl = nullptr; });
-extern "C" int __wrap_fcntl(int fd, int command, ...) {
-    va_list arguments;
-    va_start(arguments, command);
-    const long argument = command == F_GETFL ? 0 : va_arg(arguments, int);
-    va_end(arguments);
-    return hook_fcntl ? hook_fcntl(fd, command, argument) : __real_fcntl(fd, command, argument);
-}
-// NOLINTEND
 
 namespace {
 
