@@ -44,6 +44,8 @@ Pipe make_pipe() {
     }
     ::dup2(out_descriptor, STDOUT_FILENO);
     ::dup2(err_descriptor, STDERR_FILENO);
+    // The test's sockets stay with the test: a port that it gives up must be free.
+    ::close_range(STDERR_FILENO + 1, ~0U, 0);
     ::execvpe(arguments[0], arguments, environment);
     ::_exit(kCannotRun);
 }

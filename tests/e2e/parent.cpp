@@ -1,5 +1,6 @@
 #include "tests/e2e/parent.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -51,6 +52,13 @@ Parent::Parent() {
     if (!socket_.bind(0)) {
         throw std::runtime_error("no free UDP port");
     }
+    port_ = socket_.get_bound_port();
+}
+
+void Parent::come_back() {
+    if (!socket_.bind(port_)) {
+        throw std::runtime_error("somebody else took port " + std::to_string(port_));
+    }
 }
 
 bool Parent::send(std::span<const tools::Datagram> datagrams, std::uint16_t player_port) {
@@ -71,15 +79,21 @@ void Parent::send_now(const tools::Datagram& datagram, std::uint16_t player_port
 }
 
 Message Parent::next_message() {
-    std::array<std::uint8_t, kLongestMessage> buffer{};
-    const int length =
-        socket_.recv(buffer.data(), buffer.size(), static_cast<int>(kPatience.count()));
-    return {buffer.begin(), buffer.begin() + std::max(length, 0)};
+    return receive(static_cast<int>(kPatience.count()));
+}
+
+Message Parent::waiting_message() {
+    return receive(0);
 }
 
 bool Parent::has_no_message() {
+    return waiting_message().empty();
+}
+
+Message Parent::receive(int limit) {
     std::array<std::uint8_t, kLongestMessage> buffer{};
-    return socket_.recv(buffer.data(), buffer.size(), 0) == 0;
+    const int length = socket_.recv(buffer.data(), buffer.size(), limit);
+    return {buffer.begin(), buffer.begin() + std::max(length, 0)};
 }
 
 }  // namespace vesper::test

@@ -21,7 +21,12 @@ class Parent {
     Parent();
 
     // Where the player's messages arrive.
-    [[nodiscard]] std::uint16_t port() const { return socket_.get_bound_port(); }
+    [[nodiscard]] std::uint16_t port() const { return port_; }
+
+    // The application is gone, and nobody listens on the port; a new one listens there again, and
+    // throws std::runtime_error when somebody else does.
+    void die() { socket_.reset(); }
+    void come_back();
 
     // Sends to the player at `player_port`, in order, never more at once than a socket's default
     // buffer holds; returns when the player has taken all of them. False when it does not.
@@ -33,11 +38,17 @@ class Parent {
     // The player's next message, waiting for it; empty when none comes within kPatience.
     [[nodiscard]] Message next_message();
 
+    // The player's next message, if one has come already; empty when none has.
+    [[nodiscard]] Message waiting_message();
+
     // Whether no message waits. After the player's end that is final.
     [[nodiscard]] bool has_no_message();
 
   private:
+    [[nodiscard]] Message receive(int limit);  // ms
+
     UDPSocket socket_;
+    std::uint16_t port_ = 0;
 };
 
 }  // namespace vesper::test

@@ -21,8 +21,8 @@ std::string number(std::integral auto value) {
     return std::to_string(value);
 }
 
-std::string size_text() {
-    return number(kPictureSize.width) + "x" + number(kPictureSize.height);
+std::string size_text(Extent size) {
+    return number(size.width) + "x" + number(size.height);
 }
 
 Color beneath_bar(Color picture) {
@@ -86,8 +86,8 @@ void PlayerTest::start_player(const std::vector<std::string>& more) {
 void PlayerTest::start_player_anywhere(const std::vector<std::string>& more) {
     std::vector<std::string> arguments = {"--port",        number(port),
                                           "--parent-port", number(parent.port()),
-                                          "--width",       number(kPictureSize.width),
-                                          "--height",      number(kPictureSize.height),
+                                          "--width",       number(stream_size.width),
+                                          "--height",      number(stream_size.height),
                                           "--username",    "Ann",
                                           "--streamer-id", "7"};
     arguments.insert(arguments.end(), more.begin(), more.end());
@@ -124,8 +124,11 @@ void PlayerTest::show_first_picture(const tools::Picture& picture) {
 
 void PlayerTest::expect_keyframe_request() {
     EXPECT_EQ(parent.next_message(), Message(kKeyframeRequest.begin(), kKeyframeRequest.end()));
-    progress_text +=
-        "[VideoPlayer] Sent keyframe request to parent (port " + number(parent.port()) + ")\n";
+    progress_text += keyframe_request_line();
+}
+
+std::string PlayerTest::keyframe_request_line() const {
+    return "[VideoPlayer] Sent keyframe request to parent (port " + number(parent.port()) + ")\n";
 }
 
 bool PlayerTest::shows_color(Point point, Color color) const {
@@ -145,10 +148,10 @@ bool PlayerTest::bar_is_visible_over(Color picture) const {
 
 std::string PlayerTest::start_up_text() const {
     std::string text = "[VideoPlayer] Starting on port " + number(port) + " for streamer 7 (Ann, " +
-                       size_text() + ", audio=" + (has_audio ? "yes" : "no") +
+                       size_text(stream_size) + ", audio=" + (has_audio ? "yes" : "no") +
                        ")\n"
                        "[VideoReceiver] Standalone initialized (" +
-                       size_text() + ")\n";
+                       size_text(stream_size) + ")\n";
     if (has_audio && has_sound_device) {
         text +=
             "[Audio] Opened playback device: 48000 Hz, 2 ch, 960 samples\n"

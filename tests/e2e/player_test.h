@@ -52,7 +52,7 @@ class PlayerTest : public testing::Test {
     void run_player(const std::vector<std::string>& arguments,
                     ChildProcess::Output output = ChildProcess::Output::Separate);
 
-    // Runs the player for a stream of kPictureSize with `more` arguments, and waits until it
+    // Runs the player for a stream of stream_size with `more` arguments, and waits until it
     // listens and its window is on the screen.
     void start_player(const std::vector<std::string>& more = {});
 
@@ -76,6 +76,8 @@ class PlayerTest : public testing::Test {
     // Expects the next message to the parent to be a keyframe request, and its progress line.
     void expect_keyframe_request();
 
+    [[nodiscard]] std::string keyframe_request_line() const;
+
     // Waits until the window shows the colour at this point of it.
     void expect_color(Point point, Color color);
     [[nodiscard]] bool shows_color(Point point, Color color) const;
@@ -96,6 +98,7 @@ class PlayerTest : public testing::Test {
     [[nodiscard]] static std::string destructor_text_without_stream();
 
     VirtualDisplay display;
+    Extent stream_size = kPictureSize;  // what the player is told
     Parent parent;
     const std::uint16_t port = free_port();  // the player's
     ChildProcess::Environment environment;

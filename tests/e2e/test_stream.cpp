@@ -33,16 +33,16 @@ using Paint = std::function<Color(Point)>;
 // One plane, each value taken from the colour at its first pixel; `step` pixels to a value.
 void paint_plane(AVFrame& frame, int plane, int step, const Paint& paint,
                  std::uint8_t (*component)(Color)) {
-    for (int y = 0; y < kPictureSize.height / step; ++y) {
+    for (int y = 0; y < frame.height / step; ++y) {
         std::uint8_t* row = frame.data[plane] + std::ptrdiff_t{y} * frame.linesize[plane];
-        for (int x = 0; x < kPictureSize.width / step; ++x) {
+        for (int x = 0; x < frame.width / step; ++x) {
             row[x] = component(paint({.x = x * step, .y = y * step}));
         }
     }
 }
 
-tools::Picture painted(const Paint& paint) {
-    tools::Picture picture = tools::make_picture(kPictureSize.width, kPictureSize.height);
+tools::Picture painted(const Paint& paint, Extent size = kPictureSize) {
+    tools::Picture picture = tools::make_picture(size.width, size.height);
     if (!picture) {
         throw std::runtime_error("no memory for a picture");
     }
@@ -54,8 +54,8 @@ tools::Picture painted(const Paint& paint) {
 
 }  // namespace
 
-tools::Picture flat_picture(Color color) {
-    return painted([color](Point) { return color; });
+tools::Picture flat_picture(Color color, Extent size) {
+    return painted([color](Point) { return color; }, size);
 }
 
 Color field_color(Point point) {
@@ -70,27 +70,52 @@ tools::Picture fields_picture() {
     return painted(field_color);
 }
 
-VideoSource::VideoSource() {
-    const tools::Vp8Settings settings{.width = kPictureSize.width,
-                                      .height = kPictureSize.height,
-                                      .frames_per_second = 30,
-                                      .bitrate = kBitrate};
+tools::Picture large_fields_picture(int scale) {
+    return painted([scale](Point p) { return field_color({.x = p.x / scale, .y = p.y / scale}); },
+                   {.width = scale * kPictureSize.width, .height = scale * kPictureSize.height});
+}
+
+tools::Picture random_picture(std::mt19937_64& random) {
+    constexpr int kBlock = 8;  // pixels: a frame of these takes about eight datagrams
+    constexpr int kColumns = kPictureSize.width / kBlock;
+    constexpr int kRows = kPictureSize.height / kBlock;
+    std::array<Color, std::size_t{kColumns} * kRows> colors;
+    for (Color& color : colors) {
+        const auto bits = random();
+        color = {.red = static_cast<int>(bits & 0xFF),
+                 .green = static_cast<int>(bits >> 8 & 0xFF),
+                 .blue = static_cast<int>(bits >> 16 & 0xFF)};
+    }
+    return painted([&](Point p) {
+        return colors[static_cast<std::size_t>(p.y / kBlock * kColumns + p.x / kBlock)];
+    });
+}
+
+VideoSource::VideoSource()
+    : VideoSource({.width = kPictureSize.width,
+                   .height = kPictureSize.height,
+                   .frames_per_second = 30,
+                   .bitrate = kBitrate}) {}
+
+VideoSource::VideoSource(const tools::Vp8Settings& settings) {
     if (!encoder_.open(settings)) {
         throw std::runtime_error("no VP8 encoder");
     }
 }
 
 std::vector<tools::Datagram> VideoSource::show(const tools::Picture& picture) {
-    std::vector<tools::Datagram> datagrams;
-    for (const bool keyframe : {true, false}) {
-        const std::vector<std::uint8_t> frame = encoder_.encode(picture, keyframe);
-        if (frame.empty()) {
-            throw std::runtime_error("the VP8 encoder failed");
-        }
-        const std::vector<tools::Datagram> fragments = packetizer_.packetize(frame);
-        datagrams.insert(datagrams.end(), fragments.begin(), fragments.end());
-    }
+    std::vector<tools::Datagram> datagrams = frame(picture, true);
+    const std::vector<tools::Datagram> second = frame(picture, false);
+    datagrams.insert(datagrams.end(), second.begin(), second.end());
     return datagrams;
+}
+
+std::vector<tools::Datagram> VideoSource::frame(const tools::Picture& picture, bool keyframe) {
+    const std::vector<std::uint8_t> encoded = encoder_.encode(picture, keyframe);
+    if (encoded.empty()) {
+        throw std::runtime_error("the VP8 encoder failed");
+    }
+    return packetizer_.packetize(encoded);
 }
 
 ToneSource::ToneSource() {

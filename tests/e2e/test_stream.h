@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <random>
 #include <span>
 #include <vector>
 
@@ -19,12 +20,19 @@ namespace vesper::test {
 // builds keep up. The volume slider has its full length of 300 pixels at this width.
 inline constexpr Extent kPictureSize{.width = 400, .height = 240};
 
-// A picture in one colour.
-[[nodiscard]] tools::Picture flat_picture(Color color);
+// A picture in one colour, of an even size.
+[[nodiscard]] tools::Picture flat_picture(Color color, Extent size = kPictureSize);
 
 // Fields of 80x80 pixels, five across and three down, no two of one colour.
 inline constexpr int kFieldSize = 80;
 [[nodiscard]] tools::Picture fields_picture();
+
+// The same fields in a picture `scale` times as large each way.
+[[nodiscard]] tools::Picture large_fields_picture(int scale);
+
+// Random blocks: every frame of such pictures takes several datagrams.
+[[nodiscard]] tools::Picture random_picture(std::mt19937_64& random);
+
 // The colour of the field that holds `point` of the picture.
 [[nodiscard]] Color field_color(Point point);
 
@@ -32,11 +40,20 @@ inline constexpr int kFieldSize = 80;
 class VideoSource {
   public:
     VideoSource();
+    explicit VideoSource(const tools::Vp8Settings& settings);
 
     // The datagrams that make the player show `picture`: a keyframe, and a second frame behind it,
     // because the player's decoder works with two threads and gives out each picture only when the
     // next frame comes.
     [[nodiscard]] std::vector<tools::Datagram> show(const tools::Picture& picture);
+
+    // The datagrams of one frame.
+    [[nodiscard]] std::vector<tools::Datagram> frame(const tools::Picture& picture, bool keyframe);
+
+    // The datagrams of a frame that was encoded elsewhere, as the stream's next one.
+    [[nodiscard]] std::vector<tools::Datagram> packetize(std::span<const std::uint8_t> frame) {
+        return packetizer_.packetize(frame);
+    }
 
   private:
     tools::Vp8Encoder encoder_;
