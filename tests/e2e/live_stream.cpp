@@ -1,0 +1,82 @@
+#include "tests/e2e/live_stream.h"
+
+#include <algorithm>
+#include <thread>
+#include <utility>
+
+#include "net/stream_datagrams.h"
+
+namespace vesper::test {
+
+namespace {
+
+constexpr std::chrono::nanoseconds kFrameInterval =
+    std::chrono::nanoseconds(std::chrono::seconds(1)) / 30;
+constexpr std::chrono::milliseconds kPacketInterval{20};
+
+// A stream this far behind no longer tries to catch up: the frames in between would come as a
+// storm.
+constexpr std::chrono::seconds kHopelesslyLate{1};
+
+}  // namespace
+
+LiveStream::LiveStream(Parent& parent, std::uint16_t player_port, NextFrame next_frame)
+    : parent_(parent), player_port_(player_port), next_frame_(std::move(next_frame)) {}
+
+bool LiveStream::run(std::chrono::milliseconds time, const Road& road) {
+    const Clock::time_point end = Clock::now() + time;
+    Clock::time_point frame_due = Clock::now();
+    Clock::time_point packet_due = frame_due;
+    while (Clock::now() < end) {
+        std::this_thread::sleep_until(std::min(frame_due, packet_due));
+        take_messages();
+        if (Clock::now() - std::min(frame_due, packet_due) > kHopelesslyLate) {
+            frame_due = packet_due = Clock::now();
+            ++counters_.late;
+        }
+        const bool sound_first = packet_due < frame_due;
+        if (!(sound_first ? send_sound(road) : send_frame(road))) {
+            return false;
+        }
+        sound_first ? packet_due += kPacketInterval : frame_due += kFrameInterval;
+    }
+    take_messages();
+    return true;
+}
+
+void LiveStream::take_messages() {
+    for (Message message = parent_.waiting_message(); !message.empty();
+         message = parent_.waiting_message()) {
+        if (is_keyframe_request(message)) {
+            keyframe_wanted_ = true;
+            ++counters_.keyframe_requests;
+        }
+    }
+}
+
+bool LiveStream::send_frame(const Road& road) {
+    ++counters_.frames;
+    return send(next_frame_(std::exchange(keyframe_wanted_, false)), road);
+}
+
+bool LiveStream::send_sound(const Road& road) {
+    return send({sound_.packetize(tone_.packets(1).front())}, road);
+}
+
+bool LiveStream::send(const std::vector<tools::Datagram>& datagrams, const Road& road) {
+    std::vector<tools::Datagram> arriving;
+    for (const tools::Datagram& datagram : datagrams) {
+        const std::vector<tools::Datagram> passed = road(datagram);
+        counters_.impaired += passed == std::vector<tools::Datagram>{datagram} ? 0 : 1;
+        arriving.insert(arriving.end(), passed.begin(), passed.end());
+    }
+    counters_.sent += datagrams.size();
+    return parent_.send(arriving, player_port_);
+}
+
+LiveStream::Road good_road() {
+    return
+        [](tools::Datagram datagram) { return std::vector<tools::Datagram>{std::move(datagram)}; };
+}
+
+}  // namespace vesper::test

@@ -1,0 +1,65 @@
+// A parent application at work: pictures and sound in real time, keyframes when the player asks for
+// them, over a road that may lose or change what travels on it.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "tests/e2e/parent.h"
+#include "tests/e2e/test_stream.h"
+#include "tools/stream/packetizer.h"
+
+namespace vesper::test {
+
+class LiveStream {
+  public:
+    // The datagrams of the stream's next frame.
+    using NextFrame = std::function<std::vector<tools::Datagram>(bool keyframe)>;
+
+    // What becomes of one datagram: the datagrams, in order, that arrive now.
+    using Road = std::function<std::vector<tools::Datagram>(tools::Datagram)>;
+
+    struct Counters {
+        std::uint64_t frames = 0;
+        std::uint64_t keyframe_requests = 0;  // and as many keyframes
+        std::uint64_t sent = 0;               // datagrams that set out
+        std::uint64_t impaired = 0;  // of these, all that did not arrive at once, once and whole
+        std::uint64_t late = 0;      // times that the stream fell behind and started afresh
+    };
+
+    // For the player that listens on `player_port` and talks to `parent`, which outlives the
+    // object. Sound is sent, too.
+    LiveStream(Parent& parent, std::uint16_t player_port, NextFrame next_frame);
+
+    // Streams for `time` over `road`. Each frame and packet leaves when it is due and the player
+    // has taken what came before: a slow machine slows the stream down instead of losing more than
+    // the road does, so the same seed loses the same. False when the player takes nothing any more.
+    [[nodiscard]] bool run(std::chrono::milliseconds time, const Road& road);
+
+    // Counts the keyframe requests that have come since.
+    void take_messages();
+
+    [[nodiscard]] const Counters& counters() const { return counters_; }
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    [[nodiscard]] bool send(const std::vector<tools::Datagram>& datagrams, const Road& road);
+    [[nodiscard]] bool send_frame(const Road& road);
+    [[nodiscard]] bool send_sound(const Road& road);
+
+    Parent& parent_;
+    std::uint16_t player_port_;
+    NextFrame next_frame_;
+    ToneSource tone_;
+    tools::AudioPacketizer sound_;
+    bool keyframe_wanted_ = false;
+    Counters counters_;
+};
+
+// The road on which nothing happens.
+[[nodiscard]] LiveStream::Road good_road();
+
+}  // namespace vesper::test

@@ -1,0 +1,48 @@
+// The fixture of the tests that stream for a while over a bad network. What exactly a player then
+// prints depends on the time that everything takes, but each line must be one of those that it may
+// print there, and each keyframe request must have been told to the parent as well.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <random>
+#include <string>
+
+#include "tests/e2e/live_stream.h"
+#include "tests/e2e/player_test.h"
+
+namespace vesper::test {
+
+// What the player prints when it gives up a frame of `total` fragments.
+[[nodiscard]] std::string dropped_frame_line(std::uint32_t frame_id, int received, int total);
+
+class LiveStreamTest : public PlayerTest {
+  protected:
+    static constexpr Color kFirstColor{.red = 30, .green = 60, .blue = 200};
+    static constexpr Point kFirstPoint{.x = 200, .y = 120};
+
+    // Starts the player, with sound, and shows it a first picture, all kFirstColor: from here on a
+    // keyframe that arrives whole is shown whole.
+    void start_stream();
+
+    // Streams ever changing pictures for `time` over `road`.
+    void stream(std::chrono::milliseconds time, const LiveStream::Road& road);
+
+    // Sends a keyframe over a good road, and expects to see each of its fields in its colour. A
+    // player that was held up for so long that it gave the keyframe up asks for another and gets
+    // it.
+    void expect_good_picture();
+
+    // Closes the window and expects a clean end: standard error begins with failure_text, and each
+    // line behind it tells of a frame that was dropped, could not be decoded or gave no picture, or
+    // of a keyframe that is wanted for a dropped one; standard output tells of as many keyframe
+    // requests as came.
+    void expect_explained_end();
+
+    std::mt19937_64 random{20};
+    LiveStream live{parent, port, [this](bool keyframe) {
+                        return video.frame(random_picture(random), keyframe);
+                    }};
+};
+
+}  // namespace vesper::test
