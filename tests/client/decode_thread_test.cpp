@@ -658,6 +658,29 @@ TEST_F(DecodeThreadVp8, FirstReceiveFindsNoPictureYetAndPicturesComeOneFrameLate
     EXPECT_EQ(peer.decode_error_count(), 0U);
 }
 
+// The largest size that the format can declare is beyond what libavutil takes
+// (av_image_check_size2), however few bytes declare it. With two decoder threads the error is told
+// at the next frame.
+TEST_F(DecodeThreadVp8, PictureOfTheFormatsLargestSizeIsAnErrorLikeAnyOther) {
+    av_log_set_level(AV_LOG_QUIET);  // as the player does
+    configure(320, 180);
+    EncodedFrame keyframe = encoded_frames(320, 180, 1).front();
+    static_cast<void>(transcript.take());  // libvpx names its version
+    // 14 bits each, little-endian, behind frame tag and start code (RFC 6386, section 9.1).
+    constexpr std::size_t kSizes = 6;
+    for (const std::size_t size : {kSizes, kSizes + 2}) {
+        keyframe[size] = 0xFF;
+        keyframe[size + 1] = 0x3F;
+    }
+    queue_one_by_one({keyframe, keyframe});
+    run();
+    EXPECT_EQ(transcript.take(),
+              "err: [VideoReceiver] VP8 receive_frame error: -11\n"
+              "err: [VideoReceiver] VP8 send_packet error: -22 (frame " +
+                  std::to_string(keyframe.size()) + " bytes)\n");
+    EXPECT_FALSE(peer.picture_ready());
+}
+
 TEST_F(DecodeThreadVp8, PictureOfTheConfiguredSizeHasItsColoursInTheOrderBgra) {
     configure(640, 360);
     queue_one_by_one(encoded_frames(640, 360, 3));
