@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Compares the tests that the page names as its proofs with those that there are.
+#
+#   security_page_test.sh PAGE BUILD_DIR
+source "$(dirname "$0")/../packaging/expect.sh"
+page=$1 build=$2
+
+# Without the instance in front and the parameters behind, which say nothing of the rule.
+existing_tests() {
+    ctest --test-dir "$build" --show-only |
+        sed -n -e 's/^ *Test *#[0-9]*: *//' -e 's#^[A-Za-z0-9_]*/##' -e 's#[/ ].*##' -e '/\./p' |
+        LC_ALL=C sort -u
+}
+
+# Suite.Test, both begun by a capital.
+named_tests() {
+    grep -o '`[A-Z][A-Za-z0-9]*\.[A-Z][A-Za-z0-9_]*`' "$page" | tr -d '`' | LC_ALL=C sort -u
+}
+
+# Every row of a table of claims, but head and rule.
+rows_without_test() {
+    grep '^|' "$page" | grep -v '^| claim |\|^|---' | grep -v '`[A-Z][A-Za-z0-9]*\.[A-Z]' || true
+}
+
+named=$(named_tests)
+expect_equal "tests named by the page" "$named" \
+    "$(comm -12 <(echo "$named") <(existing_tests))"
+expect_equal "claims without a test" "" "$(rows_without_test)"
