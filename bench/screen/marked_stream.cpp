@@ -26,8 +26,12 @@ constexpr std::uint8_t kNeutral = 128;
 constexpr std::array<std::uint8_t, kMarks> kMarkLuma = {60, 100, 140, 180};
 constexpr Yuv kOpeningColor = {.y = 100, .u = 70, .v = 200};
 
-// What a lossy codec and a conversion to RGB may change.
-constexpr int kTolerance = 12;
+// What a lossy codec and a conversion to RGB may change: less than half of the distance between two
+// marks, 46 (a mark that is not recognised would count as a missed flip).
+constexpr int kTolerance = 20;
+
+// A keyframe every two seconds, as vesper-parent sends.
+constexpr int kKeyframeInterval = 2;  // seconds
 
 // ITU-R BT.601: luma 16 to 235 are 0 to 255.
 int grey_of(std::uint8_t luma) {
@@ -71,7 +75,8 @@ MarkedStream encode_marked_stream(int bitrate, bool low_delay) {
         !encoder.open({.width = kWidth,
                        .height = kHeight,
                        .frames_per_second = frames_per_second,
-                       .bitrate = bitrate})) {
+                       .bitrate = bitrate,
+                       .keyframe_interval = kKeyframeInterval * frames_per_second})) {
         fail("no test picture or no encoder");
     }
     MarkedStream stream;
