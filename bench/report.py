@@ -139,15 +139,16 @@ def compare(found):
 
 
 def at_the_screen(folder):
-    """Program and number of players -> figures over all rounds."""
+    """Program, number of players and frame rate -> figures over all rounds."""
     runs = {}
     for file in sorted(folder.glob("screen-*.json")):
         run = json.loads(file.read_text())
-        runs.setdefault((run["subject"], run["players"]), []).append(run)
+        runs.setdefault((run["subject"], run["players"], run["fps"]), []).append(run)
     rows = []
-    for (subject, players), group in runs.items():
+    for (subject, players, fps), group in runs.items():
         delays = sorted(delay for run in group for delay in run["delays_ms"])
-        row = {"subject": subject, "players": players, "rounds": len(group), "delays_ms": delays}
+        row = {"subject": subject, "players": players, "fps": fps, "rounds": len(group),
+               "delays_ms": delays}
         row["missed"] = sum(run["missed"] for run in group)
         for key in ("first_picture_ms", "processor_s_per_min", "peak_memory_mib", "sampling_ms"):
             row[key] = statistics.median(run[key] for run in group)
@@ -156,7 +157,7 @@ def at_the_screen(folder):
             row["p95_ms"] = delays[int(0.95 * (len(delays) - 1))]
             row["max_ms"] = delays[-1]
         rows.append(row)
-    return sorted(rows, key=lambda row: (row["players"], row["subject"]))
+    return sorted(rows, key=lambda row: (row["players"], row["fps"], row["subject"]))
 
 
 def duration(ns):
@@ -193,14 +194,14 @@ def processor_table(rows):
 
 
 def screen_table(rows):
-    lines = ["| program | players | delay, median | p95 | max | flips seen, missed "
+    lines = ["| program | players | frames/s | delay, median | p95 | max | flips seen, missed "
              "| first picture | processor s/min | peak memory |",
-             "|---|---|---|---|---|---|---|---|---|"]
+             "|---|---|---|---|---|---|---|---|---|---|"]
     for row in rows:
         delay = " | ".join(f"{row[key]:.1f} ms" if key in row else "none seen"
                            for key in ("median_ms", "p95_ms", "max_ms"))
         lines.append(
-            f"| {row['subject']} | {row['players']} | {delay} "
+            f"| {row['subject']} | {row['players']} | {row['fps']} | {delay} "
             f"| {len(row['delays_ms'])}, {row['missed']} | {row['first_picture_ms']:.0f} ms "
             f"| {row['processor_s_per_min']:.1f} | {row['peak_memory_mib']:.0f} MiB |")
     return lines
@@ -273,7 +274,8 @@ def plot_all(folder, found, screen):
         "presented, floor": by_size(r"present/(\d+)x\d+/new_picture/floor", 1e-6),
     })
 
-    ours = [row for row in screen if row["subject"] == "player" and "median_ms" in row]
+    at_30 = [row for row in screen if row["fps"] == 30]
+    ours = [row for row in at_30 if row["subject"] == "player" and "median_ms" in row]
     plot(folder, "players", "Players at once, 720p30 each", "players", "ms; processor s per minute", {
         "delay, median (ms)": [(row["players"], row["median_ms"]) for row in ours],
         "delay, p95 (ms)": [(row["players"], row["p95_ms"]) for row in ours],
@@ -284,7 +286,7 @@ def plot_all(folder, found, screen):
          "delay in ms", "share of the flips", {
              row["subject"]: [(delay, (i + 1) / len(row["delays_ms"]))
                               for i, delay in enumerate(row["delays_ms"])]
-             for row in screen if row["players"] == 1
+             for row in at_30 if row["players"] == 1
          })
 
 

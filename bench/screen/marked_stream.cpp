@@ -15,7 +15,7 @@ namespace {
 
 constexpr int kSquareSize = 256;  // pixels, sixteen macroblocks
 constexpr int kOpeningFrames = 30;
-constexpr int kLoopFrames = 240;  // ten times around the marks
+constexpr int kLoopSeconds = 8;  // a whole number of times around the marks
 
 struct Yuv {
     std::uint8_t y;
@@ -67,15 +67,15 @@ std::vector<EncodedFrame> encode(tools::Vp8Encoder& encoder, const tools::Pictur
 
 }  // namespace
 
-MarkedStream encode_marked_stream(int bitrate, bool low_delay) {
+MarkedStream encode_marked_stream(const MarkedStreamSettings& settings) {
     tools::MediaSource source;
     tools::Vp8Encoder encoder;
-    const int frames_per_second = low_delay ? 2 * kFramesPerSecond : kFramesPerSecond;
+    const int frames_per_second = settings.frames_per_second * (settings.low_delay ? 2 : 1);
     if (!source.open_test_picture({.width = kWidth, .height = kHeight, .sound = false}) ||
         !encoder.open({.width = kWidth,
                        .height = kHeight,
                        .frames_per_second = frames_per_second,
-                       .bitrate = bitrate,
+                       .bitrate = settings.bitrate,
                        .keyframe_interval = kKeyframeInterval * frames_per_second})) {
         fail("no test picture or no encoder");
     }
@@ -86,10 +86,11 @@ MarkedStream encode_marked_stream(int bitrate, bool low_delay) {
     }
     fill(*opening, 0, 0, kWidth, kHeight, kOpeningColor);
     for (int i = 0; i < kOpeningFrames; ++i) {
-        stream.opening.push_back(
-            {.frames = encode(encoder, opening, true, low_delay), .mark = 0, .is_flip = false});
+        stream.opening.push_back({.frames = encode(encoder, opening, true, settings.low_delay),
+                                  .mark = 0,
+                                  .is_flip = false});
     }
-    for (int i = 0; i < kLoopFrames; ++i) {
+    for (int i = 0; i < kLoopSeconds * settings.frames_per_second; ++i) {
         const tools::Picture picture = source.next_picture();
         if (!picture || av_frame_make_writable(picture.get()) < 0) {
             fail("the test picture ended");
@@ -98,7 +99,7 @@ MarkedStream encode_marked_stream(int bitrate, bool low_delay) {
         fill(*picture, (kWidth - kSquareSize) / 2, (kHeight - kSquareSize) / 2, kSquareSize,
              kSquareSize,
              {.y = kMarkLuma[static_cast<std::size_t>(mark)], .u = kNeutral, .v = kNeutral});
-        stream.loop.push_back({.frames = encode(encoder, picture, i == 0, low_delay),
+        stream.loop.push_back({.frames = encode(encoder, picture, i == 0, settings.low_delay),
                                .mark = mark,
                                .is_flip = i % kFramesPerMark == 0});
     }

@@ -10,12 +10,12 @@ namespace vesper::bench {
 
 using EncodedFrame = std::vector<std::uint8_t>;
 
-inline constexpr int kWidth = 1280;  // pixels
-inline constexpr int kHeight = 720;  // pixels
-inline constexpr int kFramesPerSecond = 30;
-inline constexpr int kFramesPerMark = 6;  // the square keeps its grey for 200 ms
+inline constexpr int kWidth = 1280;       // pixels
+inline constexpr int kHeight = 720;       // pixels
+inline constexpr int kFramesPerMark = 6;  // the square keeps its grey for 200 ms at 30 frames/s
 
-// Four greys in turn: a picture may be up to 800 ms late and is still told from its successors.
+// Four greys in turn: a picture may be up to 800 ms late (at 30 frames/s) and is still told from
+// its successors.
 inline constexpr int kMarks = 4;
 
 // One picture; with low delay it is encoded twice, and the copy pushes it out of a decoder that
@@ -33,8 +33,14 @@ struct MarkedStream {
     std::vector<StreamPicture> loop;
 };
 
-// `bitrate` in bit/s. Ends the process, with a line, when there is no encoder.
-[[nodiscard]] MarkedStream encode_marked_stream(int bitrate, bool low_delay);
+struct MarkedStreamSettings {
+    int frames_per_second = 30;
+    int bitrate = 600'000;  // bit/s
+    bool low_delay = false;
+};
+
+// Ends the process, with a line, when there is no encoder.
+[[nodiscard]] MarkedStream encode_marked_stream(const MarkedStreamSettings& settings);
 
 struct Rgb {
     int red;

@@ -29,7 +29,6 @@ extern "C" {
 #include "bench/screen/window_watch.h"
 
 using vesper::bench::kFramesPerMark;
-using vesper::bench::kFramesPerSecond;
 using vesper::bench::kMarks;
 using vesper::bench::StreamPicture;
 using vesper::bench::Subject;
@@ -40,22 +39,20 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
-constexpr auto kFrameInterval =
-    std::chrono::nanoseconds(std::chrono::seconds(1)) / kFramesPerSecond;
 constexpr auto kOpenLimit = std::chrono::seconds(30);
 constexpr auto kWarmUp = std::chrono::seconds(2);
-// A mark comes round again after this long.
-constexpr auto kMarkPeriod = kFrameInterval * kFramesPerMark * kMarks;
+constexpr int kPicturesPerMarkPeriod = kFramesPerMark * kMarks;  // then a mark comes round again
 
 struct Flip {
     int mark;
     std::vector<Clock::time_point> sent;  // one for each program
 };
 
-// Sends picture after picture, 30 a second, to every program.
+// Sends picture after picture, one each frame interval, to every program.
 class Sender {
   public:
-    explicit Sender(std::vector<std::unique_ptr<Subject>>& subjects) : subjects_(subjects) {}
+    Sender(std::vector<std::unique_ptr<Subject>>& subjects, Clock::duration frame_interval)
+        : subjects_(subjects), frame_interval_(frame_interval) {}
 
     // Returns once it is sent: the time at which its last datagram left, for each program.
     std::vector<Clock::time_point> send(const StreamPicture& picture) {
@@ -70,12 +67,13 @@ class Sender {
                 subject->wire().send(picture.frames[copy], media_time);
             }
         }
-        due_ += kFrameInterval;
+        due_ += frame_interval_;
         return sent;
     }
 
   private:
     std::vector<std::unique_ptr<Subject>>& subjects_;
+    Clock::duration frame_interval_;
     Clock::time_point start_ = Clock::now();
     Clock::time_point due_ = start_;
 };
@@ -106,7 +104,8 @@ struct Delays {
     int missed = 0;
 };
 
-Delays delays_of(const std::vector<Flip>& flips, const std::vector<WindowWatch::Sighting>& seen) {
+Delays delays_of(const std::vector<Flip>& flips, const std::vector<WindowWatch::Sighting>& seen,
+                 Clock::duration mark_period) {
     Delays delays;
     for (const Flip& flip : flips) {
         for (std::size_t window = 0; window < flip.sent.size(); ++window) {
@@ -115,7 +114,7 @@ Delays delays_of(const std::vector<Flip>& flips, const std::vector<WindowWatch::
                 return sighting.window == static_cast<int>(window) && sighting.mark == flip.mark &&
                        sighting.time >= sent;
             });
-            if (found == seen.end() || found->time - sent >= kMarkPeriod) {
+            if (found == seen.end() || found->time - sent >= mark_period) {
                 ++delays.missed;
             } else {
                 delays.ms.push_back(1e3 * Seconds(found->time - sent).count());
@@ -148,15 +147,22 @@ int main(int argc, char** argv) {
     // Two datagrams a picture: a player that draws in software, and takes one datagram for every
     // time it draws, keeps up even on a busy machine.
     int kilobits = 600;
+    int frames_per_second = 30;
     app.add_option("--subject", name)->check(CLI::IsMember(vesper::bench::subject_names()));
     app.add_option("--players", players)->check(CLI::Range(1, 4));
     app.add_option("--seconds", seconds)->check(CLI::PositiveNumber);
     app.add_option("--kilobits", kilobits, "A second")->check(CLI::Range(100, 20'000));
+    app.add_option("--fps", frames_per_second)->check(CLI::Range(10, 60));
     CLI11_PARSE(app, argc, argv);
     av_log_set_level(AV_LOG_QUIET);
 
     const auto stream =
-        vesper::bench::encode_marked_stream(1000 * kilobits, vesper::bench::sends_twice(name));
+        vesper::bench::encode_marked_stream({.frames_per_second = frames_per_second,
+                                             .bitrate = 1000 * kilobits,
+                                             .low_delay = vesper::bench::sends_twice(name)});
+    const Clock::duration frame_interval =
+        std::chrono::nanoseconds(std::chrono::seconds(1)) / frames_per_second;
+    const Clock::duration mark_period = frame_interval * kPicturesPerMarkPeriod;
     const WindowWatch watch(players);
     const auto start = Clock::now();
     std::vector<std::unique_ptr<Subject>> subjects;
@@ -164,7 +170,7 @@ int main(int argc, char** argv) {
     for (int i = 0; i < players; ++i) {
         subjects.push_back(std::make_unique<Subject>(name));
     }
-    Sender sender(subjects);
+    Sender sender(subjects, frame_interval);
     stream_opening(sender, stream.opening, watch, subjects);
 
     const auto measure_from = Clock::now() + kWarmUp;
@@ -189,23 +195,25 @@ int main(int argc, char** argv) {
     const double used = processor_seconds(subjects) - used_before;
     const double minutes = Seconds(Clock::now() - used_from).count() / 60;
     // The last flip may still be on its way.
-    const auto drain_to = Clock::now() + kMarkPeriod / 2;
+    const auto drain_to = Clock::now() + mark_period / 2;
     while (Clock::now() < drain_to) {
         sender.send(stream.loop[next]);
         next = (next + 1) % stream.loop.size();
     }
 
-    const Delays delays = delays_of(flips, watch.sightings());
+    const Delays delays = delays_of(flips, watch.sightings(), mark_period);
     double peak_mib = 0;
     for (const auto& subject : subjects) {
         peak_mib += static_cast<double>(subject->peak_memory_kib()) / 1024;
     }
     std::printf(
-        "{\"subject\": \"%s\", \"players\": %d, \"kilobits\": %d, \"first_picture_ms\": %.1f, "
+        "{\"subject\": \"%s\", \"players\": %d, \"fps\": %d, \"kilobits\": %d, "
+        "\"first_picture_ms\": %.1f, "
         "\"processor_s_per_min\": %.3f, \"peak_memory_mib\": %.1f, \"sampling_ms\": %.3f, "
         "\"missed\": %d, \"delays_ms\": [",
-        name.c_str(), players, kilobits, 1e3 * Seconds(*watch.opened() - start).count(),
-        used / minutes, peak_mib, 1e3 * watch.sampling_interval().count(), delays.missed);
+        name.c_str(), players, frames_per_second, kilobits,
+        1e3 * Seconds(*watch.opened() - start).count(), used / minutes, peak_mib,
+        1e3 * watch.sampling_interval().count(), delays.missed);
     for (std::size_t i = 0; i < delays.ms.size(); ++i) {
         std::printf("%s%.3f", i == 0 ? "" : ", ", delays.ms[i]);
     }
