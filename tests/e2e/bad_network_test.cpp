@@ -14,7 +14,6 @@
 #include "net/stream_datagrams.h"
 #include "tests/e2e/live_stream_test.h"
 #include "tests/support/fragment_builder.h"
-#include "tools/stream/impairments.h"
 #include "tools/stream/vp8_encoder.h"
 
 namespace vesper::test {
@@ -35,18 +34,6 @@ std::chrono::milliseconds impaired_time() {
 
 bool happens(std::mt19937_64& random, double percent) {
     return static_cast<double>(random() >> 11) * 0x1.0p-53 * 100 < percent;
-}
-
-// What the tools' impairments do, all times left out.
-Road impaired(const tools::ImpairmentSettings& settings) {
-    const auto impairments = std::make_shared<tools::Impairments>(settings);
-    return [impairments](Datagram datagram) {
-        std::vector<Datagram> arriving;
-        for (tools::Departure& departure : impairments->pass(std::move(datagram), {})) {
-            arriving.push_back(std::move(departure.datagram));
-        }
-        return arriving;
-    };
 }
 
 // Flips one bit of the encoded frame or packet in `percent` of the datagrams; headers stay whole.

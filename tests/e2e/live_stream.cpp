@@ -1,6 +1,7 @@
 #include "tests/e2e/live_stream.h"
 
 #include <algorithm>
+#include <memory>
 #include <thread>
 #include <utility>
 
@@ -77,6 +78,17 @@ bool LiveStream::send(const std::vector<tools::Datagram>& datagrams, const Road&
 LiveStream::Road good_road() {
     return
         [](tools::Datagram datagram) { return std::vector<tools::Datagram>{std::move(datagram)}; };
+}
+
+LiveStream::Road impaired(const tools::ImpairmentSettings& settings) {
+    const auto impairments = std::make_shared<tools::Impairments>(settings);
+    return [impairments](tools::Datagram datagram) {
+        std::vector<tools::Datagram> arriving;
+        for (tools::Departure& departure : impairments->pass(std::move(datagram), {})) {
+            arriving.push_back(std::move(departure.datagram));
+        }
+        return arriving;
+    };
 }
 
 }  // namespace vesper::test

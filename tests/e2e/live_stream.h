@@ -9,6 +9,7 @@
 
 #include "tests/e2e/parent.h"
 #include "tests/e2e/test_stream.h"
+#include "tools/stream/impairments.h"
 #include "tools/stream/packetizer.h"
 
 namespace vesper::test {
@@ -61,5 +62,8 @@ class LiveStream {
 
 // The road on which nothing happens.
 [[nodiscard]] LiveStream::Road good_road();
+
+// What the tools' impairments do, all times left out.
+[[nodiscard]] LiveStream::Road impaired(const tools::ImpairmentSettings& settings);
 
 }  // namespace vesper::test

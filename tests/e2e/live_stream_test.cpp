@@ -24,6 +24,12 @@ std::vector<Point> field_centers() {
     return centers;
 }
 
+// Where a window of `size` shows this point of a picture of kPictureSize: it is filled.
+Point in_window(Point point, Extent size) {
+    return {.x = point.x * size.width / kPictureSize.width,
+            .y = point.y * size.height / kPictureSize.height};
+}
+
 // What FFmpeg's decoder answers to a frame that makes no sense: AVERROR_INVALIDDATA.
 constexpr int kInvalidData = -1094995529;
 
@@ -76,7 +82,7 @@ std::string dropped_frame_line(std::uint32_t frame_id, int received, int total) 
 
 void LiveStreamTest::start_stream() {
     start_player({"--has-audio"});
-    show_first_picture(flat_picture(kFirstColor));
+    show_first_picture(flat_picture(kFirstColor, stream_size));
     expect_color(kFirstPoint, kFirstColor);
 }
 
@@ -92,18 +98,20 @@ void LiveStreamTest::expect_good_picture() {
     const auto good = [this] {
         const Screenshot shot = window->screenshot();
         return std::ranges::all_of(field_centers(), [&shot](Point point) {
-            return is_near(shot.at(point), field_color(point));
+            return is_near(shot.at(in_window(point, shot.size)), field_color(point));
         });
     };
     for (std::uint64_t seen = requests(), before = seen + 1; seen != before;) {
         before = seen;
-        show_picture(fields_picture());
+        show_picture(fields_picture(stream_size));
         (void)eventually([&] { return good() || requests() != before; });
         seen = good() ? before : requests();
     }
+    const Screenshot shot = window->screenshot();
     for (const Point point : field_centers()) {
-        EXPECT_TRUE(shows_color(point, field_color(point)))
-            << "at " << point << ": " << window->screenshot().at(point);
+        const Color shown = shot.at(in_window(point, shot.size));
+        EXPECT_TRUE(is_near(shown, field_color(point)))
+            << "field at " << point << ": " << shown << ", not " << field_color(point);
     }
 }
 

@@ -18,6 +18,8 @@ namespace vesper::test {
 
 class LiveStreamTest : public PlayerTest {
   protected:
+    using PlayerTest::PlayerTest;
+
     static constexpr Color kFirstColor{.red = 30, .green = 60, .blue = 200};
     static constexpr Point kFirstPoint{.x = 200, .y = 120};
 
@@ -25,12 +27,16 @@ class LiveStreamTest : public PlayerTest {
     // keyframe that arrives whole is shown whole.
     void start_stream();
 
-    // Streams ever changing pictures for `time` over `road`.
+    // What is streamed, each picture another than the one before: random_picture() unless told
+    // otherwise.
+    [[nodiscard]] virtual tools::Picture next_picture() { return random_picture(random); }
+
+    // Streams for `time` over `road`.
     void stream(std::chrono::milliseconds time, const LiveStream::Road& road);
 
-    // Sends a keyframe over a good road, and expects to see each of its fields in its colour. A
-    // player that was held up for so long that it gave the keyframe up asks for another and gets
-    // it.
+    // Sends a keyframe over a good road, and expects to see each of its fields in its colour,
+    // however large the window. A player that was held up for so long that it gave the keyframe up
+    // asks for another and gets it.
     void expect_good_picture();
 
     // Closes the window and expects a clean end: standard error begins with failure_text, and each
@@ -40,9 +46,8 @@ class LiveStreamTest : public PlayerTest {
     void expect_explained_end();
 
     std::mt19937_64 random{20};
-    LiveStream live{parent, port, [this](bool keyframe) {
-                        return video.frame(random_picture(random), keyframe);
-                    }};
+    LiveStream live{parent, port,
+                    [this](bool keyframe) { return video.frame(next_picture(), keyframe); }};
 };
 
 }  // namespace vesper::test

@@ -62,7 +62,10 @@ ChildProcess::Environment player_environment(const VirtualDisplay& display) {
     };
 }
 
-PlayerTest::PlayerTest() : environment(player_environment(display)) {}
+PlayerTest::PlayerTest(const tools::Vp8Settings& stream)
+    : stream_size{.width = stream.width, .height = stream.height},
+      environment(player_environment(display)),
+      video(stream) {}
 
 void PlayerTest::TearDown() {
     if (player && !player->ending()) {

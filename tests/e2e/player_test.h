@@ -45,7 +45,8 @@ class TemporaryDirectory {
 
 class PlayerTest : public testing::Test {
   protected:
-    PlayerTest();
+    // `stream` says what `video` makes and what the player is told of it.
+    explicit PlayerTest(const tools::Vp8Settings& stream = kSmallStream);
     void TearDown() override;
 
     // Runs the player with exactly these arguments, without waiting for anything.
@@ -98,7 +99,7 @@ class PlayerTest : public testing::Test {
     [[nodiscard]] static std::string destructor_text_without_stream();
 
     VirtualDisplay display;
-    Extent stream_size = kPictureSize;  // what the player is told
+    const Extent stream_size;
     Parent parent;
     const std::uint16_t port = free_port();  // the player's
     ChildProcess::Environment environment;

@@ -1,29 +1,14 @@
 // From Opus packets to the sound device: SDL writes to a file what it would give to the hardware.
 #include <algorithm>
-#include <cmath>
-#include <fstream>
+#include <filesystem>
 #include <numbers>
 
-#include "net/stream_datagrams.h"
+#include "tests/e2e/played_sound.h"
 #include "tests/e2e/player_test.h"
 
 namespace vesper::test {
 
 namespace {
-
-using Blocks = std::vector<SoundBlock>;
-
-bool is_silent(const SoundBlock& block) {
-    return std::ranges::all_of(block, [](short sample) { return sample == 0; });
-}
-
-// Everything that sounds. The player queues whole blocks and the device takes whole blocks, so
-// whatever SDL fills the pauses with is whole blocks of silence, too.
-Blocks without_silence(const Blocks& blocks) {
-    Blocks sounding;
-    std::ranges::remove_copy_if(blocks, std::back_inserter(sounding), is_silent);
-    return sounding;
-}
 
 // As the player's volume does it: truncated toward zero.
 SoundBlock scaled(SoundBlock block, float volume) {
@@ -31,30 +16,6 @@ SoundBlock scaled(SoundBlock block, float volume) {
         sample = static_cast<short>(static_cast<float>(sample) * volume);
     }
     return block;
-}
-
-// The level of the left channel.
-double root_mean_square(const Blocks& blocks) {
-    double sum = 0;
-    for (const SoundBlock& block : blocks) {
-        for (std::size_t i = 0; i < block.size(); i += 2) {
-            sum += static_cast<double>(block[i]) * block[i];
-        }
-    }
-    return std::sqrt(sum / (static_cast<double>(blocks.size()) * kBlockFrames));
-}
-
-// Passages of the left channel through zero on the way up, per second.
-double frequency(const Blocks& blocks) {
-    int passages = 0;
-    short last = 0;
-    for (const SoundBlock& block : blocks) {
-        for (std::size_t i = 0; i < block.size(); i += 2) {
-            passages += last < 0 && block[i] >= 0 ? 1 : 0;
-            last = block[i];
-        }
-    }
-    return passages / (static_cast<double>(blocks.size()) * 0.020);
 }
 
 // What the player's decoder must make of the packets.
@@ -84,16 +45,10 @@ class Reference {
 class Sound : public PlayerTest {
   protected:
     void start_player_with_sound(const std::vector<std::string>& more = {}) {
-        environment["SDL_AUDIODRIVER"] = "disk";
-        environment["SDL_DISKAUDIOFILE"] = file_;
-        // A device four times as fast as a real one: the file need not be waited for.
-        environment["SDL_DISKAUDIODELAY"] = "5";
+        sound.redirect(environment);
         std::vector<std::string> arguments = {"--has-audio"};
         arguments.insert(arguments.end(), more.begin(), more.end());
-        failure_text =
-            "CRITICAL: You are using the SDL disk i/o audio driver!\n"
-            "CRITICAL:  Writing to file [" +
-            file_.string() + "].\n";
+        failure_text = sound.driver_text();
         start_player(arguments);
     }
 
@@ -101,28 +56,18 @@ class Sound : public PlayerTest {
     void play(const std::vector<std::uint8_t>& packet) { send({packetizer_.packetize(packet)}); }
     void lose(const std::vector<std::uint8_t>& packet) { (void)packetizer_.packetize(packet); }
 
-    [[nodiscard]] Blocks heard() const {
-        Blocks blocks;
-        std::ifstream file(file_, std::ios::binary);
-        SoundBlock block;
-        while (file.read(reinterpret_cast<char*>(block.data()), sizeof(block))) {
-            blocks.push_back(block);
-        }
-        return without_silence(blocks);
-    }
-
     // Waits until the device has exactly these blocks, and nothing else that sounds.
-    void expect_heard(const Blocks& expected) {
-        const Blocks sounding = without_silence(expected);
-        (void)eventually([&] { return heard().size() >= sounding.size(); });
-        const Blocks result = heard();
+    void expect_heard(const SoundBlocks& expected) {
+        const SoundBlocks sounding = without_silence(expected);
+        (void)eventually([&] { return sound.heard().size() >= sounding.size(); });
+        const SoundBlocks result = sound.heard();
         ASSERT_EQ(result.size(), sounding.size());
         for (std::size_t i = 0; i < result.size(); ++i) {
             ASSERT_EQ(result[i], sounding[i]) << "block " << i;
         }
     }
 
-    const std::filesystem::path file_ = directory.path() / "sound.pcm";
+    PlayedSound sound{directory.path() / "sound.pcm"};
     tools::AudioPacketizer packetizer_;
     ToneSource tone_;
     Reference reference_;
@@ -131,23 +76,21 @@ class Sound : public PlayerTest {
 TEST_F(Sound, ToneArrivesAtItsFrequencyAndLevel) {
     constexpr int kPackets = 50;  // one second
     start_player_with_sound();
-    Blocks expected;
+    SoundBlocks expected;
     for (const auto& packet : tone_.packets(kPackets)) {
         play(packet);
         expected.push_back(reference_.decode(packet));
     }
     expect_heard(expected);
-    Blocks steady = heard();
+    SoundBlocks steady = sound.heard();
     steady.erase(steady.begin());  // the codec fades in
-    EXPECT_NEAR(frequency(steady), ToneSource::kFrequency, 3.0);
-    EXPECT_NEAR(root_mean_square(steady), ToneSource::kAmplitude / std::numbers::sqrt2,
-                0.05 * ToneSource::kAmplitude);
+    expect_tone(steady);
 }
 
 TEST_F(Sound, LossOfThreePacketsIsConcealed) {
     start_player_with_sound();
     const auto packets = tone_.packets(12);
-    Blocks expected;
+    SoundBlocks expected;
     for (std::size_t i = 0; i < packets.size(); ++i) {
         const bool lost = i >= 5 && i < 8;
         lost ? lose(packets[i]) : play(packets[i]);
@@ -159,7 +102,7 @@ TEST_F(Sound, LossOfThreePacketsIsConcealed) {
 TEST_F(Sound, LongerLossIsBridgedByThreeBlocksAtMost) {
     start_player_with_sound();
     const auto packets = tone_.packets(20);
-    Blocks expected;
+    SoundBlocks expected;
     for (std::size_t i = 0; i < packets.size(); ++i) {
         const bool lost = i >= 5 && i < 15;
         lost ? lose(packets[i]) : play(packets[i]);
@@ -174,13 +117,13 @@ TEST_F(Sound, LongerLossIsBridgedByThreeBlocksAtMost) {
 
 TEST_F(Sound, HalfVolumeHalvesTheLevel) {
     start_player_with_sound({"--audio-volume", "0.5"});
-    Blocks expected;
+    SoundBlocks expected;
     for (const auto& packet : tone_.packets(25)) {
         play(packet);
         expected.push_back(scaled(reference_.decode(packet), 0.5F));
     }
     expect_heard(expected);
-    Blocks steady = heard();
+    SoundBlocks steady = sound.heard();
     steady.erase(steady.begin());
     EXPECT_NEAR(root_mean_square(steady), ToneSource::kAmplitude / std::numbers::sqrt2 / 2,
                 0.025 * ToneSource::kAmplitude);
@@ -194,7 +137,7 @@ TEST_F(Sound, MutedStartIsSilentUntilUnmutedAndKeepsTheVolume) {
     }
     window->press_key("m");
     EXPECT_FALSE(parent.next_message().empty());
-    Blocks expected;
+    SoundBlocks expected;
     for (const auto& packet : tone_.packets(10)) {
         play(packet);
         expected.push_back(scaled(reference_.decode(packet), 0.5F));
@@ -204,7 +147,7 @@ TEST_F(Sound, MutedStartIsSilentUntilUnmutedAndKeepsTheVolume) {
 
 TEST_F(Sound, LevelFollowsTheControls) {
     start_player_with_sound();
-    Blocks expected;
+    SoundBlocks expected;
     const auto play_at = [&](float volume) {
         for (const auto& packet : tone_.packets(5)) {
             play(packet);
@@ -233,7 +176,7 @@ TEST_F(Sound, LevelFollowsTheControls) {
 
 TEST_F(Sound, UndecodablePacketIsSkipped) {
     start_player_with_sound();
-    Blocks expected;
+    SoundBlocks expected;
     for (const auto& packet : tone_.packets(5)) {
         play(packet);
         expected.push_back(reference_.decode(packet));
@@ -247,8 +190,7 @@ TEST_F(Sound, UndecodablePacketIsSkipped) {
 }
 
 TEST_F(Sound, WithoutHasAudioPacketsAreIgnored) {
-    environment["SDL_AUDIODRIVER"] = "disk";
-    environment["SDL_DISKAUDIOFILE"] = file_;
+    sound.redirect(environment);
     start_player();
     for (const auto& packet : tone_.packets(10)) {
         play(packet);
@@ -256,7 +198,7 @@ TEST_F(Sound, WithoutHasAudioPacketsAreIgnored) {
     constexpr Color kBlue{.red = 30, .green = 60, .blue = 200};
     show_first_picture(flat_picture(kBlue));
     expect_color({.x = 200, .y = 120}, kBlue);
-    EXPECT_FALSE(std::filesystem::exists(file_));
+    EXPECT_FALSE(std::filesystem::exists(sound.file()));
 }
 
 }  // namespace vesper::test

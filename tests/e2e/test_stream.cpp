@@ -11,7 +11,6 @@ namespace {
 constexpr int kSampleRate = 48000;  // Hz
 constexpr int kChannels = 2;
 constexpr int kMaxPacket = 1275;  // bytes, the longest Opus frame (RFC 6716, section 3.4)
-constexpr std::int64_t kBitrate = 8'000'000;  // bit/s: flat areas come out flat
 
 std::uint8_t to_byte(double value) {
     return static_cast<std::uint8_t>(std::lround(value));
@@ -41,7 +40,7 @@ void paint_plane(AVFrame& frame, int plane, int step, const Paint& paint,
     }
 }
 
-tools::Picture painted(const Paint& paint, Extent size = kPictureSize) {
+tools::Picture painted(const Paint& paint, Extent size) {
     tools::Picture picture = tools::make_picture(size.width, size.height);
     if (!picture) {
         throw std::runtime_error("no memory for a picture");
@@ -66,13 +65,13 @@ Color field_color(Point point) {
             .blue = (column + row) % 2 == 0 ? 60 : 200};
 }
 
-tools::Picture fields_picture() {
-    return painted(field_color);
-}
-
-tools::Picture large_fields_picture(int scale) {
-    return painted([scale](Point p) { return field_color({.x = p.x / scale, .y = p.y / scale}); },
-                   {.width = scale * kPictureSize.width, .height = scale * kPictureSize.height});
+tools::Picture fields_picture(Extent size) {
+    return painted(
+        [size](Point p) {
+            return field_color({.x = p.x * kPictureSize.width / size.width,
+                                .y = p.y * kPictureSize.height / size.height});
+        },
+        size);
 }
 
 tools::Picture random_picture(std::mt19937_64& random) {
@@ -86,16 +85,12 @@ tools::Picture random_picture(std::mt19937_64& random) {
                  .green = static_cast<int>(bits >> 8 & 0xFF),
                  .blue = static_cast<int>(bits >> 16 & 0xFF)};
     }
-    return painted([&](Point p) {
-        return colors[static_cast<std::size_t>(p.y / kBlock * kColumns + p.x / kBlock)];
-    });
+    return painted(
+        [&](Point p) {
+            return colors[static_cast<std::size_t>(p.y / kBlock * kColumns + p.x / kBlock)];
+        },
+        kPictureSize);
 }
-
-VideoSource::VideoSource()
-    : VideoSource({.width = kPictureSize.width,
-                   .height = kPictureSize.height,
-                   .frames_per_second = 30,
-                   .bitrate = kBitrate}) {}
 
 VideoSource::VideoSource(const tools::Vp8Settings& settings) {
     if (!encoder_.open(settings)) {

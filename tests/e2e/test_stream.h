@@ -23,24 +23,27 @@ inline constexpr Extent kPictureSize{.width = 400, .height = 240};
 // A picture in one colour, of an even size.
 [[nodiscard]] tools::Picture flat_picture(Color color, Extent size = kPictureSize);
 
-// Fields of 80x80 pixels, five across and three down, no two of one colour.
+// Fields, five across and three down, no two of one colour; of 80x80 pixels in a picture of
+// kPictureSize.
 inline constexpr int kFieldSize = 80;
-[[nodiscard]] tools::Picture fields_picture();
-
-// The same fields in a picture `scale` times as large each way.
-[[nodiscard]] tools::Picture large_fields_picture(int scale);
+[[nodiscard]] tools::Picture fields_picture(Extent size = kPictureSize);
 
 // Random blocks: every frame of such pictures takes several datagrams.
 [[nodiscard]] tools::Picture random_picture(std::mt19937_64& random);
 
-// The colour of the field that holds `point` of the picture.
+// The colour of the field that holds `point` of a picture of kPictureSize.
 [[nodiscard]] Color field_color(Point point);
+
+// The stream of most tests: at this bit rate flat areas come out flat.
+inline constexpr tools::Vp8Settings kSmallStream{.width = kPictureSize.width,
+                                                 .height = kPictureSize.height,
+                                                 .frames_per_second = 30,
+                                                 .bitrate = 8'000'000};
 
 // Throws std::runtime_error where the encoder fails.
 class VideoSource {
   public:
-    VideoSource();
-    explicit VideoSource(const tools::Vp8Settings& settings);
+    explicit VideoSource(const tools::Vp8Settings& settings = kSmallStream);
 
     // The datagrams that make the player show `picture`: a keyframe, and a second frame behind it,
     // because the player's decoder works with two threads and gives out each picture only when the
