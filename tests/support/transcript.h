@@ -75,7 +75,8 @@ class Transcript {
     struct Stream {
         Transcript* transcript;
         const char* mark;
-        std::string line;  // what came of the line so far
+        std::mutex mutex;
+        std::string line;  // what came of the line so far; guarded by mutex
     };
 
     static FILE* open(Stream& stream) {
@@ -87,6 +88,8 @@ class Transcript {
 
     static ssize_t write(void* cookie, const char* bytes, std::size_t size) {
         auto& stream = *static_cast<Stream*>(cookie);
+        // The C library locks the stream as well, but the thread sanitizer does not see that.
+        const std::lock_guard lock(stream.mutex);
         for (std::size_t i = 0; i < size; ++i) {
             if (bytes[i] == '\n') {
                 stream.transcript->enter(stream);
@@ -107,8 +110,8 @@ class Transcript {
 
     FILE* real_stdout_ = stdout;
     FILE* real_stderr_ = stderr;
-    Stream out_{.transcript = this, .mark = "out: ", .line = {}};
-    Stream err_{.transcript = this, .mark = "err: ", .line = {}};
+    Stream out_{.transcript = this, .mark = "out: ", .mutex = {}, .line = {}};
+    Stream err_{.transcript = this, .mark = "err: ", .mutex = {}, .line = {}};
     std::mutex mutex_;
     std::string text_;
 };
