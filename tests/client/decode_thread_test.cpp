@@ -52,15 +52,6 @@ VESPER_HOOK(_ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE, void,
             (condition, lock))
 // clang-format on
 
-// FFmpeg is not instrumented: the thread sanitizer sees the mutexes of its decoder threads but not
-// the atomics between them, which count a picture's buffers (the last reference frees them, on
-// whatever thread) and report how far a picture is decoded.
-extern "C" const char* __tsan_default_suppressions();  // NOLINT: the sanitizer's name
-extern "C" const char* __tsan_default_suppressions() {
-    return "race:libavutil.so\n"
-           "race:libavcodec.so\n";
-}
-
 namespace vesper::client {
 namespace {
 
