@@ -97,8 +97,8 @@ TEST(ProtocolPage, ShowsAnAudioStateAsThePlayerSendsIt) {
     EXPECT_EQ(block("an audio state"), hexdump(make_audio_state({.muted = true, .volume = 0.5F})));
 }
 
-TEST(ProtocolPage, ShowsTheExampleAsItIsBuilt) {
-    EXPECT_EQ(block("minimal_parent.cpp"), read_file("docs/examples/minimal_parent.cpp"));
+TEST(ProtocolPage, ShowsTheExampleAsItIs) {
+    EXPECT_EQ(block("minimal_parent.py"), read_file("docs/examples/minimal_parent.py"));
 }
 
 TEST(ProtocolPage, ShowsARealKeyframe) {

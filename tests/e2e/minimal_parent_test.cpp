@@ -1,4 +1,4 @@
-// docs/examples/minimal_parent.cpp with the real player.
+// docs/examples/minimal_parent.py with the real player.
 #include <gmock/gmock.h>
 
 #include <fstream>
@@ -60,8 +60,8 @@ class MinimalParent : public PlayerTest {
     void run_example(int frames) {
         const std::string video_file = directory.path() / "video.ivf";
         std::ofstream(video_file, std::ios::binary) << ivf_video(frames);
-        example_.emplace(std::vector<std::string>{VESPER_MINIMAL_PARENT, std::to_string(port),
-                                                  example_port_, video_file});
+        example_.emplace(std::vector<std::string>{VESPER_PYTHON, VESPER_MINIMAL_PARENT,
+                                                  std::to_string(port), example_port_, video_file});
     }
 
     void expect_fields() {
