@@ -6,12 +6,14 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "tests/tools/grey_picture.h"
 #include "tools/stream/media_source.h"
 #include "tools/stream/vp8_encoder.h"
 
@@ -25,7 +27,18 @@ struct MediaFile {
     int luma = 180;                   // of every picture, all over
     int sound_frames = 50;            // of 20 ms; 0: no sound
     std::int16_t sound_level = 5000;  // of every sample
+    bool cover = false;               // a still picture, as sound files carry it
 };
+
+// A PNG file of one grey pixel (PNG specification, second edition: IHDR, IDAT, IEND).
+inline constexpr std::array<std::uint8_t, 67> kCover = {
+    0x89, 'P',  'N',  'G',  0x0D, 0x0A, 0x1A, 0x0A,                                      //
+    0,    0,    0,    13,   'I',  'H',  'D',  'R',                                       //
+    0,    0,    0,    1,    0,    0,    0,    1,    8,    0,    0,    0,    0,           //
+    0x3A, 0x7E, 0x9B, 0x55,                                                              //
+    0,    0,    0,    10,   'I',  'D',  'A',  'T',                                       //
+    0x78, 0x9C, 0x63, 0x68, 0x00, 0x00, 0x00, 0x82, 0x00, 0x81, 0x77, 0xCD, 0x72, 0xB6,  //
+    0,    0,    0,    0,    'I',  'E',  'N',  'D',  0xAE, 0x42, 0x60, 0x82};
 
 // Writes `file` to `path`; false when any library refuses.
 [[nodiscard]] inline bool write_media_file(const std::string& path, const MediaFile& file) {
@@ -50,6 +63,17 @@ struct MediaFile {
         av_channel_layout_default(&sound->codecpar->ch_layout, tools::kSoundChannels);
         sound->time_base = {.num = 1, .den = 1000};
     }
+    if (file.cover) {
+        AVStream* cover = avformat_new_stream(muxer, nullptr);
+        cover->codecpar->codec_type = AVMEDIA_TYPE_ATTACHMENT;
+        cover->codecpar->codec_id = AV_CODEC_ID_PNG;
+        cover->codecpar->extradata =
+            static_cast<std::uint8_t*>(av_mallocz(kCover.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+        cover->codecpar->extradata_size = kCover.size();
+        std::memcpy(cover->codecpar->extradata, kCover.data(), kCover.size());
+        av_dict_set(&cover->metadata, "filename", "cover.png", 0);
+        av_dict_set(&cover->metadata, "mimetype", "image/png", 0);
+    }
     bool good = avio_open(&muxer->pb, path.c_str(), AVIO_FLAG_WRITE) >= 0 &&
                 avformat_write_header(muxer, nullptr) >= 0;
 
@@ -69,18 +93,12 @@ struct MediaFile {
     };
 
     tools::Vp8Encoder encoder;
-    const tools::Picture picture = tools::make_picture(file.width, file.height);
+    const tools::Picture picture = make_grey_picture(file.width, file.height, file.luma);
     good = good && picture &&
            (video == nullptr || encoder.open({.width = file.width,
                                               .height = file.height,
                                               .frames_per_second = file.frames_per_second}));
     for (int i = 0; good && i < file.frames; ++i) {
-        std::memset(picture->data[0], file.luma,
-                    static_cast<std::size_t>(picture->linesize[0] * file.height));
-        for (const int plane : {1, 2}) {
-            std::memset(picture->data[plane], 128,
-                        static_cast<std::size_t>(picture->linesize[plane] * file.height / 2));
-        }
         const auto encoded = encoder.encode(picture, i == 0);
         write(video, encoded.data(), encoded.size(), i, file.frames_per_second, i == 0);
     }

@@ -223,6 +223,21 @@ TEST_F(FileSource, AFileWithoutVideoIsNamed) {
               (Printed{.out = "", .err = path + " has no video\n"}));
 }
 
+TEST_F(FileSource, ACoverPictureIsNoVideo) {
+    const std::string path = folder_.file("song.mka");
+    ASSERT_TRUE(write_media_file(path, {.frames = 0, .cover = true}));
+    EXPECT_EQ(printed_by([&] { EXPECT_FALSE(source_.open_file({}, path, false)); }),
+              (Printed{.out = "", .err = path + " has no video\n"}));
+}
+
+// Long enough for libavformat to be sure that it is to be drawn.
+TEST_F(FileSource, ATextIsNoVideo) {
+    const std::string path = folder_.file("notes.txt");
+    std::ofstream(path) << std::string(1000, 'a');
+    EXPECT_EQ(printed_by([&] { EXPECT_FALSE(source_.open_file({}, path, false)); }),
+              (Printed{.out = "", .err = path + " has no video\n"}));
+}
+
 TEST_F(ScreenSource, AMissingDisplayIsNamed) {
     EXPECT_EQ(
         printed_by([&] { EXPECT_FALSE(source_.open_screen({}, ":4711")); }),

@@ -85,6 +85,15 @@ std::string reason(int error) {
     return text.data();
 }
 
+// libavformat also counts as video the cover picture of a sound file, and a text file, which it
+// draws as a terminal would. Nobody who streams such a file means that.
+bool is_video(const AVStream& stream) {
+    constexpr std::array kDrawnText = {AV_CODEC_ID_ANSI, AV_CODEC_ID_BINTEXT, AV_CODEC_ID_IDF,
+                                       AV_CODEC_ID_XBIN};
+    return (stream.disposition & AV_DISPOSITION_ATTACHED_PIC) == 0 &&
+           std::ranges::find(kDrawnText, stream.codecpar->codec_id) == kDrawnText.end();
+}
+
 // What a file offers.
 struct Probe {
     int error = 0;  // negative: libavformat's
@@ -100,11 +109,12 @@ Probe probe(const std::string& path) {
         result.error = avformat_find_stream_info(format, nullptr);
     }
     if (result.error >= 0) {
-        const auto has = [format](AVMediaType type) {
-            return av_find_best_stream(format, type, -1, -1, nullptr, 0) >= 0;
+        const auto best = [format](AVMediaType type) {
+            return av_find_best_stream(format, type, -1, -1, nullptr, 0);
         };
-        result.has_pictures = has(AVMEDIA_TYPE_VIDEO);
-        result.has_sound = has(AVMEDIA_TYPE_AUDIO);
+        const int pictures = best(AVMEDIA_TYPE_VIDEO);
+        result.has_pictures = pictures >= 0 && is_video(*format->streams[pictures]);
+        result.has_sound = best(AVMEDIA_TYPE_AUDIO) >= 0;
     }
     avformat_close_input(&format);
     return result;

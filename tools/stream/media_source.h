@@ -42,7 +42,8 @@ class MediaSource {
     [[nodiscard]] bool open_test_picture(const MediaSettings& settings);
 
     // A media file of any format that FFmpeg opens: its first video and sound streams; with `loop`
-    // it begins again at its end. A picture of another shape gets black bars.
+    // it begins again at its end. A picture of another shape gets black bars. Cover pictures and
+    // text, which FFmpeg can draw, are no video.
     [[nodiscard]] bool open_file(const MediaSettings& settings, const std::string& path, bool loop);
 
     // What the X display `display` shows (":0"), silent. Each picture is taken when it is asked
