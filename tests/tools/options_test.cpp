@@ -38,6 +38,7 @@ TEST(ParentOptions, WithoutAnyTheTestPictureGoesToOneNewPlayer) {
     EXPECT_EQ(options.file, "");
     EXPECT_FALSE(options.screen);
     EXPECT_TRUE(options.sound);
+    EXPECT_FALSE(options.has_size);
     EXPECT_EQ(options.stream.video.width, 1280);
     EXPECT_EQ(options.stream.video.height, 720);
     EXPECT_EQ(options.stream.video.frames_per_second, 30);
@@ -97,6 +98,7 @@ TEST(ParentOptions, EachOptionIsRead) {
     EXPECT_EQ(options.file, "a.mkv");
     EXPECT_TRUE(options.loop);
     EXPECT_FALSE(options.sound);
+    EXPECT_TRUE(options.has_size);
     EXPECT_EQ(options.stream.video.width, 640);
     EXPECT_EQ(options.stream.video.height, 360);
     EXPECT_EQ(options.stream.video.frames_per_second, 60);

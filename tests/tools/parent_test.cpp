@@ -18,17 +18,24 @@ extern "C" {
 #include "net/stream_datagrams.h"
 #include "tests/support/poll.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/tools/grey_picture.h"
 #include "tests/tools/media_file.h"
 #include "tests/tools/stream_receiver.h"
 #include "tools/parent/player_process.h"
+#include "tools/stream/capture.h"
+#include "tools/stream/packetizer.h"
+#include "tools/stream/vp8_encoder.h"
 
 namespace vesper::tools {
 namespace {
 
 using test::poll;
+using testing::Contains;
 using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::IsSupersetOf;
+using testing::Not;
 using testing::SizeIs;
 
 constexpr const char* kListening = "[VideoPlayer] Listening on UDP port ";
@@ -36,9 +43,12 @@ constexpr const char* kListening = "[VideoPlayer] Listening on UDP port ";
 // One run of vesper-parent, small and quick unless told otherwise.
 class Parent {
   public:
-    explicit Parent(std::vector<std::string> words) {
-        words.insert(words.begin(), {VESPER_PARENT, "--size", "320x240"});
-        EXPECT_TRUE(process_.start(words));
+    explicit Parent(const std::vector<std::string>& words,
+                    const std::vector<std::string>& size = {"--size", "320x240"}) {
+        std::vector<std::string> command = {VESPER_PARENT};
+        command.insert(command.end(), size.begin(), size.end());
+        command.insert(command.end(), words.begin(), words.end());
+        EXPECT_TRUE(process_.start(command));
     }
 
     // Whether a line of standard output comes to begin with `start`.
@@ -103,6 +113,8 @@ class ParentTest : public testing::Test {
         std::filesystem::permissions(path, std::filesystem::perms::owner_all);
         return path;
     }
+    // One that prints its command line.
+    std::string talkative_player() const { return player("printf '%s\\n' \"$@\""); }
     // One that says it listens, tells its process id, and stays.
     std::string patient_player() const {
         return player("echo \"pid $$\"; echo '" + std::string(kListening) + "1'; exec sleep 1000");
@@ -115,6 +127,24 @@ pid_t pid_of(Parent& parent) {
     return std::stoi(parent.line_with("pid ").substr(4));
 }
 
+// The first moment of a stream; false when a library refuses.
+bool write_capture(const std::string& path, const Vp8Settings& video, bool sound) {
+    Vp8Encoder encoder;
+    CaptureWriter capture;
+    const Picture picture = test::make_grey_picture(video.width, video.height);
+    if (!encoder.open(video) || !capture.open(path)) {
+        return false;
+    }
+    constexpr std::uint16_t kPort = 50000;
+    for (const Datagram& datagram : VideoPacketizer().packetize(encoder.encode(picture, true))) {
+        capture.write(kPort, kPort + 1, datagram);
+    }
+    if (sound) {
+        capture.write(kPort, kPort + 1, AudioPacketizer().packetize(Datagram(3)));
+    }
+    return true;
+}
+
 // Whether the process is gone, or dead and only waits to be asked for its status.
 bool ended(pid_t pid) {
     std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
@@ -125,8 +155,8 @@ bool ended(pid_t pid) {
 }
 
 TEST_F(ParentTest, TellsThePlayerEverythingOnItsCommandLine) {
-    Parent parent({"--player", player("printf '%s\\n' \"$@\""), "--username", "Ann B", "--volume",
-                   "0.5", "--muted", "--listen", "45678"});
+    Parent parent({"--player", talkative_player(), "--username", "Ann B", "--volume", "0.5",
+                   "--muted", "--listen", "45678"});
     EXPECT_EQ(parent.status(), 0);
     std::vector<std::string> words = parent.out();
     ASSERT_GT(words.size(), 2U);
@@ -139,9 +169,33 @@ TEST_F(ParentTest, TellsThePlayerEverythingOnItsCommandLine) {
 }
 
 TEST_F(ParentTest, TellsThePlayerWhenThereIsNoSound) {
-    Parent parent({"--player", player("printf '%s\\n' \"$@\""), "--no-sound"});
+    Parent parent({"--player", talkative_player(), "--no-sound"});
     EXPECT_EQ(parent.status(), 0);
-    EXPECT_THAT(parent.out(), testing::Not(testing::Contains("--has-audio")));
+    EXPECT_THAT(parent.out(), Not(Contains("--has-audio")));
+}
+
+TEST_F(ParentTest, TellsThePlayerWhatSizeAndSoundACaptureHas) {
+    const std::string file = folder_.file("loud.pcap");
+    ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, true));
+    Parent parent({"--player", talkative_player(), "--replay", file}, {});
+    EXPECT_EQ(parent.status(), 0);
+    EXPECT_THAT(parent.out(), IsSupersetOf({"322", "182", "--has-audio"}));
+}
+
+TEST_F(ParentTest, TellsThePlayerWhenACaptureHasNoSound) {
+    const std::string file = folder_.file("silent.pcap");
+    ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, false));
+    Parent parent({"--player", talkative_player(), "--replay", file}, {});
+    EXPECT_EQ(parent.status(), 0);
+    EXPECT_THAT(parent.out(), Not(Contains("--has-audio")));
+}
+
+TEST_F(ParentTest, TellsThePlayerTheSizeAskedForInsteadOfTheCaptures) {
+    const std::string file = folder_.file("large.pcap");
+    ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, false));
+    Parent parent({"--player", talkative_player(), "--replay", file}, {"--size", "642x362"});
+    EXPECT_EQ(parent.status(), 0);
+    EXPECT_THAT(parent.out(), IsSupersetOf({"642", "362"}));
 }
 
 TEST_F(ParentTest, PassesOnThePlayersExitStatus) {

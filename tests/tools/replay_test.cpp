@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -17,8 +18,11 @@
 #include "tests/support/fragment_builder.h"
 #include "tests/support/poll.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/tools/grey_picture.h"
 #include "tools/stream/capture.h"
 #include "tools/stream/packetizer.h"
+#include "tools/stream/replay.h"
+#include "tools/stream/vp8_encoder.h"
 
 namespace vesper::tools {
 namespace {
@@ -286,6 +290,80 @@ TEST_F(Replay, IsForOnePlayerOfACaptureWithSeveral) {
     }
     EXPECT_EQ(run_parent("--replay '" + capture_ + "'"), kGoodEnding);
     EXPECT_THAT(received(), testing::ElementsAre(Datagram{1}, Datagram{3}));
+}
+
+// The datagrams that a parent sends to the player, and what picture_size() makes of them.
+class PictureSizeOfACapture : public testing::Test {
+  protected:
+    void add(std::vector<Datagram> datagrams) {
+        for (Datagram& datagram : datagrams) {
+            stream_.push_back({.bytes = std::move(datagram)});
+        }
+    }
+
+    // A frame of a picture of this size.
+    static std::vector<std::uint8_t> frame(int width, int height, bool keyframe) {
+        Vp8Encoder encoder;
+        EXPECT_TRUE(encoder.open({.width = width, .height = height}));
+        const Picture picture = test::make_grey_picture(width, height);
+        auto encoded = encoder.encode(picture, true);
+        return keyframe ? encoded : encoder.encode(picture, false);
+    }
+
+    VideoPacketizer packetizer_;
+    std::vector<CapturedDatagram> stream_;
+};
+
+TEST_F(PictureSizeOfACapture, IsWhatItsFirstKeyframeDeclares) {
+    add(packetizer_.packetize(frame(128, 96, false)));
+    add(packetizer_.packetize(frame(1922, 16, true)));
+    add(packetizer_.packetize(frame(64, 32, true)));
+    EXPECT_EQ(picture_size(stream_), (PictureSize{.width = 1922, .height = 16}));
+}
+
+TEST_F(PictureSizeOfACapture, LeavesOutHowThePlayerMayScale) {
+    auto keyframe = frame(320, 240, true);
+    keyframe.at(7) |= 0x40;
+    keyframe.at(9) |= 0x80;
+    add(packetizer_.packetize(keyframe));
+    EXPECT_EQ(picture_size(stream_), (PictureSize{.width = 320, .height = 240}));
+}
+
+TEST_F(PictureSizeOfACapture, IsUnknownWithoutAKeyframe) {
+    add(packetizer_.packetize(frame(320, 240, false)));
+    EXPECT_EQ(picture_size(stream_), std::nullopt);
+}
+
+TEST_F(PictureSizeOfACapture, IsNotReadFromWhatOnlyLooksLikeAKeyframe) {
+    auto sound = packetizer_.packetize(frame(320, 240, true));
+    for (Datagram& datagram : sound) {
+        datagram.at(26) |= kScreenAudioFlag;
+    }
+    add(std::move(sound));
+    auto other_frame = frame(320, 240, true);
+    other_frame.at(0) |= 1;
+    add(packetizer_.packetize(other_frame));
+    auto damaged = frame(320, 240, true);
+    damaged.at(4) ^= 1;  // in the start code
+    add(packetizer_.packetize(damaged));
+    EXPECT_EQ(picture_size(stream_), std::nullopt);
+}
+
+TEST_F(PictureSizeOfACapture, IsNotReadFromTheMiddleOfAFrame) {
+    std::vector<std::uint8_t> two_fragments(kMaxFragmentPayload, 0x01);
+    const auto keyframe = frame(320, 240, true);
+    two_fragments.insert(two_fragments.end(), keyframe.begin(), keyframe.end());
+    add(packetizer_.packetize(two_fragments));
+    EXPECT_EQ(picture_size(stream_), std::nullopt);
+}
+
+TEST_F(PictureSizeOfACapture, IsNotReadFromADatagramThatIsCutShort) {
+    for (const Datagram& whole : packetizer_.packetize(frame(320, 240, true))) {
+        for (std::size_t length = 0; length < whole.size(); ++length) {
+            add({Datagram(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length))});
+        }
+    }
+    EXPECT_EQ(picture_size(stream_), std::nullopt);
 }
 
 }  // namespace

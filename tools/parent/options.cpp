@@ -65,11 +65,11 @@ void add_source_options(CLI::App& app, Options& options) {
     app.add_flag("--loop", options.loop, "Start the file again at its end")
         ->needs(file)
         ->group("Source");
-    auto* replay =
-        app.add_option("--replay", options.replay, "Send what this capture holds, in its own time")
-            ->excludes(file)
-            ->type_name("CAPTURE")
-            ->group("Source");
+    auto* replay = app.add_option("--replay", options.replay,
+                                  "Send what this capture holds, in its own time and size")
+                       ->excludes(file)
+                       ->type_name("CAPTURE")
+                       ->group("Source");
     app.add_option("--speed", options.speed, "Replay so many times as fast")
         ->capture_default_str()
         ->check(CLI::Range(0.01, 100.0))
@@ -166,6 +166,7 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& sta
         ->check(CLI::PositiveNumber);
     try {
         app.parse(argc, argv);
+        options.has_size = app.count("--size") > 0;
         std::error_code none_there;
         if (std::filesystem::equivalent(options.capture, options.replay, none_there)) {
             throw CLI::ValidationError("--capture", "would overwrite what --replay reads");

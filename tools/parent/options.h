@@ -20,6 +20,7 @@ struct Options {
     std::string replay;                 // --replay: what this capture holds, without encoding
     double speed = 1.0;                 // --speed: so many times as fast as it was captured
 
+    bool has_size = false;  // --size was given
     StreamSettings stream;  // --size, --fps, --bitrate, --keyframe-interval, --burst, --low-delay
     ImpairmentSettings impairments;  // --loss, --duplicate, --reorder, --corrupt, --truncate,
                                      // --jitter, --seed

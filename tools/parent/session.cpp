@@ -10,7 +10,6 @@
 
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
-#include "tools/stream/replay.h"
 
 namespace vesper::tools {
 
@@ -99,6 +98,13 @@ bool Session::has_sound() const {
     return replaying() ? options_.sound && carries_sound(replay_) : source_.has_sound();
 }
 
+PictureSize Session::picture_size() const {
+    const PictureSize asked_for = {.width = options_.stream.video.width,
+                                   .height = options_.stream.video.height};
+    return replaying() && !options_.has_size ? tools::picture_size(replay_).value_or(asked_for)
+                                             : asked_for;
+}
+
 bool Session::source_finished() const {
     return started_ && link_.idle() && (replaying() || streamer_.finished());
 }
@@ -114,12 +120,13 @@ bool Session::start_player() {
         return false;
     }
     audio_state_ = {.muted = options_.muted, .volume = options_.volume};
+    const PictureSize size = picture_size();
     return player_.start(command_line(program, {.port = port,
                                                 .parent_port = link_.listen_port(),
                                                 .streamer_id = static_cast<std::uint32_t>(number_),
                                                 .username = username_of(options_, number_),
-                                                .width = options_.stream.video.width,
-                                                .height = options_.stream.video.height,
+                                                .width = size.width,
+                                                .height = size.height,
                                                 .has_audio = has_sound(),
                                                 .volume = options_.volume,
                                                 .muted = options_.muted}));

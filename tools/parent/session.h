@@ -13,6 +13,7 @@
 #include "tools/stream/capture.h"
 #include "tools/stream/link.h"
 #include "tools/stream/media_source.h"
+#include "tools/stream/replay.h"
 #include "tools/stream/streamer.h"
 
 namespace vesper::tools {
@@ -54,6 +55,7 @@ class Session {
     [[nodiscard]] bool open_replay();
     [[nodiscard]] bool open_source();
     [[nodiscard]] bool has_sound() const;
+    [[nodiscard]] PictureSize picture_size() const;
     [[nodiscard]] bool start_player();
     void pass_on(std::FILE* stream, std::string_view line);
     void start_stream();

@@ -1,6 +1,7 @@
 // Plays a capture to a player once more.
 #pragma once
 
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -14,6 +15,17 @@ namespace vesper::tools {
 // stays. The link is idle once the last one has left.
 void replay(std::vector<CapturedDatagram> stream, double speed, Clock::time_point start,
             Link& link);
+
+// Width and height in pixels.
+struct PictureSize {
+    int width = 0;
+    int height = 0;
+
+    bool operator==(const PictureSize&) const = default;
+};
+
+// Of the stream's pictures, as its first VP8 keyframe declares it. Nothing where none begins.
+[[nodiscard]] std::optional<PictureSize> picture_size(std::span<const CapturedDatagram> stream);
 
 // Whether a datagram of the stream is a sound packet.
 [[nodiscard]] bool carries_sound(std::span<const CapturedDatagram> stream);
