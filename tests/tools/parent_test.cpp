@@ -12,6 +12,7 @@ extern "C" {
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -123,8 +124,20 @@ class ParentTest : public testing::Test {
     test::TemporaryFolder folder_;
 };
 
-pid_t pid_of(Parent& parent) {
-    return std::stoi(parent.line_with("pid ").substr(4));
+// Of the patient player; its lines begin with `number` where there are several.
+pid_t pid_of(Parent& parent, const std::string& number = {}) {
+    const std::string start = number + "pid ";
+    return std::stoi(parent.line_with(start).substr(start.size()));
+}
+
+// The process's descriptors.
+std::set<int> open_files(pid_t pid) {
+    std::set<int> numbers;
+    for (const auto& entry :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+        numbers.insert(std::stoi(entry.path().filename()));
+    }
+    return numbers;
 }
 
 // The first moment of a stream; false when a library refuses.
@@ -196,6 +209,23 @@ TEST_F(ParentTest, TellsThePlayerTheSizeAskedForInsteadOfTheCaptures) {
     Parent parent({"--player", talkative_player(), "--replay", file}, {"--size", "642x362"});
     EXPECT_EQ(parent.status(), 0);
     EXPECT_THAT(parent.out(), IsSupersetOf({"642", "362"}));
+}
+
+// Each stream's player could otherwise keep the other's port, and all of them the capture.
+TEST_F(ParentTest, ThePlayersInheritOnlyInputAndOutputs) {
+    Parent parent(
+        {"--player", patient_player(), "--streams", "2", "--capture", folder_.file("all.pcap")});
+    for (const std::string number : {"1: ", "2: "}) {
+        ASSERT_TRUE(parent.says(number + kListening));
+        const pid_t player = pid_of(parent, number);
+        // While it starts it opens files of its own for a moment.
+        EXPECT_TRUE(poll([player] {
+            return open_files(player) == std::set<int>({0, 1, 2});
+        })) << number
+            << testing::PrintToString(open_files(player));
+    }
+    parent.send_signal(SIGTERM);
+    EXPECT_EQ(parent.status(), 128 + SIGTERM);
 }
 
 TEST_F(ParentTest, PassesOnThePlayersExitStatus) {

@@ -32,6 +32,8 @@ constexpr int kCannotExecute = 127;  // as a shell reports a program that it cou
     signal(SIGPIPE, SIG_DFL);
     dup2(output, STDOUT_FILENO);
     dup2(errors, STDERR_FILENO);
+    // Our sockets and captures stay with us: a port that we give up must be free.
+    close_range(STDERR_FILENO + 1, ~0U, 0);
     execv(arguments[0], arguments);
     _exit(kCannotExecute);
 }
