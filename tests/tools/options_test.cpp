@@ -131,6 +131,11 @@ TEST(ParentOptions, TheScreenIsOursWhereNoneIsNamed) {
     EXPECT_EQ(parsed({"--screen", "--muted"}).screen, ":6");
 }
 
+TEST(ParentOptions, WithoutADisplayOfOursTheScreenMustBeNamed) {
+    unsetenv("DISPLAY");
+    expect_refused({"--screen"}, "--screen: $DISPLAY is not set: name a display");
+}
+
 TEST(ParentOptions, HelpIsNoFailure) {
     int status = 2;
     const Printed printed = printed_by([&] { EXPECT_FALSE(parse({"--help"}, status)); });

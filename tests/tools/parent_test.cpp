@@ -37,7 +37,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::IsSupersetOf;
 using testing::Not;
-using testing::SizeIs;
 
 constexpr const char* kListening = "[VideoPlayer] Listening on UDP port ";
 
@@ -326,17 +325,39 @@ TEST_F(ParentTest, StartsSeveralRealPlayersEachWithItsOwnStream) {
 }
 
 TEST_F(ParentTest, BadInputIsOneLineAndStatusTwo) {
-    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
-             {"--file", folder_.file("missing.mkv")},
-             {"--screen", ":4711"},
-             {"--player", "/dev/null"},
-             {"--player", folder_.file("missing")},
-             {"--size", "3x4"},
+    const std::string missing = folder_.file("missing");
+    const std::string song = folder_.file("song.mka");
+    ASSERT_TRUE(test::write_media_file(song, {.frames = 0}));
+    const std::string text = folder_.file("notes.txt");
+    std::ofstream(text) << std::string(1000, 'a');
+    const std::string cut_short = folder_.file("cut short.pcap");
+    ASSERT_TRUE(write_capture(cut_short, {.width = 320, .height = 240}, true));
+    std::filesystem::resize_file(cut_short, std::filesystem::file_size(cut_short) - 1);
+
+    struct Case {
+        std::vector<std::string> words;
+        std::string line;
+    };
+    for (const auto& [words, line] : std::vector<Case>{
+             {{"--file", missing}, "cannot read " + missing + ": No such file or directory"},
+             {{"--file", song}, song + " has no video"},
+             {{"--file", text}, text + " has no video"},
+             {{"--screen", ":4711"}, "cannot grab the display \":4711\": Input/output error"},
+             {{"--player", "/dev/null"}, "vesper-parent: /dev/null is no program"},
+             {{"--player", missing}, "vesper-parent: --player: File does not exist: " + missing},
+             {{"--size", "3x4"},
+              "vesper-parent: --size: width and height must be even and from 2 to 16382, not 3x4"},
+             {{"--replay", missing}, missing + ": No such file or directory"},
+             {{"--replay", text}, text + ": no capture: unknown file format"},
+             {{"--replay", cut_short},
+              cut_short + ": cut short or damaged after 1 datagrams: truncated dump file; tried to "
+                          "read 59 captured bytes, only got 58"},
+             {{"--capture", folder_.path()}, std::string(folder_.path()) + ": Is a directory"},
          }) {
-        Parent parent(words);
-        EXPECT_EQ(parent.status(), 2) << words.at(0);
-        EXPECT_THAT(parent.out(), IsEmpty()) << words.at(0);
-        EXPECT_THAT(parent.err(), SizeIs(1)) << words.at(0);
+        Parent parent(words, {});
+        EXPECT_EQ(parent.status(), 2) << line;
+        EXPECT_THAT(parent.out(), IsEmpty()) << line;
+        EXPECT_THAT(parent.err(), ElementsAre(line));
     }
 }
 

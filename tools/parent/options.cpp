@@ -79,7 +79,10 @@ void add_source_options(CLI::App& app, Options& options) {
            "--screen",
            [&options](const std::string& display) {
                const char* own = std::getenv("DISPLAY");
-               options.screen = display.empty() && own != nullptr ? own : display;
+               if (display.empty() && own == nullptr) {
+                   throw CLI::ValidationError("--screen", "$DISPLAY is not set: name a display");
+               }
+               options.screen = display.empty() ? own : display;
            },
            "Stream what this display shows (default: that of $DISPLAY)")
         ->expected(0, 1)
