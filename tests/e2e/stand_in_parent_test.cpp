@@ -4,6 +4,7 @@
 #include <csignal>
 #include <fstream>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,18 @@ class StandInParent {
         return eventually([&] { return is_near(window_->screenshot().at(point), color); });
     }
 
+    // Whether the output comes to hold this.
+    [[nodiscard]] bool says(const std::string& text) {
+        return eventually([&] { return process_.out().find(text) != std::string::npos; });
+    }
+
+    // The same for the test picture of 480x240: its six stripes, where nothing else stands for
+    // long.
+    [[nodiscard]] bool shows_test_picture() const {
+        return shows({40, 230}, kRed) && shows({120, 230}, kGreen) && shows({200, 230}, kYellow) &&
+               shows({280, 230}, kBlue) && shows({360, 230}, kMagenta) && shows({440, 230}, kCyan);
+    }
+
   private:
     static std::vector<std::string> command(const std::vector<std::string>& options) {
         std::vector<std::string> words = {VESPER_PARENT};
@@ -63,15 +76,82 @@ class StandInParent {
     std::optional<PlayerWindow> window_;
 };
 
-// The test picture's six stripes, where nothing else stands for long.
 TEST(StandInParentTest, ShowsItsTestPicture) {
     const StandInParent parent({"--size", "480x240"});
-    EXPECT_TRUE(parent.shows({40, 230}, kRed));
-    EXPECT_TRUE(parent.shows({120, 230}, kGreen));
-    EXPECT_TRUE(parent.shows({200, 230}, kYellow));
-    EXPECT_TRUE(parent.shows({280, 230}, kBlue));
-    EXPECT_TRUE(parent.shows({360, 230}, kMagenta));
-    EXPECT_TRUE(parent.shows({440, 230}, kCyan));
+    EXPECT_TRUE(parent.shows_test_picture());
+}
+
+// Options under which the viewer sees the same.
+struct Way {
+    const char* name;
+    std::vector<std::string> options;
+};
+
+void PrintTo(const Way& way, std::ostream* stream) {
+    *stream << testing::PrintToString(way.options);
+}
+
+class StandInParentWays : public testing::TestWithParam<Way> {};
+
+TEST_P(StandInParentWays, ShowsItsTestPicture) {
+    std::vector<std::string> options = {"--size", "480x240"};
+    options.insert(options.end(), GetParam().options.begin(), GetParam().options.end());
+    const StandInParent parent(options);
+    EXPECT_TRUE(parent.shows_test_picture());
+}
+
+INSTANTIATE_TEST_SUITE_P(All, StandInParentWays,
+                         testing::Values(Way{"WithLittleDelay", {"--low-delay"}},
+                                         Way{"InBursts", {"--burst"}},
+                                         Way{"Slowly", {"--fps", "2"}},
+                                         Way{"InAPlayerNamed", {"--player", VESPER_PLAYER}},
+                                         Way{"OverABadLink",
+                                             {"--loss", "2", "--duplicate", "5", "--reorder", "5",
+                                              "--corrupt", "1", "--truncate", "1", "--jitter", "5",
+                                              "--seed", "3", "--keyframe-interval", "10"}}),
+                         [](const auto& way) { return way.param.name; });
+
+// The second run is told nothing about the picture: it is in the capture.
+TEST(StandInParentTest, ShowsACapture) {
+    const TemporaryFolder folder;
+    const std::string path = folder.file("stream.pcap");
+    {
+        StandInParent captured({"--size", "480x240", "--capture", path});
+        ASSERT_TRUE(captured.shows_test_picture());
+        captured.process().send_signal(SIGTERM);
+        ASSERT_TRUE(captured.process().wait_for_end());
+    }
+    StandInParent parent({"--replay", path, "--speed", "0.5"});
+    EXPECT_TRUE(parent.says("(Test picture, 480x240, audio=yes)\n"));
+    EXPECT_TRUE(parent.shows_test_picture());
+}
+
+TEST(StandInParentTest, FeedsAPlayerThatRunsAlready) {
+    const VirtualDisplay display;
+    const std::string port = std::to_string(free_port());
+    const std::string parent_port = std::to_string(free_port());
+    ChildProcess player({VESPER_PLAYER, "--port", port, "--parent-port", parent_port, "--width",
+                         "480", "--height", "240"},
+                        player_environment(display));
+    const PlayerWindow window(display, player.pid());
+    const ChildProcess parent(
+        {VESPER_PARENT, "--to", port, "--listen", parent_port, "--size", "480x240"});
+    EXPECT_TRUE(eventually([&] { return is_near(window.screenshot().at({40, 230}), kRed); }));
+    EXPECT_TRUE(eventually([&] {
+        return player.out().find("Sent keyframe request to parent (port " + parent_port) !=
+               std::string::npos;
+    }));
+}
+
+TEST(StandInParentTest, TellsThePlayerOfItsStream) {
+    StandInParent parent({"--size", "480x240", "--username", "Ann", "--no-sound"});
+    EXPECT_TRUE(parent.says("for streamer 1 (Ann, 480x240, audio=no)\n"));
+    EXPECT_TRUE(eventually([&] { return parent.window().title() == "Stream: Ann"; }));
+}
+
+TEST(StandInParentTest, EndsThePlayerAfterTheSecondsAskedFor) {
+    StandInParent parent({"--size", "480x240", "--seconds", "5"});
+    EXPECT_EQ(parent.process().wait_for_end(), (Ending{.status = 0, .signal = 0}));
 }
 
 TEST(StandInParentTest, ShowsAFile) {
@@ -102,12 +182,12 @@ TEST(StandInParentTest, EndsWithStatusZeroWhenTheWindowIsClosed) {
 }
 
 TEST(StandInParentTest, ReportsTheVolumeThatTheViewerChose) {
-    StandInParent parent({"--size", "480x240", "--volume", "0.5"});
+    StandInParent parent({"--size", "480x240", "--volume", "0.5", "--muted"});
     ASSERT_TRUE(parent.shows({40, 230}, kRed));
     parent.window().press_key("Up");
+    EXPECT_TRUE(parent.says("  volume 55 % muted\n"));
     parent.window().press_key("m");
-    EXPECT_TRUE(eventually(
-        [&] { return parent.process().out().find("  volume 55 % muted\n") != std::string::npos; }));
+    EXPECT_TRUE(parent.says("  volume 55 %\n"));
 }
 
 }  // namespace
