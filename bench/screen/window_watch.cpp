@@ -71,13 +71,15 @@ std::optional<Rgb> middle_of(Display* display, const Watched& window) {
     return Rgb{.red = byte(16), .green = byte(8), .blue = byte(0)};
 }
 
-// Some programs give their window its size only with the first picture.
-void refresh_size(Display* display, Watched& window) {
+// Some programs give their window its size only with the first picture. False when it is gone.
+[[nodiscard]] bool refresh_size(Display* display, Watched& window) {
     XWindowAttributes attributes{};
-    if (XGetWindowAttributes(display, window.id, &attributes) != 0) {
-        window.width = attributes.width;
-        window.height = attributes.height;
+    if (XGetWindowAttributes(display, window.id, &attributes) == 0) {
+        return false;
     }
+    window.width = attributes.width;
+    window.height = attributes.height;
+    return true;
 }
 
 }  // namespace
@@ -112,14 +114,15 @@ void WindowWatch::run(const std::stop_token& stop) {
     std::vector<Watched> windows;
     Clock::time_point last_round = Clock::now();
     while (!stop.stop_requested()) {
+        // Some toolkits show a window for a moment and then make another.
+        std::erase_if(windows, [display](Watched& window) {
+            return !window.opened && !refresh_size(display, window);
+        });
         if (std::ssize(windows) < wanted_) {
             find_windows(display, windows, wanted_);
         }
         for (std::size_t i = 0; i < windows.size(); ++i) {
             Watched& window = windows[i];
-            if (!window.opened) {
-                refresh_size(display, window);
-            }
             const std::optional<Rgb> pixel = middle_of(display, window);
             const Clock::time_point now = Clock::now();
             if (!pixel) {
