@@ -98,17 +98,16 @@ bool sends_twice(const std::string& name) {
 }
 
 Subject::Subject(const std::string& name) {
-    const std::uint16_t port = free_port();
     if (name == "ffplay" || name == "mpv") {
-        session_file_ = write_session_file(port);
+        session_file_ = write_session_file(port_);
     }
-    wire_ = is_ours(name) ? make_stream_wire(port) : make_rtp_wire(port);
+    wire_ = is_ours(name) ? make_stream_wire(port_) : make_rtp_wire(port_);
     test::ChildProcess::Environment environment = {{"SDL_AUDIODRIVER", "dummy"}};
     if (name.starts_with("player_software")) {
         environment["SDL_RENDER_DRIVER"] = "software";
     }
     process_ =
-        std::make_unique<test::ChildProcess>(command_of(name, port, session_file_), environment);
+        std::make_unique<test::ChildProcess>(command_of(name, port_, session_file_), environment);
 }
 
 Subject::~Subject() {

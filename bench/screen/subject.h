@@ -28,6 +28,9 @@ class Subject {
     [[nodiscard]] Wire& wire() { return *wire_; }
     [[nodiscard]] pid_t pid() const { return process_->pid(); }
 
+    // UDP port of 127.0.0.1 on which it waits.
+    [[nodiscard]] std::uint16_t port() const { return port_; }
+
     // Reads away what the program prints. False, with all of it on standard error, once it ended.
     [[nodiscard]] bool is_running();
 
@@ -35,6 +38,7 @@ class Subject {
     [[nodiscard]] long peak_memory_kib() const;
 
   private:
+    std::uint16_t port_ = free_port();
     std::string session_file_;  // the peer's description of the stream; empty: none
     std::unique_ptr<Wire> wire_;
     std::unique_ptr<test::ChildProcess> process_;

@@ -1,0 +1,151 @@
+// How many datagrams a player takes in a second: it takes one for every time that it draws its
+// window. Sends what its socket can hold at once, while it shows a picture, and times how long that
+// waits there. One run, one JSON object on standard output:
+//
+//   per_second   datagrams that were taken, by the second; one figure a burst
+#include <CLI/CLI.hpp>
+
+extern "C" {
+#include <libavutil/log.h>
+}
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <limits>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench/screen/marked_stream.h"
+#include "bench/screen/subject.h"
+#include "bench/screen/window_watch.h"
+#include "net/stream_datagrams.h"
+
+using vesper::bench::MarkedStream;
+using vesper::bench::StreamPicture;
+using vesper::bench::Subject;
+using vesper::bench::WindowWatch;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kOpenLimit = std::chrono::seconds(30);
+constexpr auto kOpeningPause = std::chrono::milliseconds(100);  // between two pictures
+constexpr auto kRest = std::chrono::milliseconds(500);          // between two bursts
+constexpr auto kPoll = std::chrono::microseconds(200);
+
+// Datagrams of 1440 bytes that a socket of Linux' default size holds are 92.
+constexpr int kBurst = 90;
+
+[[noreturn]] void fail(const char* what) {
+    std::fprintf(stderr, "intake_bench: %s\n", what);
+    std::exit(EXIT_FAILURE);
+}
+
+// Bytes that wait in the socket bound to `port` of 127.0.0.1, as proc(5) tells of /proc/net/udp.
+std::uint64_t waiting_bytes(std::uint16_t port) {
+    std::ifstream table("/proc/net/udp");
+    table.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
+    for (std::string line; std::getline(table, line);) {
+        unsigned local_port = 0;
+        unsigned long waiting = 0;
+        if (std::sscanf(line.c_str(), " %*d: %*8x:%x %*8x:%*x %*x %*x:%lx", &local_port,
+                        &waiting) == 2 &&
+            local_port == port) {
+            return waiting;
+        }
+    }
+    fail("the player's socket is gone");
+}
+
+void wait_until_taken(std::uint16_t port) {
+    while (waiting_bytes(port) > 0) {
+        std::this_thread::sleep_for(kPoll);
+    }
+}
+
+void send(Subject& subject, const StreamPicture& picture) {
+    for (const auto& frame : picture.frames) {
+        subject.wire().send(frame, {});
+    }
+}
+
+int datagrams_of(const StreamPicture& picture) {
+    int count = 0;
+    for (const auto& frame : picture.frames) {
+        count += (static_cast<int>(frame.size()) + vesper::kMaxFragmentPayload - 1) /
+                 vesper::kMaxFragmentPayload;
+    }
+    return count;
+}
+
+void show_opening(Subject& subject, const MarkedStream& stream, const WindowWatch& watch) {
+    const auto limit = Clock::now() + kOpenLimit;
+    for (std::size_t i = 0; !watch.opened(); i = (i + 1) % stream.opening.size()) {
+        if (!subject.is_running() || Clock::now() > limit) {
+            fail("no picture came");
+        }
+        send(subject, stream.opening[i]);
+        std::this_thread::sleep_for(kOpeningPause);
+    }
+}
+
+// Sends the pictures from `next` on that fit into a burst; datagrams a second.
+double take_burst(Subject& subject, const MarkedStream& stream, std::size_t& next) {
+    int sent = 0;
+    const auto start = Clock::now();
+    while (sent + datagrams_of(stream.loop[next]) <= kBurst) {
+        send(subject, stream.loop[next]);
+        sent += datagrams_of(stream.loop[next]);
+        next = (next + 1) % stream.loop.size();
+    }
+    wait_until_taken(subject.port());
+    return sent / std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+}  // namespace
+
+// NOLINTNEXTLINE(bugprone-exception-escape): what is thrown ends the run, as it should
+int main(int argc, char** argv) {
+    CLI::App app("Measures how many datagrams a player takes in a second.");
+    std::string name = "player";
+    int kilobits = 2500;
+    int bursts = 15;
+    app.add_option("--subject", name)->check(CLI::IsMember({"player", "player_software"}));
+    app.add_option("--kilobits", kilobits, "A second")
+        ->capture_default_str()
+        ->check(CLI::Range(100, 20'000));
+    app.add_option("--bursts", bursts)->capture_default_str()->check(CLI::PositiveNumber);
+    CLI11_PARSE(app, argc, argv);
+    av_log_set_level(AV_LOG_QUIET);
+
+    const MarkedStream stream = vesper::bench::encode_marked_stream({.bitrate = 1000 * kilobits});
+    std::vector<double> rates;
+    {
+        Subject subject(name);
+        {
+            // Only until there is a picture: a watcher takes time of the X server.
+            const WindowWatch watch(1);
+            show_opening(subject, stream, watch);
+        }
+        std::size_t next = 0;
+        for (int burst = 0; burst < bursts; ++burst) {
+            std::this_thread::sleep_for(kRest);
+            wait_until_taken(subject.port());
+            rates.push_back(take_burst(subject, stream, next));
+            if (!subject.is_running()) {
+                fail("the player ended");
+            }
+        }
+    }
+    std::printf("{\"subject\": \"%s\", \"per_second\": [", name.c_str());
+    for (std::size_t i = 0; i < rates.size(); ++i) {
+        std::printf("%s%.1f", i == 0 ? "" : ", ", rates[i]);
+    }
+    std::printf("]}\n");
+    return EXIT_SUCCESS;
+}
