@@ -122,7 +122,7 @@ TEST(StandInParentTest, ShowsACapture) {
         ASSERT_TRUE(captured.process().wait_for_end());
     }
     StandInParent parent({"--replay", path, "--speed", "0.5"});
-    EXPECT_TRUE(parent.says("(Test picture, 480x240, audio=yes)\n"));
+    EXPECT_TRUE(parent.says("(stream.pcap, 480x240, audio=yes)\n"));
     EXPECT_TRUE(parent.shows_test_picture());
 }
 
@@ -167,8 +167,9 @@ TEST(StandInParentTest, ShowsAScreen) {
     const StandInParent shown({"--size", "480x240"});
     ASSERT_TRUE(shown.shows({120, 230}, kGreen));
     const Point corner = shown.window().position();
-    const StandInParent parent(
+    StandInParent parent(
         {"--size", "512x384", "--screen", shown.display().name(), "--bitrate", "3000000"});
+    EXPECT_TRUE(parent.says("(Screen " + shown.display().name() + ", 512x384, audio=no)\n"));
     EXPECT_TRUE(parent.shows({(corner.x + 120) / 2, (corner.y + 230) / 2}, kGreen));
     EXPECT_TRUE(parent.shows({(corner.x + 280) / 2, (corner.y + 230) / 2}, kBlue));
     EXPECT_TRUE(parent.shows({2, 100}, {}));

@@ -186,12 +186,20 @@ TEST_F(ParentTest, TellsThePlayerWhenThereIsNoSound) {
     EXPECT_THAT(parent.out(), Not(Contains("--has-audio")));
 }
 
+TEST_F(ParentTest, ThePlayersStreamerIsTheFileWhereNoNameIsGiven) {
+    const std::string file = folder_.file("film.mkv");
+    ASSERT_TRUE(test::write_media_file(file, {}));
+    Parent parent({"--player", talkative_player(), "--file", file});
+    EXPECT_EQ(parent.status(), 0);
+    EXPECT_THAT(parent.out(), Contains("film.mkv"));
+}
+
 TEST_F(ParentTest, TellsThePlayerWhatSizeAndSoundACaptureHas) {
     const std::string file = folder_.file("loud.pcap");
     ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, true));
     Parent parent({"--player", talkative_player(), "--replay", file}, {});
     EXPECT_EQ(parent.status(), 0);
-    EXPECT_THAT(parent.out(), IsSupersetOf({"322", "182", "--has-audio"}));
+    EXPECT_THAT(parent.out(), IsSupersetOf({"loud.pcap", "322", "182", "--has-audio"}));
 }
 
 TEST_F(ParentTest, TellsThePlayerWhenACaptureHasNoSound) {

@@ -48,8 +48,7 @@ void add_player_options(CLI::App& app, Options& options) {
         ->excludes("--to")
         ->excludes("--listen")
         ->group("Player");
-    app.add_option("--username", options.username, "Streamer's name")
-        ->capture_default_str()
+    app.add_option("--username", options.username, "Streamer's name (default: what is streamed)")
         ->group("Player");
     app.add_option("--volume", options.volume, "Volume that the player starts with")
         ->capture_default_str()

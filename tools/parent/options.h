@@ -30,9 +30,9 @@ struct Options {
     std::uint16_t to_port = 0;      // --to: feed the player that listens there; 0: start one
     std::uint16_t listen_port = 0;  // --listen: where the player talks to; 0: any
     int streams = 1;                // --streams: players to start
-    std::string username = "Test picture";  // --username: the streamer's name
-    float volume = 1.0F;                    // --volume: that the player starts with, 0.0 to 1.0
-    bool muted = false;                     // --muted: the player starts muted
+    std::string username;           // --username: the streamer's name; empty: what is streamed
+    float volume = 1.0F;            // --volume: that the player starts with, 0.0 to 1.0
+    bool muted = false;             // --muted: the player starts muted
 
     std::chrono::duration<double> seconds{0};  // --seconds: length of the stream; 0: no end
 };

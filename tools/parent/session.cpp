@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <utility>
 
@@ -32,9 +33,18 @@ std::string player_beside_us() {
     return std::string(self.substr(0, self.rfind('/') + 1)) + "vesper-player";
 }
 
+// For people, who see it in the window's title.
+std::string source_name(const Options& options) {
+    if (options.screen) {
+        return "Screen " + *options.screen;
+    }
+    const std::filesystem::path file = options.replay.empty() ? options.file : options.replay;
+    return file.empty() ? "Test picture" : file.filename().string();
+}
+
 std::string username_of(const Options& options, int number) {
-    return options.streams == 1 ? options.username
-                                : options.username + " " + std::to_string(number);
+    const std::string name = options.username.empty() ? source_name(options) : options.username;
+    return options.streams == 1 ? name : name + " " + std::to_string(number);
 }
 
 // `settings` for the `number`th stream: each with a seed of its own, so that not all lose the same.
