@@ -1,52 +1,72 @@
 #!/usr/bin/env bash
-# Compares the options and defaults of a manual page with those of its program.
+# Compares the options of a manual page, their ranges and defaults, with those of its program.
 #
 #   manual_pages_test.sh player PAGE ARGS_H ARGS_CPP
 #   manual_pages_test.sh parent PAGE PROGRAM
 source "$(dirname "$0")/expect.sh"
 
-# The page's options, each with its default where the page names one: "--fps=30".
+# What the awk programs share. They gather what they find of an option and print it once they come
+# to the next: "--fps=30 (1 to 240)", without what it does not have.
+readonly gather='
+    function finish() {
+        if (option != "") print option standard range
+        option = standard = range = ""
+    }
+    function name_option() {
+        finish()
+        match($0, /--[a-z-]+/)
+        option = substr($0, RSTART, RLENGTH)
+    }
+    function look_for_range() {
+        if (match($0, /[0-9.]+ to [0-9.]*[0-9]/)) range = " (" substr($0, RSTART, RLENGTH) ")"
+    }
+    END { finish() }'
+
 options_of_page() {
-    sed 's/\\-/-/g; s/\\~/ /g' "$1" | awk '
-        function finish() { if (option != "") print option; option = "" }
-        /^\.SH/ { finish(); in_options = ($2 == "OPTIONS") }
+    sed 's/\\-/-/g; s/\\~/ /g' "$1" | awk "$gather"'
+        /^\.S[HS]/ { finish() }
+        /^\.SH/ { in_options = ($2 == "OPTIONS") }
         !in_options { next }
-        /^\.TP/ { finish(); at_option = 1; next }
-        at_option { match($0, /--[a-z-]+/); option = substr($0, RSTART, RLENGTH); at_option = 0 }
-        /^Default: / { sub(/^Default: /, ""); sub(/\.$/, ""); option = option "=" $0 }
-        END { finish() }' | sort
+        at_option { name_option() }
+        { at_option = /^\.TP/; look_for_range() }
+        /^Default: / { sub(/^Default: /, ""); sub(/\.$/, ""); standard = "=" $0 }' | sort
 }
 
-# The player has no --help: its options are those that its parser compares words with, and its
-# defaults those of the record that the parser fills. The "float audio_volume = 1.0F;  //
-# --audio-volume: initial volume" of the record is "--audio-volume=1.0" here.
+# The player has no --help: its options are those that its parser compares words with. Their
+# defaults and ranges are in the record that the parser fills: "float audio_volume = 1.0F;  //
+# --audio-volume: initial volume, 0.0 to 1.0".
 options_of_player() {
-    local args_h=$1 args_cpp=$2 defaults
-    defaults=$(sed -n -E 's/^.* = "?([^;"]+)"?; *\/\/ (--[a-z-]+):.*/\2=\1/p' "$args_h" |
-        sed -E 's/([0-9])F$/\1/' | sort)
+    local args_h=$1 args_cpp=$2
+    options=$(grep '// --' "$args_h" | awk "$gather"'
+        {
+            name_option()
+            look_for_range()
+            sub(/^.* = "?/, "")
+            sub(/F?"?;.*/, "")
+            standard = "=" $0
+        }
+        # Port 0 is one that was not given, and a flag is off.
+        option ~ /port$/ || standard == "=false" { standard = "" }' | sort)
     expect_equal "options in $args_cpp and those in $args_h" \
         "$(grep -o '"--[a-z-]*"' "$args_cpp" | tr -d '"' | sort -u)" \
-        "$(sed 's/=.*//' <<<"$defaults")"
-    # Port 0 is one that was not given, and a flag is off.
-    options=$(sed -E '/port=0$/s/=.*//; s/=false$//' <<<"$defaults")
+        "$(sed 's/[= ].*//' <<<"$options")"
 }
 
-# "--fps=30" of "  --fps INT:INT in [1 - 240]=30", and also where the text behind an option says
-# "(default: 30)".
+# "--fps=30 (1 to 240)" of "  --fps INT:INT in [1 - 240]=30"; or the text behind an option has
+# "(default: 30)" and "1 to 240". The range of a PERCENT goes without saying.
 options_of_parent() {
-    options=$("$1" --help | awk '
-        function finish() { if (option != "") print option; option = "" }
+    options=$("$1" --help | awk "$gather"'
+        / PERCENT:/ { sub(/ in .*/, "") }
+        / in \[/ { sub(/\[/, ""); sub(/ - /, " to "); sub(/\]/, "") }
         /^  -/ {
-            finish()
-            match($0, /--[a-z-]+/)
-            option = substr($0, RSTART, RLENGTH)
+            name_option()
             specification = substr($0, 3)
             sub(/  .*/, "", specification)
             sub(/ (Excludes|Needs): .*/, "", specification)
-            if (match(specification, /=[^=]*$/)) option = option substr(specification, RSTART)
+            if (match(specification, /=[^=]*$/)) standard = substr(specification, RSTART)
         }
-        match($0, /\(default: [^)]*\)/) { option = option "=" substr($0, RSTART + 10, RLENGTH - 11) }
-        END { finish() }' | sort)
+        { look_for_range() }
+        match($0, /\(default: [^)]*\)/) { standard = "=" substr($0, RSTART + 10, RLENGTH - 11) }' | sort)
 }
 
 "options_of_$1" "${@:3}"

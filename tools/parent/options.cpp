@@ -100,7 +100,7 @@ void add_video_options(CLI::App& app, StreamSettings& stream) {
                    throw CLI::ValidationError("--size", wrong);
                }
            },
-           "Width and height of the stream, both even (default: 1280x720)")
+           "Width and height of the stream, both even, 2 to 16382 (default: 1280x720)")
         ->type_name("WxH")
         ->group("Video");
     app.add_option("--fps", stream.video.frames_per_second, "Frames a second")
