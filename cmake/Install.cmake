@@ -78,8 +78,9 @@ function(vesper_install_package)
         ${PROJECT_BINARY_DIR}/install/vesper-config.cmake
         ${PROJECT_BINARY_DIR}/install/vesper-config-version.cmake
         DESTINATION ${VESPER_INSTALL_CMAKEDIR} COMPONENT development)
+    # Placed as in this tree, so that its link to the example leads there.
     install(FILES ${PROJECT_SOURCE_DIR}/docs/embedding.md
-        DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT development)
     install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples
         DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 endfunction()

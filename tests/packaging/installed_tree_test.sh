@@ -26,7 +26,7 @@ $libdir/libvesper-net.a
 $libdir/pkgconfig/vesper-audio.pc
 $libdir/pkgconfig/vesper-client.pc
 $libdir/pkgconfig/vesper-net.pc
-share/doc/vesper/embedding.md
+share/doc/vesper/docs/embedding.md
 share/doc/vesper/examples/in_application/CMakeLists.txt
 share/doc/vesper/examples/in_application/main.cpp
 share/man/man1/vesper-parent.1

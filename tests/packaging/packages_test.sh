@@ -58,7 +58,7 @@ expect_equal "contents of libvesper-dev" "\
 -rw-r--r-- root/root ./usr/$libdir/pkgconfig/vesper-net.pc
 -rw-r--r-- root/root ./usr/share/doc/libvesper-dev/changelog.gz
 -rw-r--r-- root/root ./usr/share/doc/libvesper-dev/copyright
--rw-r--r-- root/root ./usr/share/doc/vesper/embedding.md
+-rw-r--r-- root/root ./usr/share/doc/vesper/docs/embedding.md
 -rw-r--r-- root/root ./usr/share/doc/vesper/examples/in_application/CMakeLists.txt
 -rw-r--r-- root/root ./usr/share/doc/vesper/examples/in_application/main.cpp" "$(contents "$development")"
 

@@ -1,0 +1,181 @@
+#!/usr/bin/env bash
+# Installs the Debian packages on a Debian that has nothing else and looks at what they do there:
+# what they forgot to depend on is missing.
+#
+#   clean_root_test.sh PACKAGES_DIR WORK_DIR
+#
+# Leaves in WORK_DIR what a person would have seen and heard (player.png, in_application.png,
+# player.wav) and what was printed (*.log). Needs root, or sudo without a password, and is skipped
+# (status 77) without either. Fetches Debian's own packages from where this machine's apt gets them.
+# Mounts nothing.
+source "$(dirname "$0")/expect.sh"
+source "$(dirname "$0")/../../scripts/setup.sh"
+packages=$1 work=$2
+
+readonly skipped=77
+readonly limit=60  # seconds, for what takes a moment on a machine with nothing else to do
+
+# The test picture's six stripes, each as red, green and blue, on or off.
+readonly stripes="100 010 110 001 101 011"
+
+# Debian's own among the sources of this machine's apt, one a line.
+debian_sources() {
+    # shellcheck disable=SC2016 # apt fills them in
+    apt-get indextargets --format 'deb $(REPO_URI) $(RELEASE) $(COMPONENT)' \
+        'Created-By: Packages' 'Origin: Debian'
+}
+
+# The smallest Debian with apt, which fetches as this machine's does: same sources, same proxies.
+make_root() {
+    debian_sources >"$work/sources.list"
+    if [ ! -s "$work/sources.list" ]; then
+        echo "This machine's apt has no list of Debian's packages; run apt-get update."
+        return 1
+    fi
+    apt-config dump Acquire >"$work/apt.conf"
+    "${as_root[@]}" mmdebstrap --variant=apt --aptopt="$work/apt.conf" \
+        --skip=cleanup/apt/lists "" "$root" - \
+        <"$work/sources.list" >"$work/make_root.log" 2>&1
+    local package
+    for package in vesper libvesper-dev; do
+        "${as_root[@]}" cp "$packages/$package"_*.deb "$root/tmp/$package.deb"
+    done
+}
+
+in_root() {
+    "${as_root[@]}" chroot "$root" "$@"
+}
+
+install_in_root() {
+    in_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -q -y --no-install-recommends "$@" >>"$work/install.log" 2>&1
+}
+
+# Ends a program that runs in the root; leaves its exit status in `status`.
+terminate() {
+    status=0
+    "${as_root[@]}" kill -TERM "$1"
+    wait "$1" || status=$?
+}
+
+# expect_at_last WHAT EXPECTED COMMAND...: compares what the command prints once it prints that, or
+# at the end of patience.
+expect_at_last() {
+    local actual end=$((SECONDS + limit))
+    while true; do
+        actual=$("${@:3}" || true)
+        if [ "$actual" = "$2" ] || [ $SECONDS -ge $end ]; then
+            break
+        fi
+        sleep 0.2
+    done
+    expect_equal "$1" "$2" "$actual"
+}
+
+move_window() {
+    timeout "$limit" xdotool search --sync --onlyvisible --name "^$1\$" windowmove "$2" "$3"
+}
+
+# colors_on_screen FILE X,Y...: takes a screenshot and names its colours at these points, each as red,
+# green and blue, on or off.
+colors_on_screen() {
+    local point format=
+    for point in "${@:2}"; do
+        format+="%[fx:p{$point}.r>0.5]%[fx:p{$point}.g>0.5]%[fx:p{$point}.b>0.5] "
+    done
+    import -window root "$1"
+    identify -format "$format" "$1" | sed 's/ $//'
+}
+
+# Frequency and level of the last second that was played; without the tone's higher beep.
+tone() {
+    sox "${played_sound[@]}" "$root/tmp/sound.raw" -n remix 1 trim -1 sinc -1000 stat 2>&1 |
+        awk '/^Rough +frequency/ { frequency = $NF }
+             /^RMS +amplitude/ { level = $NF }
+             END { printf "%.0f0 Hz, %.0f %%\n", frequency / 10, 100 * level }'
+}
+
+play_test_stream() {
+    # It asks /proc where the player beside it is, and here is no /proc.
+    "${viewer[@]}" SDL_AUDIODRIVER=disk SDL_DISKAUDIOFILE=/tmp/sound.raw \
+        vesper-parent --size 640x360 --player /usr/bin/vesper-player >"$work/player.log" 2>&1 &
+    local parent=$!
+    move_window "Stream: Test picture" 0 0
+    expect_at_last "picture of the player" "$stripes" colors_on_screen "$work/player.png" \
+        53,350 160,350 267,350 373,350 480,350 587,350
+    expect_at_last "sound of the player" "440 Hz, 6 %" tone
+    terminate "$parent"
+    expect_equal "status of vesper-parent after SIGTERM" 143 "$status"
+    sox "${played_sound[@]}" "$root/tmp/sound.raw" "$work/player.wav"
+}
+
+# The first stream is the test picture, the second what the screen shows, half as large: on its left
+# the first.
+show_two_streams() {
+    local name=$1 program=$2 application feeders=() feeder
+    "${viewer[@]}" SDL_AUDIODRIVER=dummy "$program" 5000:5001:Ada 5002:5003:Grace \
+        >"$work/$name.log" 2>&1 &
+    application=$!
+    "${viewer[@]}" vesper-parent --to 5000 --listen 5001 --size 640x360 >"$work/$name.ada.log" 2>&1 &
+    feeders+=($!)
+    "${viewer[@]}" vesper-parent --to 5002 --listen 5003 --size 640x360 --screen \
+        >"$work/$name.grace.log" 2>&1 &
+    feeders+=($!)
+    move_window "Stream: Ada" 0 0
+    move_window "Stream: Grace" 640 0
+    move_window "Streams" 0 360
+    # Ada's stripes, the same in Grace's picture, and two green fields in the application's window.
+    expect_at_last "streams of $name" "$stripes $stripes 010 010" \
+        colors_on_screen "$work/$name.png" \
+        53,350 160,350 267,350 373,350 480,350 587,350 \
+        667,175 720,175 773,175 827,175 880,175 933,175 \
+        50,410 150,410
+    terminate "$application"  # SDL makes the wish to quit of it
+    expect_equal "status of $name" 0 "$status"
+    for feeder in "${feeders[@]}"; do
+        terminate "$feeder"
+    done
+}
+
+clean_up() {
+    local status=$?
+    # shellcheck disable=SC2046 # process ids are words
+    "${as_root[@]}" kill $(jobs -p) 2>/dev/null || true
+    wait
+    "${as_root[@]}" rm -rf --one-file-system "$root"
+    [ "$status" -ne 0 ] || status=$expectations_failed
+    [ "$status" -eq 0 ] || tail -n 20 "$work"/*.log
+    exit "$status"
+}
+
+if [ ${#as_root[@]} -gt 0 ] && ! sudo -n true 2>/dev/null; then
+    echo "Only root can install packages into a root of their own."
+    exit "$skipped"
+fi
+
+rm -rf "$work"
+mkdir -p "$work"
+root=$(mktemp -d)
+chmod 755 "$root"  # apt fetches as a user of its own
+start_virtual_display 1280x720
+trap clean_up EXIT
+
+# No X socket lies in the root: the X libraries reach the display by its name in Linux's abstract
+# namespace first.
+viewer=("${as_root[@]}" chroot --userspec=nobody:nogroup "$root"
+        env -i PATH=/usr/bin:/bin HOME=/tmp "DISPLAY=$DISPLAY")
+
+make_root
+install_in_root /tmp/vesper.deb
+play_test_stream
+
+install_in_root /tmp/libvesper-dev.deb g++ cmake make
+example=/usr/share/doc/vesper/examples/in_application
+in_root cmake -S $example -B /tmp/with_cmake >"$work/build.log"
+in_root cmake --build /tmp/with_cmake >>"$work/build.log"
+show_two_streams with_cmake /tmp/with_cmake/in_application
+
+# shellcheck disable=SC2016 # flags are asked for in the root
+in_root sh -c 'g++ -std=c++20 "$0/main.cpp" -o /tmp/with_pkg_config \
+    $(pkg-config --cflags --libs vesper-client)' $example
+show_two_streams with_pkg_config /tmp/with_pkg_config
