@@ -1,0 +1,55 @@
+// The smallest application with a stream in it: shows the one that comes to 127.0.0.1:PORT and asks
+// 127.0.0.1:REPLY_PORT for keyframes.    Usage: minimal_application PORT REPLY_PORT
+#include <SDL2/SDL.h>
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+#include "client/video_receiver.h"
+#include "net/stream_datagrams.h"
+#include "net/udp_socket.h"
+
+bool show_stream(std::uint16_t port, std::uint16_t reply_port) {
+    vesper::UDPSocket socket;
+    vesper::client::VideoReceiver receiver;
+    if (!socket.bind(port) || !receiver.start(1, "Ada", 640, 360, nullptr)) {
+        return false;  // the reason is on standard error
+    }
+    receiver.enable_audio(true);
+    std::array<std::uint8_t, 65536> datagram;
+    while (true) {
+        SDL_Event event;
+        while (SDL_PollEvent(&event) != 0) {
+            if (event.type == SDL_QUIT) {  // comes when the last window is closed, too
+                return true;
+            }
+        }
+        const int length = socket.recv(datagram.data(), datagram.size(), 5);  // waits up to 5 ms
+        if (length >= vesper::kPacketHeaderSize) {
+            const auto flags = vesper::read_packet_header(datagram.data()).flags;
+            if ((flags & vesper::kScreenAudioFlag) != 0) {
+                receiver.handle_screen_audio(datagram.data(), length);
+            } else {
+                receiver.handle_fragment(datagram.data(), length);
+            }
+        }
+        if (receiver.needs_keyframe_request()) {
+            socket.send(vesper::kKeyframeRequest.data(), vesper::kKeyframeRequest.size(),
+                        vesper::kParentHost, reply_port);
+        }
+        receiver.update();
+    }
+}
+
+int main(int argc, char** argv) {
+    if (argc != 3 || SDL_Init(SDL_INIT_VIDEO | SDL_INIT_AUDIO) < 0) {
+        return 2;
+    }
+    socket_init();
+    const bool shown = show_stream(static_cast<std::uint16_t>(std::stoi(argv[1])),
+                                   static_cast<std::uint16_t>(std::stoi(argv[2])));
+    socket_cleanup();
+    SDL_Quit();  // the receiver is gone by now
+    return shown ? 0 : 1;
+}

@@ -1,0 +1,23 @@
+// docs/examples/minimal_application.cpp with a stream.
+#include "tests/e2e/player_test.h"
+
+namespace vesper::test {
+
+class MinimalApplication : public PlayerTest {
+  protected:
+    void TearDown() override {}
+};
+
+TEST_F(MinimalApplication, ShowsItsStreamUntilItsWindowIsClosed) {
+    constexpr Color kRed{.red = 200, .green = 40, .blue = 40};
+    player.emplace(std::vector<std::string>{VESPER_MINIMAL_APPLICATION, std::to_string(port),
+                                            std::to_string(parent.port())},
+                   environment);
+    window.emplace(display, player->pid(), "Stream: Ada");
+    show_first_picture(flat_picture(kRed));
+    expect_color({.x = 320, .y = 180}, kRed);
+    window->close();
+    EXPECT_EQ(player->wait_for_end(), Ending{});
+}
+
+}  // namespace vesper::test
