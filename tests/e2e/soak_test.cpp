@@ -26,7 +26,7 @@ constexpr std::uint64_t kSeed = 7;
 constexpr double kLoss = 2;  // per cent
 
 // What memory may grow by once everything that is made on demand has been made: decoder, converter,
-// queues and the allocator's arenas. A player without leaks stays within some fifty KiB. At the
+// queues and the allocator's arenas. A player without leaks stays within some sixty KiB. At the
 // stream's full rate this limit finds 1.7 KB left behind by a frame, or one by a sound packet, in
 // the one minute of every test run; in thirty minutes, 40 bytes.
 constexpr long kGrowthLimit = 2048;  // KiB
