@@ -254,7 +254,7 @@ TEST_F(ParentTest, SendsNothingBeforeThePlayerListens) {
     Parent parent({"--player", player("echo '[VideoPlayer] Starting'; sleep 1")});
     EXPECT_EQ(parent.status(), 0);
     EXPECT_EQ(parent.out().back(),
-              "[Parent] 0:00  0.0 frames/s  0 kbit/s  0 frames in 0 datagrams, 0 keyframes asked "
+              "[Parent] 0:00  0.0 fps  0 kbit/s  0 frames in 0 datagrams, 0 keyframes asked "
               "for");
 }
 
@@ -296,9 +296,9 @@ TEST_F(ParentTest, FeedsAPlayerThatRunsAlready) {
     Parent parent({"--to", std::to_string(receiver.port()), "--listen", "45679"});
     EXPECT_TRUE(test::is_keyframe(receiver.next_frame()));
     receiver.send(kKeyframeRequest, 45679);
-    EXPECT_TRUE(parent.mentions("  1 keyframes asked for  volume not reported"));
+    EXPECT_TRUE(parent.mentions("  1 KFRQ  volume not reported"));
     receiver.send(make_audio_state({.muted = true, .volume = 0.25F}), 45679);
-    EXPECT_TRUE(parent.mentions("  1 keyframes asked for  volume 25 % muted"));
+    EXPECT_TRUE(parent.mentions("  1 KFRQ  volume 25 % muted"));
     parent.send_signal(SIGTERM);
     EXPECT_EQ(parent.status(), 128 + SIGTERM);
 }

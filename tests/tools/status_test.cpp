@@ -1,6 +1,15 @@
 #include "tools/parent/status.h"
 
 #include <gtest/gtest.h>
+#include <pty.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <string>
 
 #include "tests/support/captured_output.h"
 
@@ -22,8 +31,7 @@ Figures figures(double seconds) {
 }
 
 constexpr const char* kAfterOneSecond =
-    "[Parent] 0:01  30.0 frames/s  1000 kbit/s  100 datagrams, 0 dropped on purpose  0 keyframes "
-    "asked for  volume 70 %";
+    "0:01  30.0 fps  1000 kbit/s  100 sent, 0 dropped  0 KFRQ  volume 70 %";
 
 TEST(StatusText, TheRatesAreThoseOfThePeriod) {
     Figures now = figures(62);
@@ -31,21 +39,20 @@ TEST(StatusText, TheRatesAreThoseOfThePeriod) {
     now.impaired.lost = 5;
     now.keyframe_requests = 3;
     EXPECT_EQ(status_text(figures(60), now),
-              "1:02  10.0 frames/s  1000 kbit/s  6200 datagrams, 5 dropped on purpose  3 keyframes "
-              "asked for  volume 70 %");
+              "1:02  10.0 fps  1000 kbit/s  6200 sent, 5 dropped  3 KFRQ  volume 70 %");
 }
 
 TEST(StatusText, NamesEachPlayersVolume) {
     Figures now = figures(1);
     now.audio = {AudioState{.muted = true, .volume = 1.0F}, std::nullopt};
     EXPECT_EQ(status_text({}, now),
-              "0:01  30.0 frames/s  1000 kbit/s  100 datagrams, 0 dropped on purpose  0 keyframes "
-              "asked for  volume 100 % muted, not reported");
+              "0:01  30.0 fps  1000 kbit/s  100 sent, 0 dropped  0 KFRQ  volume 100 % muted, not "
+              "reported");
 }
 
 TEST(SummaryText, IsShortWhereNothingWentWrong) {
     EXPECT_EQ(summary_text(figures(10)),
-              "0:10  30.0 frames/s  1000 kbit/s  300 frames in 1000 datagrams, 0 keyframes asked "
+              "0:10  30.0 fps  1000 kbit/s  300 frames in 1000 datagrams, 0 keyframes asked "
               "for");
 }
 
@@ -56,7 +63,7 @@ TEST(SummaryText, NamesEverythingThatHappened) {
     all.send_failures = 7;
     all.skipped = 8;
     EXPECT_EQ(summary_text(all),
-              "0:10  30.0 frames/s  1000 kbit/s  300 frames in 1000 datagrams, 1 keyframes asked "
+              "0:10  30.0 fps  1000 kbit/s  300 frames in 1000 datagrams, 1 keyframes asked "
               "for, 2 dropped on purpose, 3 doubled, 4 reordered, 5 corrupted, 6 cut short, 7 not "
               "taken by the system, 8 pictures skipped because encoding fell behind");
 }
@@ -69,7 +76,7 @@ TEST(StatusReporter, PrintsOncePerSecond) {
                   reporter.update(figures(1));
                   reporter.update(figures(1.5));
               }),
-              (Printed{.out = kAfterOneSecond + std::string("\n"), .err = ""}));
+              (Printed{.out = std::string("[Parent] ") + kAfterOneSecond + "\n", .err = ""}));
 }
 
 TEST(StatusReporter, PrintsAtOnceWhatAPlayerReports) {
@@ -84,10 +91,10 @@ TEST(StatusReporter, PrintsAtOnceWhatAPlayerReports) {
                   reporter.update(muted);
                   reporter.update(asked);
               }),
-              (Printed{.out = "[Parent] 0:00  30.0 frames/s  1000 kbit/s  50 datagrams, 0 dropped "
-                              "on purpose  0 keyframes asked for  volume 70 % muted\n"
-                              "[Parent] 0:00  30.0 frames/s  1000 kbit/s  50 datagrams, 0 dropped "
-                              "on purpose  1 keyframes asked for  volume 70 % muted\n",
+              (Printed{.out = "[Parent] 0:00  30.0 fps  1000 kbit/s  50 sent, 0 dropped  0 KFRQ  "
+                              "volume 70 % muted\n"
+                              "[Parent] 0:00  30.0 fps  1000 kbit/s  50 sent, 0 dropped  1 KFRQ  "
+                              "volume 70 % muted\n",
                        .err = ""}));
 }
 
@@ -105,6 +112,46 @@ TEST(StatusReporter, KeepsTheStatusInPlaceBelowThePlayersLines) {
               (Printed{.out = "before\n" + status + clear + "a line\n" + status + clear + status +
                               clear + "[Parent] " + summary_text(figures(1)) + "\n",
                        .err = "an error\n"}));
+}
+
+// What is written to standard output while it is a terminal of so many columns.
+std::string shown_by_terminal(std::uint16_t columns, const std::function<void()>& write_something) {
+    int terminal = -1;
+    int program = -1;
+    winsize size{};
+    size.ws_row = 24;
+    size.ws_col = columns;
+    EXPECT_EQ(openpty(&terminal, &program, nullptr, nullptr, &size), 0);
+    std::fflush(stdout);
+    const int before = dup(STDOUT_FILENO);
+    dup2(program, STDOUT_FILENO);
+    write_something();
+    std::fflush(stdout);
+    dup2(before, STDOUT_FILENO);
+    std::array<char, 4096> buffer{};
+    const ssize_t length = read(terminal, buffer.data(), buffer.size());
+    for (const int fd : {before, program, terminal}) {
+        close(fd);
+    }
+    return {buffer.data(), static_cast<std::size_t>(std::max(length, ssize_t{0}))};
+}
+
+TEST(StatusReporter, CutsTheStatusAtTheTerminalsEdge) {
+    const std::string text = kAfterOneSecond;
+    for (const std::uint16_t columns : std::initializer_list<std::uint16_t>{10, 40, 80}) {
+        StatusReporter reporter(true);
+        EXPECT_EQ(shown_by_terminal(columns, [&] { reporter.update(figures(1)); }),
+                  text.substr(0, columns - 1U));
+    }
+}
+
+TEST(StatusText, FitsAnOrdinaryTerminal) {
+    Figures now = figures(62);
+    now.datagrams = 9999;
+    now.impaired.lost = 99;
+    now.keyframe_requests = 9;
+    now.audio = {AudioState{.muted = true, .volume = 1.0F}};
+    EXPECT_LT(status_text(figures(61), now).size(), 80U);
 }
 
 }  // namespace

@@ -1,5 +1,8 @@
 #include "tools/parent/status.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cinttypes>
 
@@ -19,16 +22,24 @@ template <typename... Values>
     return text;
 }
 
+// What the terminal shows of `text` in one line: carriage return and erasing work on one only. The
+// last column stays free, because some terminals go on to the next line behind it.
+[[nodiscard]] std::string_view one_line(std::string_view text) {
+    winsize terminal{};
+    const bool is_terminal = ioctl(STDOUT_FILENO, TIOCGWINSZ, &terminal) == 0;
+    return is_terminal && terminal.ws_col > 0 ? text.substr(0, terminal.ws_col - 1U) : text;
+}
+
 [[nodiscard]] std::string clock_text(std::chrono::duration<double> time) {
     const auto seconds = static_cast<std::int64_t>(time.count());
     return format("%" PRId64 ":%02" PRId64, seconds / 60, seconds % 60);
 }
 
-// "frames/s" and "kbit/s" of what came in `time`.
+// Frames and kilobits a second of what came in `time`.
 [[nodiscard]] std::string rates(std::uint64_t frames, std::uint64_t bytes,
                                 std::chrono::duration<double> time) {
     const double seconds = time.count() > 0 ? time.count() : 1;
-    return format("%.1f frames/s  %.0f kbit/s", static_cast<double>(frames) / seconds,
+    return format("%.1f fps  %.0f kbit/s", static_cast<double>(frames) / seconds,
                   static_cast<double>(bytes) * 8 / 1000 / seconds);
 }
 
@@ -61,9 +72,8 @@ template <typename... Values>
 std::string status_text(const Figures& before, const Figures& now) {
     return clock_text(now.time) + "  " +
            rates(now.frames - before.frames, now.bytes - before.bytes, now.time - before.time) +
-           format("  %" PRIu64 " datagrams, %" PRIu64 " dropped on purpose  %" PRIu64
-                  " keyframes asked for  ",
-                  now.datagrams, now.impaired.lost, now.keyframe_requests) +
+           format("  %" PRIu64 " sent, %" PRIu64 " dropped  %" PRIu64 " KFRQ  ", now.datagrams,
+                  now.impaired.lost, now.keyframe_requests) +
            audio_text(now.audio);
 }
 
@@ -126,7 +136,12 @@ void StatusReporter::clear() {
 }
 
 void StatusReporter::show() {
-    std::printf("[Parent] %s%s", text_.c_str(), in_place_ ? "" : "\n");
+    if (in_place_) {
+        const std::string_view line = one_line(text_);
+        std::printf("%.*s", static_cast<int>(line.size()), line.data());
+    } else {
+        std::printf("[Parent] %s\n", text_.c_str());
+    }
     std::fflush(stdout);
     shown_ = in_place_;
 }

@@ -28,7 +28,9 @@ struct Figures {
     std::vector<std::optional<AudioState>> audio;  // of each player, as last reported
 };
 
-// "0:12  30.0 frames/s  1480 kbit/s  ...": the rates are those between `before` and `now`.
+// "0:12  30.0 fps  1480 kbit/s  2400 sent, 24 dropped  1 KFRQ  volume 100 % muted": the time, the
+// rates between `before` and `now`, datagrams, those dropped on purpose, keyframes that players
+// asked for, and what they last reported. So short that a terminal of 80 columns shows all of it.
 [[nodiscard]] std::string status_text(const Figures& before, const Figures& now);
 
 // The whole run, several words to each figure; those that are 0 only where that is news.
@@ -37,8 +39,8 @@ struct Figures {
 // Prints on standard output. One thread uses it.
 class StatusReporter {
   public:
-    // `in_place`: the status line stays in its place, as a terminal can. Otherwise each is a line
-    // of its own.
+    // `in_place`: the status line stays in its place, as a terminal can, and is cut at its edge.
+    // Otherwise each is a line of its own.
     explicit StatusReporter(bool in_place) : in_place_(in_place) {}
 
     // Shows the figures: once a second, and at once when a player reported or asked for something.
