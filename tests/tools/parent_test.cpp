@@ -34,6 +34,7 @@ using test::poll;
 using testing::Contains;
 using testing::ContainsRegex;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::IsSupersetOf;
 using testing::Not;
@@ -200,6 +201,14 @@ TEST_F(ParentTest, TellsThePlayerWhatSizeAndSoundACaptureHas) {
     Parent parent({"--player", talkative_player(), "--replay", file}, {});
     EXPECT_EQ(parent.status(), 0);
     EXPECT_THAT(parent.out(), IsSupersetOf({"loud.pcap", "322", "182", "--has-audio"}));
+}
+
+TEST_F(ParentTest, CountsTheFramesOfACapture) {
+    const std::string file = folder_.file("short.pcap");
+    ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, true));
+    Parent parent({"--player", patient_player(), "--replay", file}, {});
+    EXPECT_EQ(parent.status(), 0);
+    EXPECT_THAT(parent.out().back(), HasSubstr("  1 frames in 2 datagrams, "));
 }
 
 TEST_F(ParentTest, TellsThePlayerWhenACaptureHasNoSound) {

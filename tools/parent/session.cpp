@@ -168,6 +168,7 @@ void Session::start_stream() {
                  .datagram_passed =
                      [this](Direction direction, std::span<const std::uint8_t> datagram) {
                          keep(direction, datagram);
+                         count_replayed(direction, datagram);
                      }});
     if (replaying()) {
         replay(std::exchange(replay_, {}), options_.speed, Clock::now(), link_);
@@ -184,6 +185,13 @@ void Session::keep(Direction direction, std::span<const std::uint8_t> datagram) 
         capture_.write(link_.listen_port(), link_.player_port(), datagram);
     } else {
         capture_.write(link_.player_port(), link_.listen_port(), datagram);
+    }
+}
+
+void Session::count_replayed(Direction direction, std::span<const std::uint8_t> datagram) {
+    if (replaying() && direction == Direction::kToPlayer && begins_frame(datagram)) {
+        const std::lock_guard lock(mutex_);
+        ++replayed_frames_;
     }
 }
 
@@ -204,6 +212,7 @@ void Session::add_to(Figures& figures) const {
     figures.keyframe_requests += sent.keyframe_requests;
     figures.impaired += sent.impaired;
     const std::lock_guard lock(mutex_);
+    figures.frames += replayed_frames_;
     figures.audio.push_back(audio_state_);
 }
 

@@ -1,6 +1,7 @@
 // One player and the stream it is fed: link, source, streamer and, where we start it, the process.
 #pragma once
 
+#include <cstdint>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -60,6 +61,7 @@ class Session {
     void pass_on(std::FILE* stream, std::string_view line);
     void start_stream();
     void keep(Direction direction, std::span<const std::uint8_t> datagram);
+    void count_replayed(Direction direction, std::span<const std::uint8_t> datagram);
 
     const Options& options_;
     int number_;
@@ -67,8 +69,9 @@ class Session {
     CaptureWriter& capture_;
     bool started_ = false;
 
-    mutable std::mutex mutex_;
-    std::optional<AudioState> audio_state_;  // guarded by mutex_; written by the link's thread
+    mutable std::mutex mutex_;  // guards the next two, which the link's thread writes
+    std::optional<AudioState> audio_state_;
+    std::uint64_t replayed_frames_ = 0;  // that were begun
 
     std::vector<CapturedDatagram> replay_;  // what is to be sent again
     MediaSource source_;

@@ -12,18 +12,18 @@ namespace vesper::tools {
 
 namespace {
 
-bool is_sound(const Datagram& datagram) {
+bool is_sound(std::span<const std::uint8_t> datagram) {
     return datagram.size() > kPacketHeaderSize &&
            (read_packet_header(datagram.data()).flags & kScreenAudioFlag) != 0;
 }
 
 // The bytes of a frame's first fragment; none where the datagram is none.
-std::span<const std::uint8_t> beginning_of_frame(const Datagram& datagram) {
+std::span<const std::uint8_t> beginning_of_frame(std::span<const std::uint8_t> datagram) {
     if (is_sound(datagram) || datagram.size() <= kVideoPayloadOffset) {
         return {};
     }
     const VideoFragmentHeader header = read_video_fragment_header(datagram.data());
-    const auto payload = std::span(datagram).subspan(kVideoPayloadOffset);
+    const auto payload = datagram.subspan(kVideoPayloadOffset);
     return header.fragment_index == 0 && header.payload_size <= payload.size()
                ? payload.first(header.payload_size)
                : std::span<const std::uint8_t>();
@@ -65,6 +65,10 @@ std::optional<PictureSize> picture_size(std::span<const CapturedDatagram> stream
         }
     }
     return std::nullopt;
+}
+
+bool begins_frame(std::span<const std::uint8_t> datagram) {
+    return !beginning_of_frame(datagram).empty();
 }
 
 bool carries_sound(std::span<const CapturedDatagram> stream) {

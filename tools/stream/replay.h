@@ -1,6 +1,7 @@
 // Plays a capture to a player once more.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <span>
 #include <vector>
@@ -26,6 +27,9 @@ struct PictureSize {
 
 // Of the stream's pictures, as its first VP8 keyframe declares it. Nothing where none begins.
 [[nodiscard]] std::optional<PictureSize> picture_size(std::span<const CapturedDatagram> stream);
+
+// Whether this is the first fragment of a video frame.
+[[nodiscard]] bool begins_frame(std::span<const std::uint8_t> datagram);
 
 // Whether a datagram of the stream is a sound packet.
 [[nodiscard]] bool carries_sound(std::span<const CapturedDatagram> stream);
