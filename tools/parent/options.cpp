@@ -78,10 +78,13 @@ void add_source_options(CLI::App& app, Options& options) {
            "--screen",
            [&options](const std::string& display) {
                const char* own = std::getenv("DISPLAY");
-               if (display.empty() && own == nullptr) {
+               if (!display.empty()) {
+                   options.screen = display;
+               } else if (own != nullptr) {
+                   options.screen = own;
+               } else {
                    throw CLI::ValidationError("--screen", "$DISPLAY is not set: name a display");
                }
-               options.screen = display.empty() ? own : display;
            },
            "Stream what this display shows (default: that of $DISPLAY)")
         ->expected(0, 1)

@@ -80,6 +80,7 @@ PlayerProcess::~PlayerProcess() {
 
 bool PlayerProcess::start(const std::vector<std::string>& command_line) {
     std::vector<char*> arguments;
+    arguments.reserve(command_line.size() + 1);
     for (const std::string& word : command_line) {
         arguments.push_back(const_cast<char*>(word.c_str()));  // exec only reads them
     }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -19,7 +20,7 @@ inline constexpr int kSoundFrameSamples = 960;      // per channel: 20 ms, one O
 inline constexpr int kSoundFrameMilliseconds = 20;  // 960 / 48 kHz
 
 // The sound of one Opus packet: 16-bit, left and right in turn.
-using SoundFrame = std::array<std::int16_t, kSoundFrameSamples * kSoundChannels>;
+using SoundFrame = std::array<std::int16_t, std::size_t{kSoundFrameSamples} * kSoundChannels>;
 
 // What comes out of a source.
 struct MediaSettings {
