@@ -1,7 +1,10 @@
 # Sourced by the other scripts: goes to the top of the tree and offers
 #
+#   usage                      prints how the script is called, and ends it with status 2
+#   is_number WORD             true for a whole number above 0
 #   install_packages KIND...   installs what is missing of scripts/packages' lines of these kinds
 #   build PRESET ON|OFF        configures and builds build/PRESET, with or without the tests
+#   run_tests PRESET           runs the tests of build/PRESET
 #   start_virtual_display WxH  starts an X server that ends with the script; sets DISPLAY
 #   "${as_root[@]}" COMMAND... runs a command as root, through sudo where that is needed
 #   "${played_sound[@]}"       in sox's words, what SDL's disk driver writes of the player's sound
@@ -16,6 +19,16 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 # shellcheck disable=SC2034 # for the scripts
 played_sound=(-t raw -r 48000 -e signed -b 16 -c 2)
+
+# The comment at the top of each script has the line.
+usage() {
+    sed -n 's|^#   scripts/|Usage: scripts/|p' "scripts/$(basename "$0")" >&2
+    exit 2
+}
+
+is_number() {
+    [[ "$1" =~ ^[1-9][0-9]*$ ]]
+}
 
 install_packages() {
     local kind package missing=()
@@ -38,6 +51,13 @@ install_packages() {
 build() {
     cmake --preset "$1" -DVESPER_BUILD_TESTS="$2"
     cmake --build --preset "$1"
+}
+
+# What fails beside other tests on a busy machine gets one more run on its own; what fails then, too,
+# has failed. Both runs are in the output.
+run_tests() {
+    ctest --preset "$1" --parallel "$(nproc)" ||
+        { echo "== once more, one at a time, $1" && ctest --preset "$1" --rerun-failed; }
 }
 
 start_virtual_display() {
