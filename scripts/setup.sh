@@ -33,11 +33,11 @@ is_number() {
 install_packages() {
     local kind package missing=()
     for kind in "$@"; do
-        for package in $(awk -v kind="$kind" '$1 == kind { print $2 }' scripts/packages); do
+        while read -r package; do
             if ! dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q '^install ok installed'; then
                 missing+=("$package")
             fi
-        done
+        done < <(awk -v kind="$kind" '$1 == kind { print $2 }' scripts/packages)
     done
     if [ ${#missing[@]} -eq 0 ]; then
         return

@@ -14,6 +14,7 @@ existing_tests() {
 
 # Suite.Test, both begun by a capital.
 named_tests() {
+    # shellcheck disable=SC2016 # the page's backticks
     grep -o '`[A-Z][A-Za-z0-9]*\.[A-Z][A-Za-z0-9_]*`' "$page" | tr -d '`' | LC_ALL=C sort -u
 }
 

@@ -7,7 +7,11 @@
 set -euo pipefail
 
 expectations_failed=0
-trap 'status=$?; [ "$status" -ne 0 ] || exit "$expectations_failed"' EXIT
+finish() {
+    local status=$?
+    exit "$((status != 0 ? status : expectations_failed))"
+}
+trap finish EXIT
 
 expect_equal() {
     local what=$1 expected=$2 actual=$3

@@ -7,6 +7,7 @@ source "$(dirname "$0")/expect.sh"
 
 # What the awk programs share. They gather what they find of an option and print it once they come
 # to the next: "--fps=30 (1 to 240)", without what it does not have.
+# shellcheck disable=SC2016 # awk's own fields
 readonly gather='
     function finish() {
         if (option != "") print option standard range
@@ -49,7 +50,7 @@ options_of_player() {
         option ~ /port$/ || standard == "=false" { standard = "" }' | sort)
     expect_equal "options in $args_cpp and those in $args_h" \
         "$(grep -o '"--[a-z-]*"' "$args_cpp" | tr -d '"' | sort -u)" \
-        "$(sed 's/[= ].*//' <<<"$options")"
+        "$(grep -o '^[^= ]*' <<<"$options")"
 }
 
 # "--fps=30 (1 to 240)" of "  --fps INT:INT in [1 - 240]=30"; or the text behind an option has
