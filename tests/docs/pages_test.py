@@ -1,0 +1,228 @@
+#!/usr/bin/env python3
+"""Holds what the pages point at against the tree and the programs.
+
+    pages_test.py SOURCE_DIR BUILD_DIR [Pages.test_NAME]
+
+A command of a page is run where that is cheap; else its options are looked up in the program that it
+calls. A page that shows a new program needs a line in COMMANDS below.
+"""
+
+import re
+import shlex
+import subprocess
+import sys
+import unittest
+from pathlib import Path
+
+SOURCE = Path(sys.argv[1])
+BUILD = Path(sys.argv[2])
+
+# The list is git's, so that no build folder and no output is searched.
+PAGES = {
+    name: (SOURCE / name).read_text()
+    for name in subprocess.run(
+        ["git", "ls-files", "*.md"], cwd=SOURCE, check=True, capture_output=True, text=True
+    ).stdout.split()
+}
+GENERATED = [line.strip("/\n") for line in (SOURCE / ".gitignore").open()]
+
+FENCED = re.compile(r"^```(\w*)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
+
+
+def prose(page):
+    return FENCED.sub("", PAGES[page])
+
+
+def code_spans(page):
+    return [" ".join(span.split()) for span in re.findall(r"`([^`]+)`", prose(page))]
+
+
+def commands(page):
+    """Every command of the page's shell blocks, and those scripts and programs of ours that it names
+    with words behind them, each as a list of words."""
+    lines = [
+        line
+        for language, block in FENCED.findall(PAGES[page])
+        if language == "sh"
+        for line in block.replace("\\\n", " ").splitlines()
+    ]
+    lines += [span for span in code_spans(page) if re.match(r"(scripts/|vesper-p)\S+ ", span)]
+    split = (shlex.split(line.rstrip("& "), comments=True) for line in lines)
+    return [words for words in split if words]
+
+
+def anchors(page):
+    """Of its headings, as GitHub makes them: lower case, without punctuation, spaces as hyphens."""
+    return [
+        re.sub(r"[^\w\- ]", "", heading.lower()).strip().replace(" ", "-")
+        for heading in re.findall(r"^#+ (.*)$", prose(page), re.MULTILINE)
+    ]
+
+
+def output(*words, cwd=None):
+    """What the command prints on both streams, whatever its status."""
+    return subprocess.run(
+        words,
+        cwd=cwd,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        text=True,
+        check=False,
+        timeout=60,  # far more than any of them takes
+    ).stdout
+
+
+def options(words):
+    return [word.split("=")[0] for word in words if word.startswith("-")]
+
+
+def player_options():
+    """The player has no --help: its options are those that its parser compares words with."""
+    return set(re.findall(r'"(--[a-z-]+)"', (SOURCE / "player/args.cpp").read_text()))
+
+
+# In a path a word in capitals stands for whatever is there.
+PATH = re.compile(r"[a-z.][\w.-]*(/[\w.-]+)*/?")
+
+
+def missing_path(text):
+    """True for a text that looks like a path of this tree and is none."""
+    if "/" not in text or not PATH.fullmatch(text):
+        return False
+    known = [part for part in text.split("/") if part and not part.isupper()]
+    path = SOURCE.joinpath(*known)
+    # A page may name header and source in one: net/udp_socket.
+    return (
+        known[0] not in GENERATED
+        and not path.exists()
+        and not (path.with_suffix(".h").exists() and path.with_suffix(".cpp").exists())
+    )
+
+
+class Pages(unittest.TestCase):
+    def test_EveryLinkResolves(self):
+        for page in PAGES:
+            for target in re.findall(r"\]\(([^)\s]+)\)", prose(page)):
+                with self.subTest(page=page, target=target):
+                    self.assertNotIn("://", target, "nothing checks it")
+                    name, _, anchor = target.partition("#")
+                    path = (SOURCE / page).parent / name if name else SOURCE / page
+                    self.assertTrue(path.exists())
+                    if anchor:
+                        self.assertIn(anchor, anchors(str(path.resolve().relative_to(SOURCE))))
+
+    def test_EveryFileNamedExists(self):
+        for page in PAGES:
+            words = " ".join(code_spans(page)).split()
+            words += [word for command in commands(page) for word in command]
+            for word in re.split("[ :=]", " ".join(words)):
+                with self.subTest(page=page, word=word):
+                    self.assertFalse(missing_path(word))
+
+    def test_ArchitectureHasALineForEveryFileOfTheRooms(self):
+        named = " ".join(code_spans("docs/architecture.md")).split()
+        for room in ["net", "audio", "client", "player"]:
+            for file in [*(SOURCE / room).glob("*.h"), *(SOURCE / room).glob("*.cpp")]:
+                name = str(file.relative_to(SOURCE))
+                with self.subTest(file=name):
+                    self.assertTrue(name in named or name.rsplit(".", 1)[0] in named)
+
+    def test_ReadmeHasALineForEveryOptionOfThePlayer(self):
+        section = PAGES["README.md"].partition("## Options of the player")[2].partition("\n## ")[0]
+        self.assertEqual(set(re.findall(r"`(--[a-z-]+)", section)), player_options())
+
+    def test_EveryCommandIsOneThatItsProgramTakes(self):
+        for page in PAGES:
+            for words in commands(page):
+                with self.subTest(page=page, command=" ".join(words)):
+                    for pattern, check in COMMANDS:
+                        match = re.fullmatch(pattern, words[0])
+                        if match:
+                            check(self, words, *match.groups())
+                            break
+                    else:
+                        self.fail("nothing checks it")
+
+    def assert_preset(self, preset):
+        self.assertIn(f'"{preset}"', output("cmake", "--list-presets=all", cwd=SOURCE))
+
+    def assert_target(self, target):
+        self.assertIn(f"\n{target}: phony\n", output("ninja", "-C", BUILD, "-t", "targets", "all"))
+
+    def check_script(self, words):
+        """Each option and word is in the line that the script answers unknown words with; a number,
+        or what begins with one, is a value."""
+        usage = output(SOURCE / words[0], "--no-such-word")
+        for word in words[1:]:
+            if not word[0].isdigit():
+                self.assertIn(word, re.findall(r"[\w-]+", usage))
+
+    def check_cmake(self, words):
+        flags = dict(zip(words[1:], words[2:]))
+        self.assert_preset(flags["--preset"])
+        if "--target" in flags:
+            self.assert_target(flags["--target"])
+        self.assertLessEqual(set(options(words)), {"--preset", "--build", "--target"})
+
+    def check_ctest(self, words):
+        flags = dict(zip(words[1::2], words[2::2]))
+        self.assert_preset(flags.pop("--preset"))
+        filters = [word for flag in flags.items() for word in flag]
+        listed = output("ctest", "--test-dir", BUILD, "--show-only", *filters)
+        self.assertRegex(listed, r"Total Tests: [1-9]")
+
+    def check_test_program(self, words, preset, name):
+        """Run for real, under the preset that is tested just now."""
+        self.assert_preset(preset)
+        self.assertRegex(output(BUILD / "bin" / name, *words[1:]), r"\[  PASSED  \] [1-9]")
+
+    def check_fuzzer(self, words, target):
+        self.assertTrue((SOURCE / "fuzz" / f"{target}_fuzzer.cpp").exists())
+        self.assertEqual(options(words), [])
+
+    def check_parent(self, words):
+        accepted = re.findall(r"--[a-z-]+", output(BUILD / "bin/vesper-parent", "--help"))
+        self.assertLessEqual(set(options(words)), set(accepted))
+
+    def check_player(self, words):
+        self.assertLessEqual(set(options(words)), player_options())
+
+    def check_embedder(self, words):
+        """Each word has the shape that the program asks for."""
+        usage = output(BUILD / "bin" / words[0], "--no-such-word")
+        self.assertIn(" PORT:REPLY_PORT:NAME...\n", usage)
+        for word in words[1:]:
+            self.assertRegex(word, r"^\d+:\d+:\w+$")
+
+    def check_example(self, words):
+        """As many words as its first comment asks for."""
+        (source,) = (SOURCE / "docs/examples").glob(f"{Path(words[0]).stem}.*")
+        usage = re.search(r"Usage: (.*)", source.read_text()).group(1)
+        self.assertEqual(len(words), len(usage.split()))
+
+    def check_compiler(self, words):
+        """The packages that pkg-config is asked for; tests/packaging builds an example with them."""
+        line = " ".join(words)
+        for package in re.search(r"\$\(pkg-config --cflags --libs (.*)\)", line).group(1).split():
+            self.assertTrue((BUILD / "install" / f"{package}.pc").exists())
+
+    def check_nothing(self, words):
+        """Not ours, and nothing that the tests install; the files it names are checked above."""
+
+
+COMMANDS = [
+    (r"scripts/.*", Pages.check_script),
+    (r"cmake", Pages.check_cmake),
+    (r"ctest", Pages.check_ctest),
+    (r"build/(\w+)/bin/(\w+_test)", Pages.check_test_program),
+    (r"build/fuzz/bin/fuzz_(\w+)", Pages.check_fuzzer),
+    (r"vesper-parent", Pages.check_parent),
+    (r"vesper-player", Pages.check_player),
+    (r"in_application", Pages.check_embedder),
+    (r"docs/examples/.*|minimal_application", Pages.check_example),
+    (r"g\+\+", Pages.check_compiler),
+    (r"ffmpeg|tcpdump|wireshark", Pages.check_nothing),
+]
+
+if __name__ == "__main__":
+    unittest.main(argv=[sys.argv[0], *sys.argv[3:]])
