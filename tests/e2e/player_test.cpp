@@ -1,11 +1,7 @@
 #include "tests/e2e/player_test.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <concepts>
-#include <cstdlib>
-#include <stdexcept>
 
 #include "net/stream_datagrams.h"
 #include "tests/support/numbered_addresses.h"
@@ -31,19 +27,6 @@ Color beneath_bar(Color picture) {
 }
 
 }  // namespace
-
-TemporaryDirectory::TemporaryDirectory() {
-    std::string name = std::filesystem::temp_directory_path() / "vesper-e2e-XXXXXX";
-    if (::mkdtemp(name.data()) == nullptr) {
-        throw std::runtime_error("no temporary directory " + name);
-    }
-    path_ = name;
-}
-
-TemporaryDirectory::~TemporaryDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
 
 ChildProcess::Environment player_environment(const VirtualDisplay& display) {
     return {

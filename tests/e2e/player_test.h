@@ -10,7 +10,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -21,21 +20,9 @@
 #include "tests/e2e/player_window.h"
 #include "tests/e2e/test_stream.h"
 #include "tests/e2e/virtual_display.h"
+#include "tests/support/temporary_folder.h"
 
 namespace vesper::test {
-
-// A directory that goes with the object.
-class TemporaryDirectory {
-  public:
-    TemporaryDirectory();
-    ~TemporaryDirectory();
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-
-  private:
-    std::filesystem::path path_;
-};
 
 // What a player on `display` is to find in its environment: SDL's software renderer, and no GL
 // beneath it either: the same drawing calls, without a GL driver's threads on a machine that runs
@@ -104,7 +91,7 @@ class PlayerTest : public testing::Test {
     const std::uint16_t port = free_port();  // the player's
     ChildProcess::Environment environment;
     VideoSource video;
-    TemporaryDirectory directory;
+    TemporaryFolder directory;
 
     std::optional<ChildProcess> player;
     std::optional<PlayerWindow> window;
