@@ -26,12 +26,11 @@ struct AudioDevicePeer {
 namespace {
 
 using test::kFakeDevice;
+using test::kNothing;
 using test::Printed;
 using test::printed_by;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-const Printed kNothing{};
 
 class AudioDeviceTest : public test::HookedTest {
   protected:

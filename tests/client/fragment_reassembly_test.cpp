@@ -33,6 +33,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::FragmentBuilder;
+using test::kNothing;
 using test::Printed;
 using test::printed_by;
 using testing::Each;
@@ -43,7 +44,6 @@ using testing::UnorderedElementsAre;
 
 using Bytes = std::vector<std::uint8_t>;
 
-const Printed kNothing{};
 constexpr auto kTimeout = 250ms;  // of an incomplete frame
 constexpr std::uint64_t kByteLimit = 52'428'800;
 

@@ -51,6 +51,7 @@ namespace vesper::client {
 namespace {
 
 using test::HookedTest;
+using test::joined;
 using test::poll;
 using test::Transcript;
 
@@ -316,14 +317,6 @@ constexpr auto kStopped = "out: [VideoReceiver] Stop complete\n";
 constexpr auto kWatchdogReport =
     "err: [VideoReceiver] ERROR: Decode thread join() blocked >5s!\n"
     "flush err\n";
-
-std::string joined(std::initializer_list<const char*> steps) {
-    std::string text;
-    for (const char* step : steps) {
-        text += step;
-    }
-    return text;
-}
 
 TEST_F(ReceiverTearDown, StopJoinsThenFreesTheCodecThenDestroysSdlObjects) {
     go_live();

@@ -30,6 +30,7 @@ VESPER_HOOK(opus_decode, int,
 namespace vesper::client {
 namespace {
 
+using test::kNothing;
 using test::Printed;
 using test::printed_by;
 using testing::Each;
@@ -41,7 +42,6 @@ using Bytes = std::vector<std::uint8_t>;
 using Samples = std::vector<short>;
 
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
-const Printed kNothing{};
 
 Bytes packet(std::uint32_t sequence, const Bytes& payload = {0xA1, 0xA2, 0xA3}) {
     Bytes datagram(kPacketHeaderSize);

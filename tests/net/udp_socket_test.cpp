@@ -50,10 +50,10 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using vesper::UDPSocket;
+using vesper::test::kNothing;
 using vesper::test::Printed;
 using vesper::test::printed_by;
 
-const Printed kNothing;
 constexpr std::string_view kGreeting = "hello";
 constexpr int kGenerousWait = 10'000;  // ms; a loopback datagram is there at once
 

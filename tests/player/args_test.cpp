@@ -11,10 +11,10 @@
 
 namespace {
 
+using vesper::test::kNothing;
 using vesper::test::Printed;
 using vesper::test::printed_by;
 
-const Printed kNothing;
 const Printed kPortRequired{.out = "", .err = "Error: --port is required\n"};
 
 class CommandLine : public testing::Test {

@@ -28,6 +28,7 @@ extern "C" {
 #include "tests/support/fcntl_hook.h"
 #include "tests/support/hook.h"
 #include "tests/support/numbered_addresses.h"
+#include "tests/support/set_up_hooks.h"
 #include "tests/support/transcript.h"
 
 int player_main(int argc, char** argv);
@@ -41,36 +42,13 @@ VESPER_HOOK(SDL_SetHintWithPriority, SDL_bool,
 VESPER_HOOK(SDL_Init, int, (Uint32 flags), (flags))
 VESPER_HOOK(SDL_Quit, void, (), ())
 VESPER_HOOK(SDL_PollEvent, int, (SDL_Event * event), (event))
-VESPER_HOOK(SDL_GetCurrentDisplayMode, int, (int display, SDL_DisplayMode* mode), (display, mode))
-VESPER_HOOK(SDL_CreateWindow, SDL_Window*,
-            (const char* title, int x, int y, int w, int h, Uint32 flags),
-            (title, x, y, w, h, flags))
-VESPER_HOOK(SDL_GetWindowID, Uint32, (SDL_Window * window), (window))
 VESPER_HOOK(SDL_GetWindowFromID, SDL_Window*, (Uint32 id), (id))
 VESPER_HOOK(SDL_SetWindowTitle, void, (SDL_Window * window, const char* title), (window, title))
-VESPER_HOOK(SDL_CreateRenderer, SDL_Renderer*, (SDL_Window * window, int index, Uint32 flags),
-            (window, index, flags))
-VESPER_HOOK(SDL_CreateTexture, SDL_Texture*,
-            (SDL_Renderer * renderer, Uint32 format, int access, int w, int h),
-            (renderer, format, access, w, h))
-VESPER_HOOK(SDL_DestroyTexture, void, (SDL_Texture * texture), (texture))
-VESPER_HOOK(SDL_DestroyRenderer, void, (SDL_Renderer * renderer), (renderer))
-VESPER_HOOK(SDL_DestroyWindow, void, (SDL_Window * window), (window))
 VESPER_HOOK(SDL_OpenAudioDevice, SDL_AudioDeviceID,
             (const char* device, int iscapture, const SDL_AudioSpec* desired,
              SDL_AudioSpec* obtained, int allowed_changes),
             (device, iscapture, desired, obtained, allowed_changes))
 VESPER_HOOK(SDL_CloseAudioDevice, void, (SDL_AudioDeviceID device), (device))
-VESPER_HOOK(avcodec_find_decoder, const AVCodec*, (AVCodecID id), (id))
-VESPER_HOOK(avcodec_alloc_context3, AVCodecContext*, (const AVCodec* codec), (codec))
-VESPER_HOOK(avcodec_open2, int,
-            (AVCodecContext * context, const AVCodec* codec, AVDictionary** options),
-            (context, codec, options))
-VESPER_HOOK(avcodec_free_context, void, (AVCodecContext * *context), (context))
-VESPER_HOOK(av_frame_alloc, AVFrame*, (), ())
-VESPER_HOOK(av_frame_free, void, (AVFrame * *frame), (frame))
-VESPER_HOOK(av_packet_alloc, AVPacket*, (), ())
-VESPER_HOOK(av_packet_free, void, (AVPacket * *packet), (packet))
 VESPER_HOOK(opus_decoder_create, OpusDecoder*, (opus_int32 rate, int channels, int* error),
             (rate, channels, error))
 VESPER_HOOK(opus_decoder_destroy, void, (OpusDecoder * decoder), (decoder))
@@ -79,22 +57,17 @@ VESPER_HOOK(socket, int, (int domain, int type, int protocol), (domain, type, pr
 VESPER_HOOK(bind, int, (int fd, const sockaddr* address, socklen_t size), (fd, address, size))
 VESPER_HOOK(getsockname, int, (int fd, sockaddr* address, socklen_t* size), (fd, address, size))
 VESPER_HOOK(close, int, (int fd), (fd))
-// std::thread::_M_start_thread(), which every new std::thread calls.
-VESPER_HOOK(_ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE,
-            void, (std::thread * thread, void* state, void (*depend)()), (thread, state, depend))
 // clang-format on
 
 namespace {
 
 using vesper::UDPSocket;
+using vesper::test::hook_start_thread;
 using vesper::test::HookedTest;
+using vesper::test::joined;
+using vesper::test::real_start_thread;
 using vesper::test::Transcript;
 using vesper::test::with_numbered_addresses;
-
-auto& hook_start_thread =
-    hook__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE;
-const auto real_start_thread =
-    __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE;
 
 // A whole run in which nothing fails: each call of the set-up, what is printed, what is released.
 // PORT stands for a number, #1 to #3 for addresses.
@@ -179,14 +152,6 @@ constexpr std::string_view kDestroyAll =
     "SDL_DestroyTexture\n"
     "SDL_DestroyRenderer\n"
     "SDL_DestroyWindow\n";
-
-std::string joined(std::initializer_list<std::string_view> parts) {
-    std::string text;
-    for (const std::string_view part : parts) {
-        text += part;
-    }
-    return text;
-}
 
 // `text` with its one `old_words` replaced.
 std::string replaced(std::string text, std::string_view old_words, std::string_view new_words) {

@@ -41,10 +41,9 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using vesper::test::kNothing;
 using vesper::test::Printed;
 using vesper::test::printed_by;
-
-const Printed kNothing;
 
 constexpr std::uint16_t kParentPort = 6000;
 constexpr Uint32 kNow = 123'456;            // SDL ticks, ms

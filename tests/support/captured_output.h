@@ -21,6 +21,8 @@ inline void PrintTo(const Printed& printed, std::ostream* stream) {
             << '"';
 }
 
+inline const Printed kNothing;
+
 // Everything `action` prints. Not to be nested.
 template <typename Action>
 [[nodiscard]] Printed printed_by(Action&& action) {

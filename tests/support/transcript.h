@@ -19,11 +19,22 @@
 #include <cstdarg>
 #include <cstdio>
 #include <functional>
+#include <initializer_list>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace vesper::test {
+
+// What is expected of a transcript, put together from parts that several tests share.
+[[nodiscard]] inline std::string joined(std::initializer_list<std::string_view> parts) {
+    std::string text;
+    for (const std::string_view part : parts) {
+        text += part;
+    }
+    return text;
+}
 
 class Transcript {
   public:
