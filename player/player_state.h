@@ -28,8 +28,11 @@ struct PlayerState {
     int saved_window_w = 0;
     int saved_window_h = 0;
 
-    float zoom_level = 1.0F;     // magnification, 1.0 to 10.0
-    float zoom_center_x = 0.5F;  // centre of the view, 0.0 to 1.0 of the frame
+    float zoom_level = 1.0F;  // magnification, 1.0 to 10.0
+    // Centre of the view, 0.0 to 1.0 of the frame. Panning keeps it there; zooming out moves it
+    // away from the pointer, out of the frame if need be, and only the rectangle made of it is
+    // clamped.
+    float zoom_center_x = 0.5F;
     float zoom_center_y = 0.5F;
     bool panning = false;  // right button pressed while zoomed, not yet released
     int pan_last_x = 0;    // last mouse position while panning, window pixels

@@ -51,8 +51,8 @@ ViewSpan view_span(float center, int frame, float zoom) {
     // edge.
     const float edge =
         std::clamp(view_edge(center, frame, size), 0.0F, static_cast<float>(frame - size));
-    const int start = static_cast<int>(edge);
-    return {.start = start + size > frame ? frame - size : start, .size = size};
+    // And clamped as an int: a float above 2^24 may have been rounded up.
+    return {.start = std::min(static_cast<int>(edge), frame - size), .size = size};
 }
 
 }  // namespace

@@ -1200,6 +1200,14 @@ TEST_F(ZoomRectangle, StaysInsideTheFrame) {
     EXPECT_EQ(zoom(), (Zoom{true, 0, 360, 640, 360}));
 }
 
+// No float holds 20000003, the last place that the view may begin at.
+TEST_F(ZoomRectangle, StaysInsideAFrameThatFloatsCannotCount) {
+    set_frame_size(100'000'003, 720);
+    set_view({1.25F, 1.0F, 0.5F});
+    input_.apply_zoom();
+    EXPECT_EQ(zoom(), (Zoom{true, 20'000'003, 72, 80'000'000, 576}));
+}
+
 TEST_F(ZoomRectangle, IsAtLeastOnePixelEachWay) {
     set_frame_size(5, 3);
     set_view({10.0F, 0.5F, 0.5F});
