@@ -6,17 +6,12 @@
 #   build PRESET ON|OFF        configures and builds build/PRESET, with or without the tests
 #   run_tests PRESET           runs the tests of build/PRESET
 #   start_virtual_display WxH  starts an X server that ends with the script; sets DISPLAY
-#   "${as_root[@]}" COMMAND... runs a command as root, through sudo where that is needed
 #   "${played_sound[@]}"       in sox's words, what SDL's disk driver writes of the player's sound
 #
 # shellcheck shell=bash
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-as_root=()
-if [ "$(id -u)" -ne 0 ]; then
-    as_root=(sudo)
-fi
 # shellcheck disable=SC2034 # for the scripts
 played_sound=(-t raw -r 48000 -e signed -b 16 -c 2)
 
@@ -43,6 +38,10 @@ install_packages() {
         return
     fi
     echo "Installing ${missing[*]}"
+    local as_root=()
+    if [ "$(id -u)" -ne 0 ]; then
+        as_root=(sudo)
+    fi
     "${as_root[@]}" apt-get update -q
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
         apt-get install -q -y --no-install-recommends "${missing[@]}"
