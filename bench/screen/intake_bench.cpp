@@ -13,8 +13,6 @@ extern "C" {
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <limits>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,11 +21,13 @@ extern "C" {
 #include "bench/screen/subject.h"
 #include "bench/screen/window_watch.h"
 #include "net/stream_datagrams.h"
+#include "tools/stream/receive_queue.h"
 
 using vesper::bench::MarkedStream;
 using vesper::bench::StreamPicture;
 using vesper::bench::Subject;
 using vesper::bench::WindowWatch;
+using vesper::tools::receive_queue;
 
 namespace {
 
@@ -46,24 +46,15 @@ constexpr int kBurst = 90;
     std::exit(EXIT_FAILURE);
 }
 
-// Bytes that wait in the socket bound to `port` of 127.0.0.1, as proc(5) tells of /proc/net/udp.
-std::uint64_t waiting_bytes(std::uint16_t port) {
-    std::ifstream table("/proc/net/udp");
-    table.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
-    for (std::string line; std::getline(table, line);) {
-        unsigned local_port = 0;
-        unsigned long waiting = 0;
-        if (std::sscanf(line.c_str(), " %*d: %*8x:%x %*8x:%*x %*x %*x:%lx", &local_port,
-                        &waiting) == 2 &&
-            local_port == port) {
-            return waiting;
-        }
-    }
-    fail("the player's socket is gone");
-}
-
 void wait_until_taken(std::uint16_t port) {
-    while (waiting_bytes(port) > 0) {
+    for (;;) {
+        const auto queue = receive_queue(port);
+        if (!queue) {
+            fail("the player's socket is gone");
+        }
+        if (queue->waiting == 0) {
+            return;
+        }
         std::this_thread::sleep_for(kPoll);
     }
 }

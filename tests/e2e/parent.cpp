@@ -3,12 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstdio>
-#include <fstream>
 #include <stdexcept>
 #include <string>
 
 #include "tests/e2e/eventually.h"
+#include "tools/stream/receive_queue.h"
 
 namespace vesper::test {
 
@@ -19,23 +18,10 @@ constexpr std::size_t kBurst = 40;  // datagrams
 
 constexpr std::size_t kLongestMessage = 64;  // bytes, more than any message has
 
-// Whether the socket bound to 127.0.0.1:`port` has nothing left to receive. The kernel lists one
-// socket a line: number, local address and port, remote ones, state, send:receive queue, all in
-// hexadecimal.
+// Whether the socket bound to 127.0.0.1:`port` has nothing left to receive.
 bool receive_queue_is_empty(std::uint16_t port) {
-    std::ifstream list("/proc/net/udp");
-    std::string line;
-    while (std::getline(list, line)) {
-        unsigned int address = 0;
-        unsigned int local_port = 0;
-        unsigned long queued = 0;
-        if (std::sscanf(line.c_str(), " %*d: %x:%x %*x:%*x %*x %*x:%lx", &address, &local_port,
-                        &queued) == 3 &&
-            local_port == port) {
-            return queued == 0;
-        }
-    }
-    return false;
+    const auto queue = tools::receive_queue(port);
+    return queue && queue->waiting == 0;
 }
 
 }  // namespace

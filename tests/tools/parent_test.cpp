@@ -17,6 +17,7 @@ extern "C" {
 #include <vector>
 
 #include "net/stream_datagrams.h"
+#include "net/udp_socket.h"
 #include "tests/support/poll.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/tools/grey_picture.h"
@@ -310,6 +311,20 @@ TEST_F(ParentTest, FeedsAPlayerThatRunsAlready) {
     EXPECT_TRUE(parent.mentions("  1 KFRQ  volume 25 % muted"));
     parent.send_signal(SIGTERM);
     EXPECT_EQ(parent.status(), 128 + SIGTERM);
+}
+
+// Nobody takes anything from this socket.
+TEST_F(ParentTest, TellsWhatThePlayersBufferHadNoRoomFor) {
+    UDPSocket player;
+    ASSERT_TRUE(player.bind(0));
+    ASSERT_TRUE(player.set_recv_buffer(1));  // as small as the system allows
+    Parent parent({"--to", std::to_string(player.get_bound_port())});
+    EXPECT_TRUE(parent.mentions(" overflowed  "));
+    player.reset();
+    parent.send_signal(SIGTERM);
+    EXPECT_EQ(parent.status(), 128 + SIGTERM);
+    EXPECT_THAT(parent.out().back(),
+                ContainsRegex(", [1-9][0-9]* lost because a player's buffer was full"));
 }
 
 TEST_F(ParentTest, FullLossReachesNobody) {

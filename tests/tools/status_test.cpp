@@ -42,6 +42,14 @@ TEST(StatusText, TheRatesAreThoseOfThePeriod) {
               "1:02  10.0 fps  1000 kbit/s  6200 sent, 5 dropped  3 KFRQ  volume 70 %");
 }
 
+TEST(StatusText, TellsWhatThePlayersBufferHadNoRoomFor) {
+    Figures now = figures(1);
+    now.overflowed = 12;
+    EXPECT_EQ(
+        status_text({}, now),
+        "0:01  30.0 fps  1000 kbit/s  100 sent, 0 dropped, 12 overflowed  0 KFRQ  volume 70 %");
+}
+
 TEST(StatusText, NamesEachPlayersVolume) {
     Figures now = figures(1);
     now.audio = {AudioState{.muted = true, .volume = 1.0F}, std::nullopt};
@@ -60,12 +68,14 @@ TEST(SummaryText, NamesEverythingThatHappened) {
     Figures all = figures(10);
     all.keyframe_requests = 1;
     all.impaired = {.lost = 2, .duplicated = 3, .reordered = 4, .corrupted = 5, .truncated = 6};
-    all.send_failures = 7;
-    all.skipped = 8;
+    all.overflowed = 7;
+    all.send_failures = 8;
+    all.skipped = 9;
     EXPECT_EQ(summary_text(all),
               "0:10  30.0 fps  1000 kbit/s  300 frames in 1000 datagrams, 1 keyframes asked "
-              "for, 2 dropped on purpose, 3 doubled, 4 reordered, 5 corrupted, 6 cut short, 7 not "
-              "taken by the system, 8 pictures skipped because encoding fell behind");
+              "for, 2 dropped on purpose, 3 doubled, 4 reordered, 5 corrupted, 6 cut short, 7 lost "
+              "because a player's buffer was full, 8 not taken by the system, 9 pictures skipped "
+              "because encoding fell behind");
 }
 
 TEST(StatusReporter, PrintsOncePerSecond) {

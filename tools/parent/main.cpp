@@ -70,7 +70,7 @@ class Run {
     [[nodiscard]] std::optional<int> received_signal() const;
     void wait_for_news();
     void end_players();
-    [[nodiscard]] Figures figures() const;
+    [[nodiscard]] Figures figures();
 
     Options options_;
     int signals_;
@@ -185,7 +185,7 @@ void Run::end_players() {
     }
 }
 
-Figures Run::figures() const {
+Figures Run::figures() {
     Figures sum;
     if (start_) {
         sum.time = Clock::now() - *start_;

@@ -11,6 +11,7 @@
 
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
+#include "tools/stream/receive_queue.h"
 
 namespace vesper::tools {
 
@@ -201,7 +202,10 @@ void Session::stop() {
     player_.terminate();
 }
 
-void Session::add_to(Figures& figures) const {
+void Session::add_to(Figures& figures) {
+    if (const auto queue = receive_queue(link_.player_port())) {
+        overflowed_ = queue->lost;
+    }
     const Streamer::Counters streamed = streamer_.counters();
     const Link::Counters sent = link_.counters();
     figures.frames += streamed.frames;
@@ -211,6 +215,7 @@ void Session::add_to(Figures& figures) const {
     figures.send_failures += sent.send_failures;
     figures.keyframe_requests += sent.keyframe_requests;
     figures.impaired += sent.impaired;
+    figures.overflowed += overflowed_;
     const std::lock_guard lock(mutex_);
     figures.frames += replayed_frames_;
     figures.audio.push_back(audio_state_);

@@ -49,7 +49,7 @@ class Session {
     void stop();
 
     // Adds this stream's figures to those of the others; the time is left alone.
-    void add_to(Figures& figures) const;
+    void add_to(Figures& figures);
 
   private:
     [[nodiscard]] bool replaying() const { return !options_.replay.empty(); }
@@ -68,6 +68,7 @@ class Session {
     StatusReporter& reporter_;
     CaptureWriter& capture_;
     bool started_ = false;
+    std::uint64_t overflowed_ = 0;  // as last seen: a player that has ended tells no more
 
     mutable std::mutex mutex_;  // guards the next two, which the link's thread writes
     std::optional<AudioState> audio_state_;

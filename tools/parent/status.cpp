@@ -72,9 +72,9 @@ template <typename... Values>
 std::string status_text(const Figures& before, const Figures& now) {
     return clock_text(now.time) + "  " +
            rates(now.frames - before.frames, now.bytes - before.bytes, now.time - before.time) +
-           format("  %" PRIu64 " sent, %" PRIu64 " dropped  %" PRIu64 " KFRQ  ", now.datagrams,
-                  now.impaired.lost, now.keyframe_requests) +
-           audio_text(now.audio);
+           format("  %" PRIu64 " sent, %" PRIu64 " dropped", now.datagrams, now.impaired.lost) +
+           (now.overflowed > 0 ? format(", %" PRIu64 " overflowed", now.overflowed) : "") +
+           format("  %" PRIu64 " KFRQ  ", now.keyframe_requests) + audio_text(now.audio);
 }
 
 std::string summary_text(const Figures& figures) {
@@ -92,6 +92,7 @@ std::string summary_text(const Figures& figures) {
     add(figures.impaired.reordered, "reordered");
     add(figures.impaired.corrupted, "corrupted");
     add(figures.impaired.truncated, "cut short");
+    add(figures.overflowed, "lost because a player's buffer was full");
     add(figures.send_failures, "not taken by the system");
     add(figures.skipped, "pictures skipped because encoding fell behind");
     return text;

@@ -1,0 +1,28 @@
+#include "tools/stream/receive_queue.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <fstream>
+#include <string>
+
+namespace vesper::tools {
+
+// The kernel lists one socket a line: number, local address and port, remote ones, state, send and
+// receive queue, two timers, retransmissions, user, timeout, inode, references, address, losses.
+std::optional<ReceiveQueue> receive_queue(std::uint16_t port) {
+    std::ifstream list("/proc/net/udp");
+    for (std::string line; std::getline(list, line);) {
+        unsigned local_port = 0;
+        ReceiveQueue queue;
+        if (std::sscanf(line.c_str(),
+                        " %*d: %*x:%x %*x:%*x %*x %*x:%" SCNx64
+                        " %*x:%*x %*x %*u %*u %*u %*u %*s %" SCNu64,
+                        &local_port, &queue.waiting, &queue.lost) == 3 &&
+            local_port == port) {
+            return queue;
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace vesper::tools
