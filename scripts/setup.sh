@@ -4,7 +4,7 @@
 #   is_number WORD             true for a whole number above 0
 #   install_packages KIND...   installs what is missing of scripts/packages' lines of these kinds
 #   build PRESET ON|OFF        configures and builds build/PRESET, with or without the tests
-#   run_tests PRESET           runs the tests of build/PRESET
+#   run_tests PRESET [WORD...] runs the tests of build/PRESET, or those that CTest's words choose
 #   start_virtual_display WxH  starts an X server that ends with the script; sets DISPLAY
 #   "${played_sound[@]}"       in sox's words, what SDL's disk driver writes of the player's sound
 #
@@ -55,7 +55,7 @@ build() {
 # What fails beside other tests on a busy machine gets one more run on its own; what fails then, too,
 # has failed. Both runs are in the output.
 run_tests() {
-    ctest --preset "$1" --parallel "$(nproc)" ||
+    ctest --preset "$1" --parallel "$(nproc)" "${@:2}" ||
         { echo "== once more, one at a time, $1" && ctest --preset "$1" --rerun-failed; }
 }
 
