@@ -4,6 +4,7 @@
 #include <fcntl.h>
 
 #include <cstdarg>
+#include <cstdint>
 #include <functional>
 
 #include "tests/support/hook.h"
@@ -15,8 +16,11 @@ static const vesper::test::HookRegistration registration_fcntl([] { hook_fcntl =
 extern "C" int __wrap_fcntl(int fd, int command, ...) {
     va_list arguments;
     va_start(arguments, command);
-    const long argument = command == F_GETFL ? 0 : va_arg(arguments, int);
+    // As wide as the widest: the coverage counters are written under a lock, which is a pointer.
+    void* argument = command == F_GETFL ? nullptr : va_arg(arguments, void*);
     va_end(arguments);
-    return hook_fcntl ? hook_fcntl(fd, command, argument) : __real_fcntl(fd, command, argument);
+    return hook_fcntl ? hook_fcntl(fd, command,
+                                   static_cast<int>(reinterpret_cast<std::intptr_t>(argument)))
+                      : __real_fcntl(fd, command, argument);
 }
 // NOLINTEND
