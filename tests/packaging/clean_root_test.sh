@@ -45,12 +45,8 @@ make_root() {
     done
 }
 
-in_root() {
-    chroot "$root" "$@"
-}
-
 install_in_root() {
-    in_root env DEBIAN_FRONTEND=noninteractive \
+    chroot "$root" env DEBIAN_FRONTEND=noninteractive \
         apt-get install -q -y --no-install-recommends "$@" >>"$work/install.log" 2>&1
 }
 
@@ -100,7 +96,7 @@ tone() {
 
 play_test_stream() {
     # It asks /proc where the player beside it is, and here is no /proc.
-    "${viewer[@]}" SDL_AUDIODRIVER=disk SDL_DISKAUDIOFILE=/tmp/sound.raw \
+    "${as_user[@]}" SDL_AUDIODRIVER=disk SDL_DISKAUDIOFILE=/tmp/sound.raw \
         vesper-parent --size 640x360 --player /usr/bin/vesper-player >"$work/player.log" 2>&1 &
     local parent=$!
     move_window "Stream: Test picture" 0 0
@@ -116,12 +112,13 @@ play_test_stream() {
 # the first.
 show_two_streams() {
     local name=$1 program=$2 application feeders=() feeder
-    "${viewer[@]}" SDL_AUDIODRIVER=dummy "$program" 5000:5001:Ada 5002:5003:Grace \
+    "${as_user[@]}" SDL_AUDIODRIVER=dummy "$program" 5000:5001:Ada 5002:5003:Grace \
         >"$work/$name.log" 2>&1 &
     application=$!
-    "${viewer[@]}" vesper-parent --to 5000 --listen 5001 --size 640x360 >"$work/$name.ada.log" 2>&1 &
+    "${as_user[@]}" vesper-parent --to 5000 --listen 5001 --size 640x360 \
+        >"$work/$name.ada.log" 2>&1 &
     feeders+=($!)
-    "${viewer[@]}" vesper-parent --to 5002 --listen 5003 --size 640x360 --screen \
+    "${as_user[@]}" vesper-parent --to 5002 --listen 5003 --size 640x360 --screen \
         >"$work/$name.grace.log" 2>&1 &
     feeders+=($!)
     move_window "Stream: Ada" 0 0
@@ -159,10 +156,10 @@ chmod 755 "$root"  # apt fetches as a user of its own
 start_virtual_display 1280x720
 trap clean_up EXIT
 
-# No X socket lies in the root: the X libraries reach the display by its name in Linux's abstract
-# namespace first.
-viewer=(chroot --userspec=nobody:nogroup "$root"
-        env -i PATH=/usr/bin:/bin HOME=/tmp "DISPLAY=$DISPLAY")
+# Runs a command there as a plain user does, with nothing of our environment. No X socket lies in the
+# root: the X libraries reach the display by its name in Linux's abstract namespace first.
+as_user=(chroot --userspec=nobody:nogroup "$root"
+         env -i PATH=/usr/bin:/bin HOME=/tmp "DISPLAY=$DISPLAY")
 
 make_root
 install_in_root /tmp/vesper.deb
@@ -170,11 +167,11 @@ play_test_stream
 
 install_in_root /tmp/libvesper-dev.deb g++ cmake make
 example=/usr/share/doc/vesper/examples/in_application
-in_root cmake -S $example -B /tmp/with_cmake >"$work/build.log"
-in_root cmake --build /tmp/with_cmake >>"$work/build.log"
+"${as_user[@]}" cmake -S $example -B /tmp/with_cmake >"$work/build.log"
+"${as_user[@]}" cmake --build /tmp/with_cmake >>"$work/build.log"
 show_two_streams with_cmake /tmp/with_cmake/in_application
 
 # shellcheck disable=SC2016 # flags are asked for in the root
-in_root sh -c 'g++ -std=c++20 "$0/main.cpp" -o /tmp/with_pkg_config \
+"${as_user[@]}" sh -c 'g++ -std=c++20 "$0/main.cpp" -o /tmp/with_pkg_config \
     $(pkg-config --cflags --libs vesper-client)' $example
 show_two_streams with_pkg_config /tmp/with_pkg_config
