@@ -24,7 +24,7 @@ extern "C" {
 
 #include "audio/opus_codec.h"
 #include "client/video_receiver.h"
-#include "tests/support/poll.h"
+#include "tests/support/eventually.h"
 #include "tests/support/transcript.h"
 #include "tests/support/video_receiver_peer.h"
 #include "tools/stream/media_source.h"
@@ -35,7 +35,7 @@ namespace vesper::client {
 namespace {
 
 using std::chrono::microseconds;
-using test::poll;
+using test::eventually;
 using test::Transcript;
 
 using Bytes = std::vector<std::uint8_t>;
@@ -129,7 +129,7 @@ class Life {
     // The main thread's work, until a random moment.
     void live() {
         auto pictures = static_cast<int>(random_() % (kMostPictures + 1));
-        EXPECT_TRUE(poll([&] {
+        EXPECT_TRUE(eventually([&] {
             pictures -= peer_.picture_ready() ? 1 : 0;
             work();
             return pictures <= 0 || !peer_.running();

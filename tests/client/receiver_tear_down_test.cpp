@@ -19,8 +19,8 @@ extern "C" {
 #include <thread>
 
 #include "client/video_receiver.h"
+#include "tests/support/eventually.h"
 #include "tests/support/hook.h"
-#include "tests/support/poll.h"
 #include "tests/support/transcript.h"
 #include "tests/support/video_receiver_peer.h"
 
@@ -50,9 +50,9 @@ VESPER_HOOK(_ZNSt6thread6detachEv, void, (std::thread * thread), (thread))
 namespace vesper::client {
 namespace {
 
+using test::eventually;
 using test::HookedTest;
 using test::joined;
-using test::poll;
 using test::Transcript;
 
 auto& hook_notify_all = hook__ZNSt18condition_variable10notify_allEv;
@@ -104,7 +104,7 @@ class Watchdogs {
             held_ = false;
         }
         real_notify_all(&let_go_);
-        EXPECT_TRUE(poll([this] { return ended_ == started_; }));
+        EXPECT_TRUE(eventually([this] { return ended_ == started_; }));
     }
 
   private:
@@ -188,7 +188,7 @@ class ReceiverTearDown : public HookedTest {
         };
         hook_avcodec_send_packet = [this](auto...) {
             decoding = true;
-            EXPECT_TRUE(poll([this] { return !decoder_stuck; }));
+            EXPECT_TRUE(eventually([this] { return !decoder_stuck; }));
             return AVERROR(EINVAL);
         };
     }
@@ -251,7 +251,7 @@ class ReceiverTearDown : public HookedTest {
             peer.queue_count() = 1;
         }
         peer.queue_cv().notify_one();
-        ASSERT_TRUE(poll([this] { return decoding.load(); }));
+        ASSERT_TRUE(eventually([this] { return decoding.load(); }));
     }
 
     Transcript transcript;
@@ -448,7 +448,7 @@ TEST_F(ReceiverTearDown, SecondStopOfTheDecoderReturnsAtOnceWhileTheFirstStillJo
     std::atomic<bool> joining = false;
     at_join = [&] { joining = true; };
     std::thread first([this] { receiver->stop_decode_and_codecs(); });
-    EXPECT_TRUE(poll([&] { return joining.load(); }));
+    EXPECT_TRUE(eventually([&] { return joining.load(); }));
     const std::string until_the_join = transcript.take();
 
     receiver->stop_decode_and_codecs();
@@ -483,7 +483,7 @@ TEST_F(ReceiverTearDown, JoinOfADecodeThreadStuckForSixSecondsIsReportedOnceAndC
         unstick = std::thread([this] {
             const timespec stuck_for{.tv_sec = 6, .tv_nsec = 0};
             __real_nanosleep(&stuck_for, nullptr);
-            EXPECT_TRUE(poll([this] { return transcript.contains("ERROR"); }));
+            EXPECT_TRUE(eventually([this] { return transcript.contains("ERROR"); }));
             decoder_stuck = false;
         });
     };

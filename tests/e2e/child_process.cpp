@@ -13,7 +13,7 @@
 #include <ostream>
 #include <system_error>
 
-#include "tests/e2e/eventually.h"
+#include "tests/support/eventually.h"
 
 namespace vesper::test {
 

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "tests/e2e/eventually.h"
+#include "tests/support/eventually.h"
 #include "tools/stream/receive_queue.h"
 
 namespace vesper::test {

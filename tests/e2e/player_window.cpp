@@ -10,7 +10,7 @@
 #include <ostream>
 #include <stdexcept>
 
-#include "tests/e2e/eventually.h"
+#include "tests/support/eventually.h"
 
 namespace vesper::test {
 

@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "tests/e2e/eventually.h"
+#include "tests/support/eventually.h"
 
 namespace vesper::test {
 

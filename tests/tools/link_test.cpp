@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "tests/support/captured_output.h"
-#include "tests/support/poll.h"
+#include "tests/support/eventually.h"
 #include "tests/tools/stream_receiver.h"
 
 namespace vesper::tools {
@@ -76,7 +76,7 @@ TEST_F(LinkTest, TellsOfKeyframeRequestsAndAudioStates) {
     player.send(make_audio_state({.muted = true, .volume = 0.25F}), link.listen_port());
     player.send(std::vector<std::uint8_t>{'J', 'U', 'N', 'K'}, link.listen_port());
     player.send(kKeyframeRequest, link.listen_port());
-    EXPECT_TRUE(test::poll([&] { return requests == 1; }));
+    EXPECT_TRUE(test::eventually([&] { return requests == 1; }));
     link.stop();
     EXPECT_THAT(states, ElementsAre(Pair(true, 0.25F)));
     EXPECT_EQ(link.counters().keyframe_requests, 1U);
@@ -96,9 +96,9 @@ TEST_F(LinkTest, ShowsEveryDatagramOfBothDirectionsAsItIsOnTheWire) {
         seen.emplace_back(direction, Datagram(bytes.begin(), bytes.end()));
     }});
     link.send({1}, Clock::now());
-    EXPECT_TRUE(test::poll([&] { return seen_count() == 2; }));
+    EXPECT_TRUE(test::eventually([&] { return seen_count() == 2; }));
     player.send(std::vector<std::uint8_t>{7}, link.listen_port());
-    EXPECT_TRUE(test::poll([&] { return seen_count() == 3; }));
+    EXPECT_TRUE(test::eventually([&] { return seen_count() == 3; }));
     link.stop();
     EXPECT_THAT(seen, ElementsAre(Pair(Direction::kToPlayer, Datagram{1}),
                                   Pair(Direction::kToPlayer, Datagram{1}),
@@ -110,7 +110,7 @@ TEST_F(LinkTest, WhatIsImpairedDoesNotLeave) {
     ASSERT_TRUE(link.open(0, player.port()));
     link.start({});
     link.send({1}, Clock::now());
-    EXPECT_TRUE(test::poll([&] { return link.counters().impaired.lost == 1; }));
+    EXPECT_TRUE(test::eventually([&] { return link.counters().impaired.lost == 1; }));
     link.stop();
     EXPECT_EQ(link.counters().datagrams_sent, 0U);
 }

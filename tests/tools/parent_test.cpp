@@ -18,7 +18,7 @@ extern "C" {
 
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
-#include "tests/support/poll.h"
+#include "tests/support/eventually.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/tools/grey_picture.h"
 #include "tests/tools/media_file.h"
@@ -31,7 +31,7 @@ extern "C" {
 namespace vesper::tools {
 namespace {
 
-using test::poll;
+using test::eventually;
 using testing::Contains;
 using testing::ContainsRegex;
 using testing::ElementsAre;
@@ -55,11 +55,11 @@ class Parent {
 
     // Whether a line of standard output comes to begin with `start`.
     [[nodiscard]] bool says(const std::string& start) {
-        return poll([&] { return !line_with(start).empty(); });
+        return eventually([&] { return !line_with(start).empty(); });
     }
     // Whether a line of standard output comes to contain `text`.
     [[nodiscard]] bool mentions(const std::string& text) {
-        return poll([&] {
+        return eventually([&] {
             read();
             return std::ranges::any_of(out_, [&](const std::string& line) {
                 return line.find(text) != std::string::npos;
@@ -78,7 +78,7 @@ class Parent {
     }
     // Waits for the end; -1 when it does not come.
     [[nodiscard]] int status() {
-        const bool ended = poll([this] {
+        const bool ended = eventually([this] {
             read();
             return process_.exit_status() && process_.output() < 0 && process_.errors() < 0;
         });
@@ -236,7 +236,7 @@ TEST_F(ParentTest, ThePlayersInheritOnlyInputAndOutputs) {
         ASSERT_TRUE(parent.says(number + kListening));
         const pid_t player = pid_of(parent, number);
         // While it starts it opens files of its own for a moment.
-        EXPECT_TRUE(poll([player] {
+        EXPECT_TRUE(eventually([player] {
             return open_files(player) == std::set<int>({0, 1, 2});
         })) << number
             << testing::PrintToString(open_files(player));
@@ -274,7 +274,7 @@ TEST_F(ParentTest, EndsThePlayerOnCtrlC) {
     const pid_t player = pid_of(parent);
     parent.send_signal(SIGINT);
     EXPECT_EQ(parent.status(), 128 + SIGINT);
-    EXPECT_TRUE(poll([player] { return ended(player); }));
+    EXPECT_TRUE(eventually([player] { return ended(player); }));
 }
 
 TEST_F(ParentTest, ThePlayerEndsEvenWhenTheParentIsKilled) {
@@ -282,7 +282,7 @@ TEST_F(ParentTest, ThePlayerEndsEvenWhenTheParentIsKilled) {
     ASSERT_TRUE(parent.says(kListening));
     const pid_t player = pid_of(parent);
     parent.send_signal(SIGKILL);
-    EXPECT_TRUE(poll([player] { return ended(player); }));
+    EXPECT_TRUE(eventually([player] { return ended(player); }));
 }
 
 TEST_F(ParentTest, EndsThePlayerAfterTheSecondsAskedFor) {
@@ -290,7 +290,7 @@ TEST_F(ParentTest, EndsThePlayerAfterTheSecondsAskedFor) {
     ASSERT_TRUE(parent.says(kListening));
     const pid_t player = pid_of(parent);
     EXPECT_EQ(parent.status(), 0);
-    EXPECT_TRUE(poll([player] { return ended(player); }));
+    EXPECT_TRUE(eventually([player] { return ended(player); }));
 }
 
 TEST_F(ParentTest, EndsWithItsFile) {

@@ -15,8 +15,8 @@
 
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
+#include "tests/support/eventually.h"
 #include "tests/support/fragment_builder.h"
-#include "tests/support/poll.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/tools/grey_picture.h"
 #include "tools/stream/capture.h"
@@ -143,7 +143,7 @@ TEST_F(Replay, GivesThePlayerTheSameDatagramsEachTime) {
 TEST_F(Replay, OfALiveStreamGivesWhatThePlayerWasSent) {
     start_parent("--capture '" + capture_ + "' --size 160x120 --fps 10 --seconds 1");
     std::vector<Datagram> live;
-    ASSERT_TRUE(test::poll([&] {
+    ASSERT_TRUE(test::eventually([&] {
         const auto more = received();
         live.insert(live.end(), more.begin(), more.end());
         return live.size() >= 10;
@@ -173,7 +173,7 @@ TEST_F(Replay, CanItselfBeCapturedWithWhatThePlayerSays) {
     }
     start_parent("--replay '" + capture_ + "' --capture '" + second + "'");
     std::vector<Datagram> all;
-    ASSERT_TRUE(test::poll([&] {
+    ASSERT_TRUE(test::eventually([&] {
         const auto more = received();
         all.insert(all.end(), more.begin(), more.end());
         return !all.empty();

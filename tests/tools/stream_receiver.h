@@ -10,7 +10,7 @@
 
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
-#include "tests/support/poll.h"
+#include "tests/support/eventually.h"
 #include "tools/stream/packetizer.h"
 
 namespace vesper::test {
@@ -29,7 +29,7 @@ class StreamReceiver {
     // The next datagram; empty, with a failure, when none comes.
     [[nodiscard]] tools::Datagram next() {
         int length = 0;
-        EXPECT_TRUE(poll([&] {
+        EXPECT_TRUE(eventually([&] {
             length = socket_.recv(buffer_.data(), buffer_.size(), 5);
             return length > 0;
         }));

@@ -9,7 +9,7 @@ extern "C" {
 #include <algorithm>
 
 #include "audio/opus_codec.h"
-#include "tests/support/poll.h"
+#include "tests/support/eventually.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/tools/media_file.h"
 #include "tests/tools/stream_receiver.h"
@@ -105,14 +105,14 @@ TEST_F(StreamerTest, TheToneArrivesAsOpus) {
 
 TEST_F(StreamerTest, EachPictureIsOneFrameUntilTheSourceEnds) {
     stream_file({.frames_per_second = 25, .frames = 10});
-    EXPECT_TRUE(test::poll([this] { return streamer.finished(); }));
+    EXPECT_TRUE(test::eventually([this] { return streamer.finished(); }));
     const auto counters = streamer.counters();
     EXPECT_EQ(counters.frames + counters.skipped, 10U);
 }
 
 TEST_F(StreamerTest, LowDelaySendsEachPictureTwice) {
     stream_file({.frames_per_second = 25, .frames = 10}, {.low_delay = true});
-    EXPECT_TRUE(test::poll([this] { return streamer.finished(); }));
+    EXPECT_TRUE(test::eventually([this] { return streamer.finished(); }));
     const auto counters = streamer.counters();
     EXPECT_EQ(counters.frames + 2 * counters.skipped, 20U);
 }

@@ -1,4 +1,4 @@
-// Waiting for something that another process does.
+// Waiting for something that another thread or process does.
 #pragma once
 
 #include <chrono>
@@ -7,7 +7,7 @@
 namespace vesper::test {
 
 // Long enough for a sanitizer build on a busy machine; reached only by a test that fails.
-inline constexpr std::chrono::milliseconds kPatience = std::chrono::seconds(40);
+inline constexpr std::chrono::milliseconds kPatience = std::chrono::seconds(60);
 
 inline constexpr std::chrono::milliseconds kPollInterval{5};
 
