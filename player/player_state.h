@@ -29,9 +29,9 @@ struct PlayerState {
     int saved_window_h = 0;
 
     float zoom_level = 1.0F;  // magnification, 1.0 to 10.0
-    // Centre of the view, 0.0 to 1.0 of the frame. Panning keeps it there; zooming out moves it
-    // away from the pointer, out of the frame if need be, and only the rectangle made of it is
-    // clamped.
+    // Centre of the view as a share of the frame. Panning keeps it within 0.0 to 1.0; zooming out
+    // moves it away from the pointer, beyond that if need be, zooming in towards the pointer. Only
+    // the rectangle made of it is clamped.
     float zoom_center_x = 0.5F;
     float zoom_center_y = 0.5F;
     bool panning = false;  // right button pressed while zoomed, not yet released

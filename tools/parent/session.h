@@ -70,7 +70,7 @@ class Session {
     bool started_ = false;
     std::uint64_t overflowed_ = 0;  // as last seen: a player that has ended tells no more
 
-    mutable std::mutex mutex_;  // guards the next two, which the link's thread writes
+    std::mutex mutex_;  // guards the next two, which the link's thread writes once it is started
     std::optional<AudioState> audio_state_;
     std::uint64_t replayed_frames_ = 0;  // that were begun
 

@@ -25,14 +25,16 @@ struct Figures {
     std::uint64_t skipped = 0;            // pictures left out because encoding fell behind
     std::uint64_t keyframe_requests = 0;  // that players sent
     Impairments::Counters impaired;
-    std::uint64_t overflowed = 0;  // datagrams that found a player's receive buffer full
+    // Datagrams that found a player's receive buffer full, since it began to listen.
+    std::uint64_t overflowed = 0;
     std::vector<std::optional<AudioState>> audio;  // of each player, as last reported
 };
 
 // "0:12  30.0 fps  1480 kbit/s  2400 sent, 24 dropped  1 KFRQ  volume 100 % muted": the time, the
 // rates between `before` and `now`, datagrams, those dropped on purpose, those that a player's
 // buffer had no room for (where there are any), keyframes that players asked for, and what they
-// last reported. So short that a terminal of 80 columns shows all of it.
+// last reported. Of one player and its first minutes a terminal of 80 columns shows all of it; the
+// volume is what it cuts off first.
 [[nodiscard]] std::string status_text(const Figures& before, const Figures& now);
 
 // The whole run, several words to each figure; those that are 0 only where that is news.
