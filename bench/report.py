@@ -115,6 +115,11 @@ def goal_of(name):
     return next((goal for start, goal in GOALS.items() if name.startswith(start)), None)
 
 
+def natural(name):
+    """The key by which 10_fragments follows 3_fragments."""
+    return [int(part) if part.isdigit() else part for part in re.split(r"(\d+)", name)]
+
+
 def compare(found):
     rows = []
     for name, times in found.items():
@@ -135,7 +140,7 @@ def compare(found):
             row["player_processor_us"] = statistics.median(times["processor"])
             row["floor_processor_us"] = statistics.median(floor["processor"])
         rows.append(row)
-    return rows
+    return sorted(rows, key=lambda row: natural(row["name"]))
 
 
 def at_the_screen(folder):
@@ -207,7 +212,7 @@ def screen_table(rows):
     return lines
 
 
-def plot(folder, name, title, x_label, y_label, series, log_x=False):
+def plot(folder, name, title, x_label, y_label, series, log_x=False, key="left top"):
     """series: label -> list of (x, y)."""
     series = {label: points for label, points in series.items() if points}
     if not series:
@@ -216,11 +221,13 @@ def plot(folder, name, title, x_label, y_label, series, log_x=False):
         "set terminal svg size 720,420 background rgb 'white'",
         f"set output '{folder / name}.svg'",
         f"set title '{title}'", f"set xlabel '{x_label}'", f"set ylabel '{y_label}'",
-        "set key left top", "set grid", "set yrange [0:*]",
+        f"set key {key}", "set grid", "set yrange [0:*]",
     ]
     if log_x:
         commands.append("set logscale x")
-    plots = [f"'-' using 1:2 with linespoints linewidth 2 title '{label.replace('_', ' ')}'"
+    many = max(len(points) for points in series.values()) > 50
+    style = "lines" if many else "linespoints"
+    plots = [f"'-' using 1:2 with {style} linewidth 2 title '{label.replace('_', ' ')}'"
              for label in series]
     commands.append("plot " + ", ".join(plots))
     for points in series.values():
@@ -287,7 +294,7 @@ def plot_all(folder, found, screen):
              row["subject"]: [(delay, (i + 1) / len(row["delays_ms"]))
                               for i, delay in enumerate(row["delays_ms"])]
              for row in at_30 if row["players"] == 1
-         })
+         }, key="right bottom")
 
 
 def publish(folder, table):
