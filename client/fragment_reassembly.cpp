@@ -74,18 +74,27 @@ bool VideoReceiver::needs_keyframe_request() {
 
 // The entry of the header's frame, made (after evicting others if need be) at its first fragment.
 VideoReceiver::PartialFrame& VideoReceiver::find_or_begin_frame(const VideoFragmentHeader& header) {
-    if (const auto known = partial_frames.find(header.frame_id); known != partial_frames.end()) {
-        return known->second;
+    auto position = partial_frames.find(header.frame_id);
+    if (position == partial_frames.end()) {
+        make_room_for_frame();
+        position = partial_frames.try_emplace(header.frame_id).first;
     }
-    make_room_for_frame();
-    PartialFrame& frame = partial_frames[header.frame_id];
-    frame.total_fragments = header.fragment_count;
-    frame.data.resize(slot_offset(header.fragment_count));
-    frame.received.resize(header.fragment_count);
-    frame.fragment_sizes.resize(header.fragment_count);
+    PartialFrame& frame = position->second;
+    if (frame.total_fragments == 0) {
+        begin_frame(frame, header.fragment_count);
+    }
+    return frame;
+}
+
+// The count comes last and the slots are the last to be allocated: when memory is refused, the
+// entry takes no fragments, no bytes go uncounted, and the frame's next fragment begins it again.
+void VideoReceiver::begin_frame(PartialFrame& frame, std::uint16_t fragment_count) {
+    frame.received.assign(fragment_count, false);
+    frame.fragment_sizes.assign(fragment_count, 0);
+    frame.data.resize(slot_offset(fragment_count));
     frame.first_seen = Clock::now();
     partial_frames_bytes += frame.data.capacity();
-    return frame;
+    frame.total_fragments = fragment_count;
 }
 
 // Evicts whichever frames the map yields first: with this many incomplete none is worth choosing.

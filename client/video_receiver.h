@@ -174,7 +174,7 @@ class VideoReceiver {
     // One frame under reassembly. Fragment i lies at data[i * 1400], so fragments are stored in any
     // order with a single copy and no reallocation.
     struct PartialFrame {
-        std::uint16_t total_fragments = 0;          // as the first fragment seen declared
+        std::uint16_t total_fragments = 0;          // as the first fragment seen declared; 0: none
         std::uint16_t received_fragments = 0;       // distinct fragments stored
         std::vector<std::uint8_t> data;             // total_fragments slots
         std::vector<bool> received;                 // one flag per fragment
@@ -200,6 +200,7 @@ class VideoReceiver {
     // Steps of handle_fragment(), with frames_mutex held (fragment_reassembly.cpp).
     void make_room_for_frame();
     PartialFrame& find_or_begin_frame(const VideoFragmentHeader& header);
+    void begin_frame(PartialFrame& frame, std::uint16_t fragment_count);
     bool store_fragment(PartialFrame& frame, const VideoFragmentHeader& header,
                         const std::uint8_t* payload);
     bool complete_frame(std::uint32_t frame_id, const PartialFrame& frame);

@@ -9,6 +9,7 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <numeric>
 #include <sstream>
 #include <string>
@@ -362,6 +363,48 @@ TEST_F(FragmentReassembly, FirstCopyOfAFragmentWins) {
     EXPECT_THAT(queued_frames(), ElementsAre(Bytes{1, 2, 3, 4}));
 }
 
+// An application that catches std::bad_alloc and goes on loses that fragment, and nothing else.
+TEST_F(FragmentReassembly, AFrameWhoseMemoryIsRefusedBeginsAgainWithItsNextFragment) {
+    deliver(fragment(1, 0, 1));  // the first frame ever also makes the table and the ring
+    std::uint32_t id = 2;
+    for (const int refused : {1, 2, 3, 4}) {  // the entry and its three lists
+        SCOPED_TRACE(refused);
+        // More slots than the fragments that come later declare.
+        const Bytes first = fragment(id, 9, 10).build();
+        test::fail_allocation(refused);
+        EXPECT_THROW(receiver.handle_fragment(first.data(), static_cast<int>(first.size())),
+                     std::bad_alloc);
+        EXPECT_EQ(peer.partial_frames_bytes(), held_bytes());
+
+        deliver(fragment(id, 9, 3));  // beyond the frame, which it begins
+        for (const int index : {2, 1, 0}) {
+            EXPECT_EQ(peer.last_completed_frame_id(), id - 1);
+            deliver(fragment(id, index, 3));
+        }
+        EXPECT_EQ(peer.last_completed_frame_id(), id);
+        EXPECT_EQ(queued_frames().back(),
+                  joined({fragment(id, 0, 3), fragment(id, 1, 3), fragment(id, 2, 3)}));
+        EXPECT_THAT(pending_ids(), IsEmpty());
+        EXPECT_EQ(peer.partial_frames_bytes(), 0U);
+        ++id;
+    }
+}
+
+TEST_F(FragmentReassembly, AFrameWhoseMemoryIsRefusedAndThatNeverComesAgainGoesSilently) {
+    freeze_clock();
+    for (const int refused : {2, 3, 4}) {
+        SCOPED_TRACE(refused);
+        const Bytes first = fragment(7, 0, 1000).build();
+        test::fail_allocation(refused);
+        EXPECT_THROW(receiver.handle_fragment(first.data(), static_cast<int>(first.size())),
+                     std::bad_alloc);
+        pass(kTimeout + 1ms);
+        EXPECT_EQ(printed_by([&] { deliver(fragment(0, 0, 1)); }), kNothing);
+        EXPECT_THAT(pending_ids(), IsEmpty());
+        EXPECT_EQ(peer.partial_frames_bytes(), 0U);
+    }
+}
+
 // ---- completion ----
 
 TEST_F(FragmentReassembly, AFrameOfOneFragmentReachesTheRingAtOnce) {
@@ -446,7 +489,7 @@ TEST_F(FragmentReassembly, AFrameCostsItsEntryAndItsThreeListsAtFirstAndItselfAt
     constexpr std::size_t kSizes = 100 * sizeof(std::uint16_t);
     const auto first = sizes_allocated_by(fragment(2, 0, 100).payload_of_size(1400));
     ASSERT_THAT(first, SizeIs(4));
-    EXPECT_THAT(std::vector(first.begin() + 1, first.end()), ElementsAre(kSlots, kFlags, kSizes));
+    EXPECT_THAT(std::vector(first.begin() + 1, first.end()), ElementsAre(kFlags, kSizes, kSlots));
     for (int i = 1; i < 99; ++i) {
         EXPECT_THAT(sizes_allocated_by(fragment(2, i, 100).payload_of_size(1400)), IsEmpty());
     }

@@ -8,8 +8,12 @@ namespace vesper::test {
 namespace {
 
 thread_local AllocationLog* current_log = nullptr;
+thread_local int allocations_until_failure = 0;  // 0: none is to fail
 
 void* allocate(std::size_t size) {
+    if (allocations_until_failure > 0 && --allocations_until_failure == 0) {
+        return nullptr;
+    }
     void* const address = std::malloc(size == 0 ? 1 : size);
     if (address != nullptr && current_log != nullptr) {
         current_log->add({.address = address, .size = size});
@@ -66,6 +70,10 @@ AllocationLog allocations_of(const std::function<void()>& action) {
     action();
     watch_allocations(nullptr);
     return log;
+}
+
+void fail_allocation(int n) {
+    allocations_until_failure = n;
 }
 
 }  // namespace vesper::test

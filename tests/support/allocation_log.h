@@ -1,5 +1,5 @@
 // Watches the heap. A program that compiles allocation_log.cpp has every operator new and delete
-// replaced, and a test can ask what one action allocated and freed.
+// replaced, and a test can ask what one action allocated and freed, or make an allocation fail.
 #pragma once
 
 #include <array>
@@ -41,5 +41,8 @@ void watch_allocations(AllocationLog* log);
 
 // Runs `action` and tells what the calling thread allocated and freed meanwhile. Not to be nested.
 [[nodiscard]] AllocationLog allocations_of(const std::function<void()>& action);
+
+// Makes the calling thread's allocation number `n` from now on fail, once; 1 is the next one.
+void fail_allocation(int n);
 
 }  // namespace vesper::test
