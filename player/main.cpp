@@ -13,7 +13,7 @@ extern "C" {
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
 #include "player/args.h"
-#include "player/audio_bar.h"
+#include "player/control_bar.h"
 #include "player/player_state.h"
 #include "player/window_input.h"
 

@@ -23,7 +23,7 @@
 #include "bench/support/processor_time.h"
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
-#include "tests/e2e/child_process.h"
+#include "tests/support/child_process.h"
 
 using vesper::bench::PassLog;
 using vesper::bench::processor_seconds;

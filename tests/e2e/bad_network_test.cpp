@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "net/stream_datagrams.h"
-#include "tests/e2e/live_stream_test.h"
+#include "tests/e2e/live_stream_fixture.h"
 #include "tests/support/fragment_builder.h"
 #include "tools/stream/vp8_encoder.h"
 

@@ -1,7 +1,7 @@
 // The control bar, the audio keys, and what the parent hears of them.
 #include <cstring>
 
-#include "tests/e2e/player_test.h"
+#include "tests/e2e/player_fixture.h"
 
 namespace vesper::test {
 

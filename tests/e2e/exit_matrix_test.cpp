@@ -11,7 +11,7 @@
 #include <string>
 #include <tuple>
 
-#include "tests/e2e/player_test.h"
+#include "tests/e2e/player_fixture.h"
 #include "tests/e2e/wayland_compositor.h"
 #include "tests/support/numbered_addresses.h"
 

@@ -7,7 +7,7 @@
 
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
-#include "tests/e2e/player_test.h"
+#include "tests/e2e/player_fixture.h"
 #include "tests/support/numbered_addresses.h"
 
 namespace vesper::test {

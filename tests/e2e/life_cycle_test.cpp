@@ -2,7 +2,7 @@
 #include <csignal>
 #include <string>
 
-#include "tests/e2e/player_test.h"
+#include "tests/e2e/player_fixture.h"
 #include "tests/support/numbered_addresses.h"
 
 namespace vesper::test {

@@ -1,5 +1,5 @@
 // docs/examples/minimal_application.cpp with a stream.
-#include "tests/e2e/player_test.h"
+#include "tests/e2e/player_fixture.h"
 
 namespace vesper::test {
 

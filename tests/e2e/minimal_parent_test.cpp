@@ -5,7 +5,7 @@
 
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
-#include "tests/e2e/player_test.h"
+#include "tests/e2e/player_fixture.h"
 
 namespace vesper::test {
 

@@ -5,7 +5,7 @@
 #include <random>
 
 #include "net/stream_datagrams.h"
-#include "tests/e2e/player_test.h"
+#include "tests/e2e/player_fixture.h"
 #include "tests/support/fragment_builder.h"
 
 namespace vesper::test {

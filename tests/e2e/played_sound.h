@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/e2e/child_process.h"
 #include "tests/e2e/test_stream.h"
+#include "tests/support/child_process.h"
 
 namespace vesper::test {
 

@@ -11,7 +11,7 @@
 #include <fstream>
 #include <string>
 
-#include "tests/e2e/live_stream_test.h"
+#include "tests/e2e/live_stream_fixture.h"
 #include "tests/e2e/played_sound.h"
 #include "tools/stream/media_source.h"
 

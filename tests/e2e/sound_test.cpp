@@ -4,7 +4,7 @@
 #include <numbers>
 
 #include "tests/e2e/played_sound.h"
-#include "tests/e2e/player_test.h"
+#include "tests/e2e/player_fixture.h"
 
 namespace vesper::test {
 

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "tests/e2e/child_process.h"
-#include "tests/e2e/player_test.h"
+#include "tests/e2e/player_fixture.h"
 #include "tests/e2e/player_window.h"
 #include "tests/e2e/virtual_display.h"
+#include "tests/support/child_process.h"
 #include "tests/support/eventually.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/tools/media_file.h"

@@ -2,7 +2,7 @@
 #include <sstream>
 #include <string>
 
-#include "tests/e2e/player_test.h"
+#include "tests/e2e/player_fixture.h"
 
 namespace vesper::test {
 

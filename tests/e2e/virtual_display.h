@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/e2e/child_process.h"
+#include "tests/support/child_process.h"
 
 // Xlib's header defines macros of everyday names (None, Status, Bool); only .cpp files include it.
 struct _XDisplay;

@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-#include "tests/e2e/child_process.h"
 #include "tests/e2e/virtual_display.h"
+#include "tests/support/child_process.h"
 
 namespace vesper::test {
 

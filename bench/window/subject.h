@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "bench/screen/wire.h"
-#include "tests/e2e/child_process.h"
+#include "bench/window/wire.h"
+#include "tests/support/child_process.h"
 
 namespace vesper::bench {
 

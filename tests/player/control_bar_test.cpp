@@ -1,4 +1,4 @@
-#include "player/audio_bar.h"
+#include "player/control_bar.h"
 
 #include <SDL2/SDL.h>
 #include <gmock/gmock.h>
@@ -70,7 +70,7 @@ const Calls kLeaveFullscreen = {
     "line 372 288 372 284",  "line 380 288 384 288", "line 380 288 380 284"};
 
 // Records every drawing call.
-class AudioBar : public vesper::test::HookedTest {
+class ControlBar : public vesper::test::HookedTest {
   protected:
     void SetUp() override { record_calls(0); }
 
@@ -117,31 +117,31 @@ class AudioBar : public vesper::test::HookedTest {
     Calls calls_;
 };
 
-TEST_F(AudioBar, FullVolumeShowsBothWavesAndAFullSlider) {
+TEST_F(ControlBar, FullVolumeShowsBothWavesAndAFullSlider) {
     EXPECT_THAT(draw_audible(1.0F),
                 ElementsAreArray(background(400) + speaker(kWhite) + kWaveColor + kInnerWaves +
                                  kOuterWaves + slider(300, 300, 342) + kEnterFullscreen));
 }
 
-TEST_F(AudioBar, ThreeQuartersShowsBothWaves) {
+TEST_F(ControlBar, ThreeQuartersShowsBothWaves) {
     EXPECT_THAT(draw_audible(0.75F),
                 ElementsAreArray(background(400) + speaker(kWhite) + kWaveColor + kInnerWaves +
                                  kOuterWaves + slider(300, 225, 267) + kEnterFullscreen));
 }
 
-TEST_F(AudioBar, JustAboveOneHalfShowsBothWaves) {
+TEST_F(ControlBar, JustAboveOneHalfShowsBothWaves) {
     EXPECT_THAT(draw_audible(std::nextafter(0.5F, 1.0F)),
                 ElementsAreArray(background(400) + speaker(kWhite) + kWaveColor + kInnerWaves +
                                  kOuterWaves + slider(300, 150, 192) + kEnterFullscreen));
 }
 
-TEST_F(AudioBar, OneHalfShowsTheInnerWavesOnly) {
+TEST_F(ControlBar, OneHalfShowsTheInnerWavesOnly) {
     EXPECT_THAT(draw_audible(0.5F),
                 ElementsAreArray(background(400) + speaker(kWhite) + kWaveColor + kInnerWaves +
                                  slider(300, 150, 192) + kEnterFullscreen));
 }
 
-TEST_F(AudioBar, JustAboveAFifthShowsTheInnerWaves) {
+TEST_F(ControlBar, JustAboveAFifthShowsTheInnerWaves) {
     EXPECT_THAT(draw_audible(std::nextafter(0.2F, 1.0F)),
                 ElementsAreArray(background(400) + speaker(kWhite) + kWaveColor + kInnerWaves +
                                  slider(300, 60, 102) + kEnterFullscreen));
@@ -149,36 +149,36 @@ TEST_F(AudioBar, JustAboveAFifthShowsTheInnerWaves) {
 
 // The nearest single-precision number to one fifth lies above it; only a comparison in single
 // precision calls the two equal. The waves' colour is set even though none is drawn.
-TEST_F(AudioBar, AFifthShowsNoWavesButSetsTheirColor) {
+TEST_F(ControlBar, AFifthShowsNoWavesButSetsTheirColor) {
     EXPECT_THAT(draw_audible(0.2F),
                 ElementsAreArray(background(400) + speaker(kWhite) + kWaveColor +
                                  slider(300, 60, 102) + kEnterFullscreen));
 }
 
-TEST_F(AudioBar, TheSmallestVolumeSetsTheWaveColor) {
+TEST_F(ControlBar, TheSmallestVolumeSetsTheWaveColor) {
     EXPECT_THAT(draw_audible(std::numeric_limits<float>::denorm_min()),
                 ElementsAreArray(background(400) + speaker(kWhite) + kWaveColor +
                                  slider(300, 0, 42) + kEnterFullscreen));
 }
 
-TEST_F(AudioBar, SilenceShowsAWhiteSpeakerAndAnEmptySlider) {
+TEST_F(ControlBar, SilenceShowsAWhiteSpeakerAndAnEmptySlider) {
     EXPECT_THAT(draw_audible(0.0F), ElementsAreArray(background(400) + speaker(kWhite) +
                                                      slider(300, 0, 42) + kEnterFullscreen));
 }
 
-TEST_F(AudioBar, MinusZeroIsSilence) {
+TEST_F(ControlBar, MinusZeroIsSilence) {
     EXPECT_THAT(draw_audible(-0.0F), ElementsAreArray(background(400) + speaker(kWhite) +
                                                       slider(300, 0, 42) + kEnterFullscreen));
 }
 
-TEST_F(AudioBar, NanShowsAsAnEmptySlider) {
+TEST_F(ControlBar, NanShowsAsAnEmptySlider) {
     EXPECT_THAT(draw_audible(std::numeric_limits<float>::quiet_NaN()),
                 ElementsAreArray(background(400) + speaker(kWhite) + slider(300, 0, 42) +
                                  kEnterFullscreen));
 }
 
 // The empty level is drawn as a rectangle without width, the knob at the track's start.
-TEST_F(AudioBar, MutedShowsAStruckOutRedSpeakerAndAnEmptySlider) {
+TEST_F(ControlBar, MutedShowsAStruckOutRedSpeakerAndAnEmptySlider) {
     const Calls muted = background(400) + speaker(kRed) + kMuteStroke + slider(300, 0, 42);
     for (const float volume : {0.8F, 0.0F, 1.0F, std::numeric_limits<float>::quiet_NaN()}) {
         EXPECT_THAT(draw(400, kHeight, true, volume, false),
@@ -187,7 +187,7 @@ TEST_F(AudioBar, MutedShowsAStruckOutRedSpeakerAndAnEmptySlider) {
     EXPECT_THAT(draw(400, kHeight, true, 0.8F, true), ElementsAreArray(muted + kLeaveFullscreen));
 }
 
-TEST_F(AudioBar, FullscreenTurnsTheIconsMarksOutward) {
+TEST_F(ControlBar, FullscreenTurnsTheIconsMarksOutward) {
     EXPECT_THAT(draw(400, kHeight, false, 0.5F, true),
                 ElementsAreArray(background(400) + speaker(kWhite) + kWaveColor + kInnerWaves +
                                  slider(300, 150, 192) + kLeaveFullscreen));
@@ -195,7 +195,7 @@ TEST_F(AudioBar, FullscreenTurnsTheIconsMarksOutward) {
 
 // ---- the slider's length and level ----
 
-class AudioBarSlider : public AudioBar {
+class ControlBarSlider : public ControlBar {
   protected:
     // The slider's part of a bar that shows no waves.
     Calls slider_of(int w, float volume) {
@@ -208,7 +208,7 @@ class AudioBarSlider : public AudioBar {
     }
 };
 
-TEST_F(AudioBarSlider, TrackTakesWhatTheWindowLeavesUpToThreeHundred) {
+TEST_F(ControlBarSlider, TrackTakesWhatTheWindowLeavesUpToThreeHundred) {
     EXPECT_EQ(slider_of(1920, 0.0F), slider(300, 0, 42));
     EXPECT_EQ(slider_of(371, 0.0F), slider(300, 0, 42));
     EXPECT_EQ(slider_of(370, 0.0F), slider(300, 0, 42));
@@ -216,27 +216,27 @@ TEST_F(AudioBarSlider, TrackTakesWhatTheWindowLeavesUpToThreeHundred) {
     EXPECT_EQ(slider_of(200, 0.0F), slider(130, 0, 42));
 }
 
-TEST_F(AudioBarSlider, TrackIsAtLeastForty) {
+TEST_F(ControlBarSlider, TrackIsAtLeastForty) {
     EXPECT_EQ(slider_of(111, 0.0F), slider(41, 0, 42));
     EXPECT_EQ(slider_of(110, 0.0F), slider(40, 0, 42));
     EXPECT_EQ(slider_of(100, 0.0F), slider(40, 0, 42));
     EXPECT_EQ(slider_of(0, 0.0F), slider(40, 0, 42));
 }
 
-TEST_F(AudioBarSlider, LevelIsTruncated) {
+TEST_F(ControlBarSlider, LevelIsTruncated) {
     EXPECT_EQ(slider_of(400, 0.199F), slider(300, 59, 101));  // 59.7
     EXPECT_EQ(slider_of(100, 0.15F), slider(40, 6, 48));
     EXPECT_EQ(slider_of(100, 0.124F), slider(40, 4, 46));  // 4.96
 }
 
 // In double precision 300 times the float nearest to 0.01 is a little less than 3.
-TEST_F(AudioBarSlider, LevelIsComputedInSinglePrecision) {
+TEST_F(ControlBarSlider, LevelIsComputedInSinglePrecision) {
     EXPECT_EQ(slider_of(400, 0.01F), slider(300, 3, 45));
 }
 
 // ---- windows of other sizes ----
 
-TEST_F(AudioBar, IsPlacedFromTheWindowsBottomAndRightEdges) {
+TEST_F(ControlBar, IsPlacedFromTheWindowsBottomAndRightEdges) {
     EXPECT_THAT(draw(200, 720, true, 0.8F, true), ElementsAreArray({"blend 1",
                                                                     "color 0 0 0 180",
                                                                     "rect 0 684 200 36",
@@ -270,7 +270,7 @@ TEST_F(AudioBar, IsPlacedFromTheWindowsBottomAndRightEdges) {
                                                                     "line 180 708 180 704"}));
 }
 
-TEST_F(AudioBar, AWindowWithoutSizeIsDrawnAllTheSame) {
+TEST_F(ControlBar, AWindowWithoutSizeIsDrawnAllTheSame) {
     EXPECT_THAT(draw(0, 0, false, 1.0F, false), ElementsAreArray({"blend 1",
                                                                   "color 0 0 0 180",
                                                                   "rect 0 -36 0 36",
@@ -306,7 +306,7 @@ TEST_F(AudioBar, AWindowWithoutSizeIsDrawnAllTheSame) {
                                                                   "line -16 -12 -16 -16"}));
 }
 
-TEST_F(AudioBar, IsDrawnWholeWhateverSdlAnswers) {
+TEST_F(ControlBar, IsDrawnWholeWhateverSdlAnswers) {
     const Calls accepted = draw_audible(0.75F);
     record_calls(-1);
     EXPECT_EQ(draw_audible(0.75F), accepted);

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "tests/e2e/live_stream.h"
-#include "tests/e2e/player_test.h"
+#include "tests/e2e/player_fixture.h"
 
 namespace vesper::test {
 

@@ -14,11 +14,11 @@
 #include <string>
 #include <vector>
 
-#include "tests/e2e/child_process.h"
 #include "tests/e2e/parent.h"
 #include "tests/e2e/player_window.h"
 #include "tests/e2e/test_stream.h"
 #include "tests/e2e/virtual_display.h"
+#include "tests/support/child_process.h"
 #include "tests/support/eventually.h"
 #include "tests/support/temporary_folder.h"
 

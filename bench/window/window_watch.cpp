@@ -1,4 +1,4 @@
-#include "bench/screen/window_watch.h"
+#include "bench/window/window_watch.h"
 
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "bench/screen/marked_stream.h"
+#include "bench/window/marked_stream.h"
 
 namespace vesper::bench {
 

@@ -1,4 +1,4 @@
-#include "tests/e2e/player_test.h"
+#include "tests/e2e/player_fixture.h"
 
 #include <algorithm>
 #include <concepts>

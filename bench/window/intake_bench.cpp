@@ -17,9 +17,9 @@ extern "C" {
 #include <thread>
 #include <vector>
 
-#include "bench/screen/marked_stream.h"
-#include "bench/screen/subject.h"
-#include "bench/screen/window_watch.h"
+#include "bench/window/marked_stream.h"
+#include "bench/window/subject.h"
+#include "bench/window/window_watch.h"
 #include "net/stream_datagrams.h"
 #include "tools/stream/receive_queue.h"
 

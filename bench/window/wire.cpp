@@ -1,4 +1,4 @@
-#include "bench/screen/wire.h"
+#include "bench/window/wire.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,4 +1,4 @@
-#include "tests/e2e/live_stream_test.h"
+#include "tests/e2e/live_stream_fixture.h"
 
 #include <algorithm>
 #include <array>

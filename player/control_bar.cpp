@@ -1,4 +1,4 @@
-#include "player/audio_bar.h"
+#include "player/control_bar.h"
 
 #include <cmath>
 

@@ -1,4 +1,4 @@
-#include "bench/screen/subject.h"
+#include "bench/window/subject.h"
 
 #include <unistd.h>
 
@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "bench/screen/marked_stream.h"
+#include "bench/window/marked_stream.h"
 #include "bench/support/processor_time.h"
 
 namespace vesper::bench {

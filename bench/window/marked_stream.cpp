@@ -1,4 +1,4 @@
-#include "bench/screen/marked_stream.h"
+#include "bench/window/marked_stream.h"
 
 #include <array>
 #include <cstddef>

@@ -24,9 +24,9 @@ extern "C" {
 #include <thread>
 #include <vector>
 
-#include "bench/screen/marked_stream.h"
-#include "bench/screen/subject.h"
-#include "bench/screen/window_watch.h"
+#include "bench/window/marked_stream.h"
+#include "bench/window/subject.h"
+#include "bench/window/window_watch.h"
 
 using vesper::bench::kFramesPerMark;
 using vesper::bench::kMarks;
@@ -79,7 +79,7 @@ class Sender {
 };
 
 [[noreturn]] void fail(const char* what) {
-    std::fprintf(stderr, "screen_bench: %s\n", what);
+    std::fprintf(stderr, "window_bench: %s\n", what);
     std::exit(EXIT_FAILURE);
 }
 
