@@ -66,7 +66,7 @@ class Run {
     [[nodiscard]] bool open();
     [[nodiscard]] int stream();
     [[nodiscard]] std::optional<int> all_players_ended();
-    [[nodiscard]] bool all_sources_finished() const;
+    [[nodiscard]] bool all_feeds_finished() const;
     [[nodiscard]] std::optional<int> received_signal() const;
     void wait_for_news();
     void end_players();
@@ -124,7 +124,7 @@ int Run::stream() {
         const Figures now = figures();
         reporter_.update(now);
         const bool time_is_up = options_.seconds.count() > 0 && now.time >= options_.seconds;
-        if (time_is_up || all_sources_finished()) {
+        if (time_is_up || all_feeds_finished()) {
             return 0;
         }
     }
@@ -146,9 +146,9 @@ std::optional<int> Run::all_players_ended() {
     return worst;
 }
 
-bool Run::all_sources_finished() const {
+bool Run::all_feeds_finished() const {
     return std::ranges::all_of(sessions_,
-                               [](const auto& session) { return session->source_finished(); });
+                               [](const auto& session) { return session->feed_finished(); });
 }
 
 std::optional<int> Run::received_signal() const {

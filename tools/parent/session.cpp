@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <filesystem>
 #include <string>
-#include <utility>
 
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
+#include "tools/parent/open_feed.h"
 #include "tools/stream/receive_queue.h"
 
 namespace vesper::tools {
@@ -64,8 +64,13 @@ Session::Session(const Options& options, int number, StatusReporter& reporter,
       capture_(capture),
       link_(impairments_of(options.impairments, number)) {}
 
+Session::~Session() {
+    stop();
+}
+
 bool Session::open() {
-    if (replaying() ? !open_replay() : !open_source() || !streamer_.open(options_.stream)) {
+    feed_ = open_feed(options_, link_);
+    if (!feed_) {
         return false;
     }
     if (options_.to_port == 0) {
@@ -78,46 +83,20 @@ bool Session::open() {
     return true;
 }
 
-bool Session::open_replay() {
-    auto capture = read_capture(options_.replay);
-    if (!capture) {
-        return false;
-    }
-    replay_ = sent_to_player(std::move(*capture));
-    if (replay_.empty()) {
-        std::fprintf(stderr, "%s: holds nothing for a player\n", options_.replay.c_str());
-        return false;
-    }
-    return true;
-}
-
-bool Session::open_source() {
-    const MediaSettings settings = {.width = options_.stream.video.width,
-                                    .height = options_.stream.video.height,
-                                    .frames_per_second = options_.stream.video.frames_per_second,
-                                    .sound = options_.sound};
-    if (options_.screen) {
-        return source_.open_screen(settings, *options_.screen);
-    }
-    if (!options_.file.empty()) {
-        return source_.open_file(settings, options_.file, options_.loop);
-    }
-    return source_.open_test_picture(settings);
-}
-
 bool Session::has_sound() const {
-    return replaying() ? options_.sound && carries_sound(replay_) : source_.has_sound();
+    return options_.sound && feed_->has_sound();
 }
 
 PictureSize Session::picture_size() const {
-    const PictureSize asked_for = {.width = options_.stream.video.width,
-                                   .height = options_.stream.video.height};
-    return replaying() && !options_.has_size ? tools::picture_size(replay_).value_or(asked_for)
-                                             : asked_for;
+    const PictureSize own = feed_->picture_size();
+    return options_.has_size || own == PictureSize{}
+               ? PictureSize{.width = options_.stream.video.width,
+                             .height = options_.stream.video.height}
+               : own;
 }
 
-bool Session::source_finished() const {
-    return started_ && link_.idle() && (replaying() || streamer_.finished());
+bool Session::feed_finished() const {
+    return started_ && link_.idle() && feed_->finished();
 }
 
 bool Session::start_player() {
@@ -160,7 +139,7 @@ void Session::pass_on(std::FILE* stream, std::string_view line) {
 
 void Session::start_stream() {
     started_ = true;
-    link_.start({.keyframe_requested = [this] { streamer_.request_keyframe(); },
+    link_.start({.keyframe_requested = [this] { feed_->request_keyframe(); },
                  .audio_state_reported =
                      [this](const AudioState& state) {
                          const std::lock_guard lock(mutex_);
@@ -169,13 +148,11 @@ void Session::start_stream() {
                  .datagram_passed =
                      [this](Direction direction, std::span<const std::uint8_t> datagram) {
                          keep(direction, datagram);
-                         count_replayed(direction, datagram);
+                         if (direction == Direction::kToPlayer) {
+                             feed_->datagram_sent(datagram);
+                         }
                      }});
-    if (replaying()) {
-        replay(std::exchange(replay_, {}), options_.speed, Clock::now(), link_);
-    } else {
-        streamer_.start();
-    }
+    feed_->start();
 }
 
 void Session::keep(Direction direction, std::span<const std::uint8_t> datagram) {
@@ -189,15 +166,10 @@ void Session::keep(Direction direction, std::span<const std::uint8_t> datagram) 
     }
 }
 
-void Session::count_replayed(Direction direction, std::span<const std::uint8_t> datagram) {
-    if (replaying() && direction == Direction::kToPlayer && begins_frame(datagram)) {
-        const std::lock_guard lock(mutex_);
-        ++replayed_frames_;
-    }
-}
-
 void Session::stop() {
-    streamer_.stop();
+    if (feed_) {
+        feed_->stop();
+    }
     link_.stop();
     player_.terminate();
 }
@@ -206,10 +178,10 @@ void Session::add_to(Figures& figures) {
     if (const auto queue = receive_queue(link_.player_port())) {
         overflowed_ = queue->lost;
     }
-    const Streamer::Counters streamed = streamer_.counters();
+    const Feed::Counters fed = feed_->counters();
     const Link::Counters sent = link_.counters();
-    figures.frames += streamed.frames;
-    figures.skipped += streamed.skipped;
+    figures.frames += fed.frames;
+    figures.skipped += fed.skipped;
     figures.bytes += sent.bytes_sent;
     figures.datagrams += sent.datagrams_sent;
     figures.send_failures += sent.send_failures;
@@ -217,7 +189,6 @@ void Session::add_to(Figures& figures) {
     figures.impaired += sent.impaired;
     figures.overflowed += overflowed_;
     const std::lock_guard lock(mutex_);
-    figures.frames += replayed_frames_;
     figures.audio.push_back(audio_state_);
 }
 

@@ -1,21 +1,19 @@
-// One player and the stream it is fed: link, source, streamer and, where we start it, the process.
+// One player and what it is fed: link, feed and, where we start it, the process.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <span>
 #include <string_view>
-#include <vector>
 
 #include "tools/parent/options.h"
 #include "tools/parent/player_process.h"
 #include "tools/parent/status.h"
 #include "tools/stream/capture.h"
+#include "tools/stream/feed.h"
 #include "tools/stream/link.h"
-#include "tools/stream/media_source.h"
-#include "tools/stream/replay.h"
-#include "tools/stream/streamer.h"
 
 namespace vesper::tools {
 
@@ -25,8 +23,12 @@ class Session {
     // The `number`th of options.streams, from 1. Its datagrams are kept in `capture` where the
     // options ask for it.
     Session(const Options& options, int number, StatusReporter& reporter, CaptureWriter& capture);
+    // Stops.
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
 
-    // Opens the source and the link, and starts the player unless one is to be fed that runs
+    // Opens the feed and the link, and starts the player unless one is to be fed that runs
     // already. The stream starts once the player listens. False when anything failed.
     [[nodiscard]] bool open();
 
@@ -40,10 +42,10 @@ class Session {
     // Once the player that we started has ended: its exit status.
     [[nodiscard]] std::optional<int> player_exit_status() { return player_.exit_status(); }
 
-    // Whether the stream has started, and whether the source has come to its end and all of it has
+    // Whether the stream has started, and whether the feed has come to its end and all of it has
     // left.
     [[nodiscard]] bool started() const { return started_; }
-    [[nodiscard]] bool source_finished() const;
+    [[nodiscard]] bool feed_finished() const;
 
     // Ends the stream and asks the player to end.
     void stop();
@@ -52,16 +54,12 @@ class Session {
     void add_to(Figures& figures);
 
   private:
-    [[nodiscard]] bool replaying() const { return !options_.replay.empty(); }
-    [[nodiscard]] bool open_replay();
-    [[nodiscard]] bool open_source();
     [[nodiscard]] bool has_sound() const;
     [[nodiscard]] PictureSize picture_size() const;
     [[nodiscard]] bool start_player();
     void pass_on(std::FILE* stream, std::string_view line);
     void start_stream();
     void keep(Direction direction, std::span<const std::uint8_t> datagram);
-    void count_replayed(Direction direction, std::span<const std::uint8_t> datagram);
 
     const Options& options_;
     int number_;
@@ -70,14 +68,11 @@ class Session {
     bool started_ = false;
     std::uint64_t overflowed_ = 0;  // as last seen: a player that has ended tells no more
 
-    std::mutex mutex_;  // guards the next two, which the link's thread writes once it is started
+    std::mutex mutex_;  // guards the next, which the link's thread writes once it is started
     std::optional<AudioState> audio_state_;
-    std::uint64_t replayed_frames_ = 0;  // that were begun
 
-    std::vector<CapturedDatagram> replay_;  // what is to be sent again
-    MediaSource source_;
     Link link_;
-    Streamer streamer_{source_, link_};
+    std::unique_ptr<Feed> feed_;  // null before open()
     PlayerProcess player_;
 };
 

@@ -1,7 +1,6 @@
 #include "tools/stream/replay.h"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <cstdint>
 #include <utility>
@@ -29,22 +28,6 @@ std::span<const std::uint8_t> beginning_of_frame(std::span<const std::uint8_t> d
                : std::span<const std::uint8_t>();
 }
 
-// RFC 6386, section 9.1: the first bit is clear, a start code follows the first three bytes, and
-// then come width and height, 14 bits each, beside what a player may do to scale them.
-std::optional<PictureSize> size_in_keyframe(std::span<const std::uint8_t> frame) {
-    constexpr std::size_t kHeaderSize = 10;  // bytes
-    constexpr std::array<std::uint8_t, 3> kStartCode = {0x9D, 0x01, 0x2A};
-    constexpr int kSideMask = (1 << 14) - 1;
-    if (frame.size() < kHeaderSize || (frame[0] & 1) != 0 ||
-        !std::ranges::equal(frame.subspan(3, kStartCode.size()), kStartCode)) {
-        return std::nullopt;
-    }
-    const auto side = [frame](std::size_t at) {
-        return (frame[at] | frame[at + 1] << 8) & kSideMask;
-    };
-    return PictureSize{.width = side(6), .height = side(8)};
-}
-
 }  // namespace
 
 void replay(std::vector<CapturedDatagram> stream, double speed, Clock::time_point start,
@@ -60,7 +43,7 @@ void replay(std::vector<CapturedDatagram> stream, double speed, Clock::time_poin
 
 std::optional<PictureSize> picture_size(std::span<const CapturedDatagram> stream) {
     for (const CapturedDatagram& datagram : stream) {
-        if (const auto size = size_in_keyframe(beginning_of_frame(datagram.bytes))) {
+        if (const auto size = keyframe_size(beginning_of_frame(datagram.bytes))) {
             return size;
         }
     }

@@ -8,6 +8,7 @@
 
 #include "tools/stream/capture.h"
 #include "tools/stream/link.h"
+#include "tools/stream/vp8_frame.h"
 
 namespace vesper::tools {
 
@@ -16,14 +17,6 @@ namespace vesper::tools {
 // stays. The link is idle once the last one has left.
 void replay(std::vector<CapturedDatagram> stream, double speed, Clock::time_point start,
             Link& link);
-
-// Width and height in pixels.
-struct PictureSize {
-    int width = 0;
-    int height = 0;
-
-    bool operator==(const PictureSize&) const = default;
-};
 
 // Of the stream's pictures, as its first VP8 keyframe declares it. Nothing where none begins.
 [[nodiscard]] std::optional<PictureSize> picture_size(std::span<const CapturedDatagram> stream);

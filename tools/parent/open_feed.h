@@ -1,0 +1,16 @@
+// From the command line to what is sent.
+#pragma once
+
+#include <memory>
+
+#include "tools/parent/options.h"
+#include "tools/stream/feed.h"
+#include "tools/stream/link.h"
+
+namespace vesper::tools {
+
+// What the options ask for, ready to start. `options` and `link` outlive it. Null, with a line on
+// standard error, when it cannot be opened.
+[[nodiscard]] std::unique_ptr<Feed> open_feed(const Options& options, Link& link);
+
+}  // namespace vesper::tools

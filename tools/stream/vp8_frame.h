@@ -1,0 +1,23 @@
+// What a VP8 frame says of itself in its first bytes (RFC 6386, section 9.1), read without a
+// decoder.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+
+namespace vesper::tools {
+
+// Width and height in pixels.
+struct PictureSize {
+    int width = 0;
+    int height = 0;
+
+    bool operator==(const PictureSize&) const = default;
+};
+
+// The size that a keyframe declares, from the frame's first 10 bytes or more of it. Nothing where
+// these bytes begin no keyframe.
+[[nodiscard]] std::optional<PictureSize> keyframe_size(std::span<const std::uint8_t> frame);
+
+}  // namespace vesper::tools
