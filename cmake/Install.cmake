@@ -6,7 +6,7 @@
 #   lib/libvesper-ROOM.a         the rooms an application links
 #   lib/cmake/vesper/            find_package(vesper): vesper::net, vesper::audio, vesper::client
 #   lib/pkgconfig/               vesper-net, vesper-audio, vesper-client
-#   share/doc/vesper/            for embedders: the manual, the example
+#   share/doc/vesper/            for embedders: the manual, the examples
 #
 # The include path that users get is include/vesper, so that #include "client/video_receiver.h"
 # means the same inside and outside of this tree, and so that directories of such common names as
@@ -78,7 +78,7 @@ function(vesper_install_package)
         ${PROJECT_BINARY_DIR}/install/vesper-config.cmake
         ${PROJECT_BINARY_DIR}/install/vesper-config-version.cmake
         DESTINATION ${VESPER_INSTALL_CMAKEDIR} COMPONENT development)
-    # Placed as in this tree, so that its link to the example leads there.
+    # Placed as in this tree, so that its links to the examples lead there.
     install(FILES ${PROJECT_SOURCE_DIR}/docs/embedding.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT development)
     install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples

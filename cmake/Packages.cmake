@@ -48,6 +48,6 @@ window, and Opus sound with loss concealment. They let an application show
 several live streams inside its own process.
 .
 The package holds a CMake package, pkg-config files, the embedder's manual
-and an example.")
+and examples.")
 
 include(CPack)

@@ -196,7 +196,7 @@ class Pages(unittest.TestCase):
 
     def check_example(self, words):
         """As many words as its first comment asks for."""
-        (source,) = (SOURCE / "docs/examples").glob(f"{Path(words[0]).stem}.*")
+        (source,) = (SOURCE / "examples").glob(f"{Path(words[0]).stem}.*")
         usage = re.search(r"Usage: (.*)", source.read_text()).group(1)
         self.assertEqual(len(words), len(usage.split()))
 
@@ -219,7 +219,7 @@ COMMANDS = [
     (r"vesper-parent", Pages.check_parent),
     (r"vesper-player", Pages.check_player),
     (r"in_application", Pages.check_embedder),
-    (r"docs/examples/.*|minimal_application", Pages.check_example),
+    (r"examples/.*|minimal_application", Pages.check_example),
     (r"g\+\+", Pages.check_compiler),
     (r"ffmpeg|tcpdump|wireshark", Pages.check_nothing),
 ]

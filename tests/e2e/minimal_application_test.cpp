@@ -1,4 +1,4 @@
-// docs/examples/minimal_application.cpp with a stream.
+// examples/minimal_application.cpp with a stream.
 #include "tests/e2e/player_fixture.h"
 
 namespace vesper::test {

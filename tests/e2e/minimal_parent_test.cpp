@@ -1,4 +1,4 @@
-// docs/examples/minimal_parent.py with the real player.
+// examples/minimal_parent.py with the real player.
 #include <gmock/gmock.h>
 
 #include <fstream>

@@ -166,12 +166,12 @@ install_in_root /tmp/vesper.deb
 play_test_stream
 
 install_in_root /tmp/libvesper-dev.deb g++ cmake make
-example=/usr/share/doc/vesper/examples/in_application
-"${as_user[@]}" cmake -S $example -B /tmp/with_cmake >"$work/build.log"
+examples=/usr/share/doc/vesper/examples
+"${as_user[@]}" cmake -S $examples -B /tmp/with_cmake >"$work/build.log"
 "${as_user[@]}" cmake --build /tmp/with_cmake >>"$work/build.log"
 show_two_streams with_cmake /tmp/with_cmake/in_application
 
 # shellcheck disable=SC2016 # flags are asked for in the root
-"${as_user[@]}" sh -c 'g++ -std=c++20 "$0/main.cpp" -o /tmp/with_pkg_config \
-    $(pkg-config --cflags --libs vesper-client)' $example
+"${as_user[@]}" sh -c 'g++ -std=c++20 "$0/in_application.cpp" -o /tmp/with_pkg_config \
+    $(pkg-config --cflags --libs vesper-client)' $examples
 show_two_streams with_pkg_config /tmp/with_pkg_config

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the tree, moves it somewhere else, and builds the example against it both ways.
+# Installs the tree, moves it somewhere else, and builds the examples against it both ways.
 #
 #   installed_tree_test.sh BUILD_DIR LIBDIR VERSION CXX WORK_DIR
 source "$(dirname "$0")/expect.sh"
@@ -27,8 +27,10 @@ $libdir/pkgconfig/vesper-audio.pc
 $libdir/pkgconfig/vesper-client.pc
 $libdir/pkgconfig/vesper-net.pc
 share/doc/vesper/docs/embedding.md
-share/doc/vesper/examples/in_application/CMakeLists.txt
-share/doc/vesper/examples/in_application/main.cpp
+share/doc/vesper/examples/CMakeLists.txt
+share/doc/vesper/examples/in_application.cpp
+share/doc/vesper/examples/minimal_application.cpp
+share/doc/vesper/examples/minimal_parent.py
 share/man/man1/vesper-parent.1
 share/man/man1/vesper-player.1" "$(cd "$work/staged/usr" && find . -type f -printf '%P\n' | LC_ALL=C sort)"
 
@@ -36,11 +38,11 @@ share/man/man1/vesper-player.1" "$(cd "$work/staged/usr" && find . -type f -prin
 mkdir "$work/moved"
 mv "$work/staged/usr" "$work/moved/vesper"
 prefix=$work/moved/vesper
-example=$prefix/share/doc/vesper/examples/in_application
+examples=$prefix/share/doc/vesper/examples
 expect_equal "files that name the build tree" "" \
     "$(grep -rl --exclude-dir=bin --exclude='*.a' "$(dirname "$(dirname "$build")")" "$prefix" || true)"
 
-cmake -G Ninja -S "$example" -B "$work/with_cmake" -DCMAKE_PREFIX_PATH="$prefix" \
+cmake -G Ninja -S "$examples" -B "$work/with_cmake" -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_CXX_COMPILER="$cxx" >"$work/cmake.log"
 cmake --build "$work/with_cmake" >>"$work/cmake.log"
 expect_equal "where find_package found it" "$prefix/$libdir/cmake/vesper" \
@@ -48,7 +50,7 @@ expect_equal "where find_package found it" "$prefix/$libdir/cmake/vesper" \
 
 export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
 # shellcheck disable=SC2046 # flags are words
-"$cxx" -std=c++20 "$example/main.cpp" -o "$work/with_pkg_config" \
+"$cxx" -std=c++20 "$examples/in_application.cpp" -o "$work/with_pkg_config" \
     $(pkg-config --cflags --libs vesper-client)
 
 # Bad usage needs neither display nor port, and shows that the program loads.

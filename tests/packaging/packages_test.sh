@@ -59,8 +59,10 @@ expect_equal "contents of libvesper-dev" "\
 -rw-r--r-- root/root ./usr/share/doc/libvesper-dev/changelog.gz
 -rw-r--r-- root/root ./usr/share/doc/libvesper-dev/copyright
 -rw-r--r-- root/root ./usr/share/doc/vesper/docs/embedding.md
--rw-r--r-- root/root ./usr/share/doc/vesper/examples/in_application/CMakeLists.txt
--rw-r--r-- root/root ./usr/share/doc/vesper/examples/in_application/main.cpp" "$(contents "$development")"
+-rw-r--r-- root/root ./usr/share/doc/vesper/examples/CMakeLists.txt
+-rw-r--r-- root/root ./usr/share/doc/vesper/examples/in_application.cpp
+-rw-r--r-- root/root ./usr/share/doc/vesper/examples/minimal_application.cpp
+-rw-r--r-- root/root ./usr/share/doc/vesper/examples/minimal_parent.py" "$(contents "$development")"
 
 expect_equal "dependencies of vesper" "$(needed_packages)" \
     "$(field "$player" Depends | sed 's/ ([^)]*)//g; s/, /\n/g' | LC_ALL=C sort)"
