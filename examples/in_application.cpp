@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "client/renderer_choice.h"
 #include "client/video_receiver.h"
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
@@ -242,6 +243,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "SDL_Init failed: %s\n", SDL_GetError());
         return 1;
     }
+    vesper::client::choose_renderer();  // for this application's own window, too
     socket_init();
     const bool shown = show(sources);  // the receivers are gone before SDL is
     socket_cleanup();

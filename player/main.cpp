@@ -9,6 +9,7 @@ extern "C" {
 #include <cstdio>
 #include <string>
 
+#include "client/renderer_choice.h"
 #include "client/video_receiver.h"
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
@@ -121,6 +122,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "[VideoPlayer] SDL_Init failed: %s\n", SDL_GetError());
         return 1;
     }
+    vesper::client::choose_renderer();
+
     // Not stopped before SDL_Quit() on any path below: its destructor does that on the way out, and
     // knows that SDL may have released window, renderer and texture by then.
     VideoReceiver receiver;

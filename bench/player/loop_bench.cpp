@@ -139,21 +139,25 @@ std::vector<std::string> command_of(Who who, std::uint16_t port) {
     return {VESPER_PLAYER, "--port", number, "--width", "1280", "--height", "720"};
 }
 
-// What SDL draws with; an empty renderer leaves the choice to SDL.
+// What SDL draws with. Empty strings leave the choice to SDL alone: with a variable that is set,
+// the player does not choose either, as the floor does not.
 struct Drivers {
     const char* name;
     const char* video;
     const char* renderer;
+    const char* framebuffer_acceleration;
 };
 
 void run(benchmark::State& state, Who who, Drivers drivers, bool flooded) {
     OwnPassLog log;
     const std::uint16_t port = free_port();
-    ChildProcess process(command_of(who, port), {{"LD_PRELOAD", VESPER_PASS_LOG_LIBRARY},
-                                                 {vesper::bench::kPassLogVariable, log.path()},
-                                                 {"SDL_VIDEODRIVER", drivers.video},
-                                                 {"SDL_RENDER_DRIVER", drivers.renderer},
-                                                 {"SDL_AUDIODRIVER", "dummy"}});
+    ChildProcess process(command_of(who, port),
+                         {{"LD_PRELOAD", VESPER_PASS_LOG_LIBRARY},
+                          {vesper::bench::kPassLogVariable, log.path()},
+                          {"SDL_VIDEODRIVER", drivers.video},
+                          {"SDL_RENDER_DRIVER", drivers.renderer},
+                          {"SDL_FRAMEBUFFER_ACCELERATION", drivers.framebuffer_acceleration},
+                          {"SDL_AUDIODRIVER", "dummy"}});
     if (!warm_up(*log, process)) {
         state.SkipWithError("the loop does not run");
         return;
@@ -184,9 +188,9 @@ void run(benchmark::State& state, Who who, Drivers drivers, bool flooded) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    for (const Drivers& drivers : {Drivers{"display", "x11", ""},
-                                   {"display_software", "x11", "software"},
-                                   {"no_display", "dummy", "software"}}) {
+    for (const Drivers& drivers : {Drivers{"display", "x11", "", ""},
+                                   {"display_software", "x11", "software", "0"},
+                                   {"no_display", "dummy", "software", "0"}}) {
         for (const bool flooded : {false, true}) {
             const std::string name =
                 std::string("loop/") + drivers.name + (flooded ? "/flood" : "/idle");

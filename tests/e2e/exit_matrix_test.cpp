@@ -1,4 +1,5 @@
-// Every way out of the player, on every window system and renderer. By the time the player's
+// Every way out of the player, on every window system and renderer, and with the renderer that the
+// player and SDL choose where the environment names none. By the time the player's
 // window, renderer and texture are to be released, SDL has unloaded the driver that they belong to:
 // each pair of drivers has its own way of taking that amiss.
 #include <csignal>
@@ -11,6 +12,7 @@
 #include <string>
 #include <tuple>
 
+#include "client/renderer_choice.h"
 #include "tests/e2e/player_fixture.h"
 #include "tests/e2e/wayland_compositor.h"
 #include "tests/support/numbered_addresses.h"
@@ -19,6 +21,7 @@ namespace vesper::test {
 
 constexpr auto kVideoDrivers = {"x11", "wayland", "offscreen", "dummy"};
 constexpr auto kRenderers = {"opengl", "opengles2", "software"};
+constexpr auto kAsItComes = "as_it_comes";  // no renderer named
 
 class ExitMatrixTest : public PlayerTest {
   protected:
@@ -36,7 +39,12 @@ class ExitMatrixTest : public PlayerTest {
 
     void use(const std::string& video_driver, const std::string& renderer) {
         environment["SDL_VIDEODRIVER"] = video_driver;
-        environment["SDL_RENDER_DRIVER"] = renderer;
+        if (renderer == kAsItComes) {
+            environment.erase("SDL_RENDER_DRIVER");
+            environment.erase("SDL_FRAMEBUFFER_ACCELERATION");
+        } else {
+            environment["SDL_RENDER_DRIVER"] = renderer;
+        }
         if (video_driver == "wayland" && !compositor_) {
             compositor_.emplace(display, directory.path());
             environment.insert(compositor_->environment().begin(),
@@ -68,7 +76,9 @@ class ExitMatrix : public ExitMatrixTest,
     // same before the test is called skipped.
     void TearDown() override {
         PlayerTest::TearDown();
-        if (renderer_in_use() != renderer()) {
+        if (renderer() == kAsItComes) {
+            EXPECT_NE(renderer_in_use(), "");
+        } else if (renderer_in_use() != renderer()) {
             EXPECT_EQ(renderer_in_use(), "software");
             GTEST_SKIP() << "no such cell here: on " << video_driver() << " SDL has no "
                          << renderer() << " and falls back to software";
@@ -136,11 +146,24 @@ TEST_P(ExitMatrix, SignalsEndThePlayerWithoutShutDownLines) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    , ExitMatrix, testing::Combine(testing::ValuesIn(kVideoDrivers), testing::ValuesIn(kRenderers)),
-    [](const auto& cell) {
-        return std::string(std::get<0>(cell.param)) + "_" + std::get<1>(cell.param);
-    });
+INSTANTIATE_TEST_SUITE_P(, ExitMatrix,
+                         testing::Combine(testing::ValuesIn(kVideoDrivers),
+                                          testing::Values("opengl", "opengles2", "software",
+                                                          kAsItComes)),
+                         [](const auto& cell) {
+                             return std::string(std::get<0>(cell.param)) + "_" +
+                                    std::get<1>(cell.param);
+                         });
+
+TEST_F(ExitMatrixTest, TheRendererOnX11WithoutAGraphicsDeviceIsSdlsOwn) {
+    if (client::has_graphics_device()) {
+        GTEST_SKIP() << "this machine has a graphics device";
+    }
+    use("x11", kAsItComes);
+    start_player_anywhere({});
+    EXPECT_EQ(renderer_in_use(), "software");
+    player.reset();
+}
 
 // A renderer that is asked for and missing is SDL's software renderer, so a cell of the matrix is
 // there when the player got what was asked for.

@@ -35,13 +35,29 @@ TEST_F(Picture, EveryFieldIsWhereTheStreamHasIt) {
     }
 }
 
-TEST_F(Picture, AppearsWithTheRendererThatSdlChooses) {
+// The two corners' fields.
+class PictureWithRenderer : public Picture {
+  protected:
+    void expect_picture() {
+        start_player();
+        show_first_picture(fields_picture());
+        expect_color({.x = 40, .y = 40}, field_color({.x = 40, .y = 40}));
+        expect_color({.x = 360, .y = 200}, field_color({.x = 360, .y = 200}));
+    }
+};
+
+TEST_F(PictureWithRenderer, AppearsWithTheOneThatThePlayerAndSdlChoose) {
     environment.erase("SDL_RENDER_DRIVER");
     environment.erase("SDL_FRAMEBUFFER_ACCELERATION");
-    start_player();
-    show_first_picture(fields_picture());
-    expect_color({.x = 40, .y = 40}, field_color({.x = 40, .y = 40}));
-    expect_color({.x = 360, .y = 200}, field_color({.x = 360, .y = 200}));
+    expect_picture();
+}
+
+// What SDL chooses by itself: OpenGL where there is any. An empty name is no renderer's, and still
+// keeps the player from choosing.
+TEST_F(PictureWithRenderer, AppearsWithTheOneThatSdlChoosesAlone) {
+    environment["SDL_RENDER_DRIVER"] = "";
+    environment["SDL_FRAMEBUFFER_ACCELERATION"] = "";
+    expect_picture();
 }
 
 TEST_F(Picture, ResizedWindowIsFilledWithoutLetterbox) {

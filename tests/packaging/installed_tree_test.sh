@@ -13,6 +13,7 @@ expect_equal "installed files" "bin/vesper-parent
 bin/vesper-player
 include/vesper/audio/opus_codec.h
 include/vesper/client/audio_device.h
+include/vesper/client/renderer_choice.h
 include/vesper/client/video_receiver.h
 include/vesper/net/stream_datagrams.h
 include/vesper/net/udp_socket.h

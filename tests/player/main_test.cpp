@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
+#include <filesystem>
 #include <functional>
 #include <iterator>
 #include <sstream>
@@ -20,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "client/renderer_choice.h"
 #include "client/video_receiver.h"
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
@@ -54,6 +56,8 @@ VESPER_HOOK(sendto, ssize_t,
 
 // ---- the other rooms: C++ functions under the names that the linker knows them by ----
 
+VESPER_HOOK(_ZN6vesper6client15choose_rendererERKNSt10filesystem7__cxx114pathE, void,
+            (const std::filesystem::path& devices), (devices))
 VESPER_HOOK(_ZN6vesper6client13VideoReceiver12init_for_udpEii, bool,
             (VideoReceiver * self, int width, int height), (self, width, height))
 VESPER_HOOK(_ZN6vesper6client13VideoReceiver12enable_audioEb, void,
@@ -94,6 +98,8 @@ using testing::ElementsAreArray;
 using testing::Not;
 using vesper::client::VideoReceiverPeer;
 
+auto& hook_choose_renderer =
+    hook__ZN6vesper6client15choose_rendererERKNSt10filesystem7__cxx114pathE;
 auto& hook_init_for_udp = hook__ZN6vesper6client13VideoReceiver12init_for_udpEii;
 auto& hook_enable_audio = hook__ZN6vesper6client13VideoReceiver12enable_audioEb;
 auto& hook_set_audio_volume = hook__ZN6vesper6client13VideoReceiver16set_audio_volumeEf;
@@ -196,6 +202,9 @@ class PlayerMain : public vesper::test::HookedTest {
     }
 
     void hook_receiver() {
+        hook_choose_renderer = [this](const std::filesystem::path& devices) {
+            record("choose_renderer ", devices.native());
+        };
         hook_init_for_udp = [this](VideoReceiver* self, int width, int height) {
             record("init_for_udp ", width, ' ', height);
             VideoReceiverPeer(*self).window_id() = kWindowId;
@@ -426,9 +435,10 @@ TEST_F(PlayerMain, StartsLoopsAndShutsDownInOrder) {
         ElementsAre(
             "SDL_SetHintWithPriority SDL_NO_SIGNAL_HANDLERS 1 2", "av_log_set_level -8",
             "out: [VideoPlayer] Starting on port 5000 for streamer 7 (Ann, 640x360, audio=yes)\n",
-            "SDL_Init 48", "init_for_udp 640 360", "enable_audio 1", "socket_init", "bind 5000",
-            "out: [VideoPlayer] Listening on UDP port 5000\n", "set_audio_volume 0.75",
-            "SDL_GetWindowFromID 77", "SDL_SetWindowTitle Stream: Ann", "set_overlay_callback",
+            "SDL_Init 48", "choose_renderer /dev", "init_for_udp 640 360", "enable_audio 1",
+            "socket_init", "bind 5000", "out: [VideoPlayer] Listening on UDP port 5000\n",
+            "set_audio_volume 0.75", "SDL_GetWindowFromID 77", "SDL_SetWindowTitle Stream: Ann",
+            "set_overlay_callback",
             "SDL_GetTicks",  //
             "SDL_PollEvent 1", "SDL_PollEvent 0", "recv 65536 5", "needs_keyframe_request",
             "render", "render_audio_bar 640 360 audible 0.75 window", "SDL_GetTicks",
@@ -444,10 +454,11 @@ TEST_F(PlayerMain, WithoutAudioTheVolumeIsSetAndTheBarDrawnAllTheSame) {
         ElementsAre("SDL_SetHintWithPriority SDL_NO_SIGNAL_HANDLERS 1 2", "av_log_set_level -8",
                     "out: [VideoPlayer] Starting on port 5000 for streamer 0 (Unknown, 1280x720, "
                     "audio=no)\n",
-                    "SDL_Init 48", "init_for_udp 1280 720", "socket_init", "bind 5000",
-                    "out: [VideoPlayer] Listening on UDP port 5000\n", "set_audio_volume 1",
-                    "SDL_GetWindowFromID 77", "SDL_SetWindowTitle Stream: Unknown",
-                    "set_overlay_callback", "SDL_GetTicks",  //
+                    "SDL_Init 48", "choose_renderer /dev", "init_for_udp 1280 720", "socket_init",
+                    "bind 5000", "out: [VideoPlayer] Listening on UDP port 5000\n",
+                    "set_audio_volume 1", "SDL_GetWindowFromID 77",
+                    "SDL_SetWindowTitle Stream: Unknown", "set_overlay_callback",
+                    "SDL_GetTicks",  //
                     "SDL_PollEvent 1", "SDL_PollEvent 0", "recv 65536 5", "render",
                     "render_audio_bar 640 360 audible 1 window", "SDL_GetTicks", "SDL_Delay 1",
                     "out: [VideoPlayer] Shutting down\n", "socket_cleanup", "SDL_Quit",
@@ -531,7 +542,7 @@ TEST_F(PlayerMainFailure, WithoutReceiverSdlIsShutDown) {
     init_result_ = false;
     EXPECT_EQ(run({"--port", "5000", "--has-audio"}), 1);
     EXPECT_THAT(from_sdl_init(),
-                ElementsAre("SDL_Init 48", "init_for_udp 1280 720",
+                ElementsAre("SDL_Init 48", "choose_renderer /dev", "init_for_udp 1280 720",
                             "err: [VideoPlayer] Failed to initialize video receiver\n", "SDL_Quit",
                             "~VideoReceiver"));
 }
@@ -539,11 +550,11 @@ TEST_F(PlayerMainFailure, WithoutReceiverSdlIsShutDown) {
 TEST_F(PlayerMainFailure, WithoutItsPortSdlIsShutDown) {
     bind_result_ = false;
     EXPECT_EQ(run({"--port", "5000", "--has-audio"}), 1);
-    EXPECT_THAT(
-        from_sdl_init(),
-        ElementsAre("SDL_Init 48", "init_for_udp 1280 720", "enable_audio 1", "socket_init",
-                    "bind 5000", "err: [VideoPlayer] Failed to bind UDP socket to port 5000\n",
-                    "SDL_Quit", "~UDPSocket", "~VideoReceiver"));
+    EXPECT_THAT(from_sdl_init(),
+                ElementsAre("SDL_Init 48", "choose_renderer /dev", "init_for_udp 1280 720",
+                            "enable_audio 1", "socket_init", "bind 5000",
+                            "err: [VideoPlayer] Failed to bind UDP socket to port 5000\n",
+                            "SDL_Quit", "~UDPSocket", "~VideoReceiver"));
 }
 
 TEST_F(PlayerMainFailure, APortInUseIsNamedAfterTheSocketsReason) {
@@ -552,11 +563,12 @@ TEST_F(PlayerMainFailure, APortInUseIsNamedAfterTheSocketsReason) {
     ASSERT_TRUE(holder.bind(0));
     const std::string port = std::to_string(holder.get_bound_port());
     EXPECT_EQ(run({"--port", port}), 1);
-    EXPECT_THAT(from_sdl_init(),
-                ElementsAre("SDL_Init 48", "init_for_udp 1280 720", "socket_init",
-                            "err: [UDPSocket] bind() failed: Address already in use\n",
-                            "err: [VideoPlayer] Failed to bind UDP socket to port " + port + "\n",
-                            "SDL_Quit", "~UDPSocket", "~VideoReceiver"));
+    EXPECT_THAT(
+        from_sdl_init(),
+        ElementsAre("SDL_Init 48", "choose_renderer /dev", "init_for_udp 1280 720", "socket_init",
+                    "err: [UDPSocket] bind() failed: Address already in use\n",
+                    "err: [VideoPlayer] Failed to bind UDP socket to port " + port + "\n",
+                    "SDL_Quit", "~UDPSocket", "~VideoReceiver"));
 }
 
 // ---- the loop ----
@@ -931,6 +943,7 @@ class PlayerMainOnDummyDrivers : public PlayerMainSocket {
             return window_;
         };
         hook_SDL_GetWindowSize = nullptr;
+        hook_choose_renderer = nullptr;
         hook_init_for_udp = nullptr;
         hook_enable_audio = nullptr;
         hook_set_audio_volume = nullptr;
