@@ -24,6 +24,7 @@
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
 #include "tests/support/child_process.h"
+#include "tools/stream/free_port.h"
 
 using vesper::bench::PassLog;
 using vesper::bench::processor_seconds;
@@ -72,11 +73,6 @@ class OwnPassLog {
     std::string path_ = "/tmp/vesper-passes-XXXXXX";
     PassLog* log_ = nullptr;
 };
-
-std::uint16_t free_port() {
-    vesper::UDPSocket socket;
-    return socket.bind(0) ? socket.get_bound_port() : std::uint16_t{0};
-}
 
 // Keeps datagrams waiting at `port`, as long as the object lives.
 class Flood {
@@ -150,7 +146,7 @@ struct Drivers {
 
 void run(benchmark::State& state, Who who, Drivers drivers, bool flooded) {
     OwnPassLog log;
-    const std::uint16_t port = free_port();
+    const std::uint16_t port = vesper::tools::free_port();
     ChildProcess process(command_of(who, port),
                          {{"LD_PRELOAD", VESPER_PASS_LOG_LIBRARY},
                           {vesper::bench::kPassLogVariable, log.path()},

@@ -38,7 +38,7 @@ class Subject {
     [[nodiscard]] long peak_memory_kib() const;
 
   private:
-    std::uint16_t port_ = free_port();
+    std::uint16_t port_ = free_rtp_port();
     std::string session_file_;  // the peer's description of the stream; empty: none
     std::unique_ptr<Wire> wire_;
     std::unique_ptr<test::ChildProcess> process_;

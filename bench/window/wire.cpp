@@ -7,6 +7,7 @@
 
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
+#include "tools/stream/free_port.h"
 #include "tools/stream/packetizer.h"
 
 namespace vesper::bench {
@@ -95,16 +96,12 @@ std::unique_ptr<Wire> make_rtp_wire(std::uint16_t port) {
     return std::make_unique<RtpWire>(port);
 }
 
-std::uint16_t free_port() {
-    for (;;) {
-        UDPSocket socket;
-        if (!socket.bind(0)) {
-            std::exit(EXIT_FAILURE);
-        }
-        if (socket.get_bound_port() % 2 == 0) {
-            return socket.get_bound_port();
-        }
-    }
+std::uint16_t free_rtp_port() {
+    std::uint16_t port = 0;
+    do {
+        port = tools::free_port();
+    } while (port % 2 != 0);
+    return port;
 }
 
 }  // namespace vesper::bench

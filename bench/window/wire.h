@@ -22,7 +22,7 @@ class Wire {
 // RTP payload type 96, VP8 (RFC 7741).
 [[nodiscard]] std::unique_ptr<Wire> make_rtp_wire(std::uint16_t port);
 
-// A UDP port of 127.0.0.1 that nobody used a moment ago, even as RTP likes it.
-[[nodiscard]] std::uint16_t free_port();
+// A free UDP port of 127.0.0.1 as RTP wants it: even (RFC 3550, section 11). 0 when there is none.
+[[nodiscard]] std::uint16_t free_rtp_port();
 
 }  // namespace vesper::bench

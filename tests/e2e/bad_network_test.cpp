@@ -14,6 +14,7 @@
 #include "net/stream_datagrams.h"
 #include "tests/e2e/live_stream_fixture.h"
 #include "tests/support/fragment_builder.h"
+#include "tools/stream/seeded_draws.h"
 #include "tools/stream/vp8_encoder.h"
 
 namespace vesper::test {
@@ -32,19 +33,15 @@ std::chrono::milliseconds impaired_time() {
     return std::chrono::seconds(seconds == nullptr ? 3 : std::atoi(seconds));
 }
 
-bool happens(std::mt19937_64& random, double percent) {
-    return static_cast<double>(random() >> 11) * 0x1.0p-53 * 100 < percent;
-}
-
 // Flips one bit of the encoded frame or packet in `percent` of the datagrams; headers stay whole.
 Road flips_in_payload(double percent) {
-    const auto random = std::make_shared<std::mt19937_64>(kSeed);
+    const auto draws = std::make_shared<tools::SeededDraws>(kSeed);
     return [=](Datagram datagram) {
         const bool sound = (read_packet_header(datagram.data()).flags & kScreenAudioFlag) != 0;
         const auto begin =
             static_cast<std::size_t>(sound ? kPacketHeaderSize : kVideoPayloadOffset);
-        if (happens(*random, percent)) {
-            const std::size_t bit = (*random)() % ((datagram.size() - begin) * 8);
+        if (draws->happens(percent)) {
+            const std::size_t bit = draws->below((datagram.size() - begin) * 8);
             datagram[begin + bit / 8] ^= static_cast<std::uint8_t>(1U << bit % 8);
         }
         return std::vector<Datagram>{std::move(datagram)};
@@ -54,11 +51,11 @@ Road flips_in_payload(double percent) {
 // Now and then everything is lost for a while: for a tenth of a second up to half a second of this
 // stream.
 Road bursts_of_loss() {
-    const auto random = std::make_shared<std::mt19937_64>(kSeed);
-    const auto to_lose = std::make_shared<std::uint64_t>(0);
+    const auto draws = std::make_shared<tools::SeededDraws>(kSeed);
+    const auto to_lose = std::make_shared<std::size_t>(0);
     return [=](Datagram datagram) -> std::vector<Datagram> {
-        if (*to_lose == 0 && happens(*random, 1)) {
-            *to_lose = 20 + (*random)() % 100;
+        if (*to_lose == 0 && draws->happens(1)) {
+            *to_lose = 20 + draws->below(100);
         }
         if (*to_lose > 0) {
             --*to_lose;

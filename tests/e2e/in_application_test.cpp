@@ -56,7 +56,7 @@ class SignsOfLife {
 // A stream, and the window that shows it.
 struct Stream {
     std::string name;
-    std::uint16_t port = free_port();
+    std::uint16_t port = tools::free_port();
     Parent parent;
     VideoSource video;
     std::optional<SignsOfLife> signs_of_life;

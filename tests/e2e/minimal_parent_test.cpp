@@ -54,7 +54,7 @@ class MinimalParent : public PlayerTest {
   protected:
     void SetUp() override {
         // The example binds the port itself.
-        example_port_ = std::to_string(free_port());
+        example_port_ = std::to_string(tools::free_port());
     }
 
     void run_example(int frames) {

@@ -26,14 +26,6 @@ bool receive_queue_is_empty(std::uint16_t port) {
 
 }  // namespace
 
-std::uint16_t free_port() {
-    UDPSocket socket;
-    if (!socket.bind(0)) {
-        throw std::runtime_error("no free UDP port");
-    }
-    return socket.get_bound_port();
-}
-
 Parent::Parent() {
     if (!socket_.bind(0)) {
         throw std::runtime_error("no free UDP port");

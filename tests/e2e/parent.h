@@ -12,9 +12,6 @@ namespace vesper::test {
 
 using Message = std::vector<std::uint8_t>;
 
-// A UDP port of 127.0.0.1 that nobody used a moment ago.
-[[nodiscard]] std::uint16_t free_port();
-
 class Parent {
   public:
     // Throws std::runtime_error when no port is to be had.

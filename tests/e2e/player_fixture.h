@@ -21,6 +21,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/eventually.h"
 #include "tests/support/temporary_folder.h"
+#include "tools/stream/free_port.h"
 
 namespace vesper::test {
 
@@ -88,7 +89,7 @@ class PlayerTest : public testing::Test {
     VirtualDisplay display;
     const Extent stream_size;
     Parent parent;
-    const std::uint16_t port = free_port();  // the player's
+    const std::uint16_t port = tools::free_port();  // the player's
     ChildProcess::Environment environment;
     VideoSource video;
     TemporaryFolder directory;

@@ -128,8 +128,8 @@ TEST(StandInParentTest, ShowsACapture) {
 
 TEST(StandInParentTest, FeedsAPlayerThatRunsAlready) {
     const VirtualDisplay display;
-    const std::string port = std::to_string(free_port());
-    const std::string parent_port = std::to_string(free_port());
+    const std::string port = std::to_string(tools::free_port());
+    const std::string parent_port = std::to_string(tools::free_port());
     ChildProcess player({VESPER_PLAYER, "--port", port, "--parent-port", parent_port, "--width",
                          "480", "--height", "240"},
                         player_environment(display));

@@ -17,6 +17,7 @@
 #include "tests/support/captured_output.h"
 #include "tests/support/fragment_builder.h"
 #include "tests/support/hook.h"
+#include "tools/stream/free_port.h"
 #include "tools/stream/packetizer.h"
 
 VESPER_HOOK(SDL_Delay, void, (Uint32 ms), (ms))
@@ -50,7 +51,7 @@ class MainLoop : public test::HookedTest {
         constexpr std::size_t kSettlingPasses = 2;
         UDPSocket sender;
         EXPECT_TRUE(sender.bind(0));
-        const std::uint16_t port = free_port();
+        const std::uint16_t port = tools::free_port();
         std::vector<std::size_t> counts;
         counts.reserve(datagrams.size());
         AllocationLog log;
@@ -84,12 +85,6 @@ class MainLoop : public test::HookedTest {
     }
 
   private:
-    static std::uint16_t free_port() {
-        UDPSocket socket;
-        EXPECT_TRUE(socket.bind(0));
-        return socket.get_bound_port();
-    }
-
     static void run_player(std::uint16_t port) {
         std::string number = std::to_string(port);
         std::vector<std::string> words = {"vesper-player", "--port", number,       "--width", "64",

@@ -9,8 +9,8 @@
 #include <string>
 
 #include "net/stream_datagrams.h"
-#include "net/udp_socket.h"
 #include "tools/parent/open_feed.h"
+#include "tools/stream/free_port.h"
 #include "tools/stream/receive_queue.h"
 
 namespace vesper::tools {
@@ -19,12 +19,6 @@ namespace {
 
 // What the player says as soon as a datagram sent to it is not lost.
 constexpr std::string_view kListeningLine = "[VideoPlayer] Listening on UDP port ";
-
-// A port that was free a moment ago; 0 when there is none.
-std::uint16_t free_port() {
-    UDPSocket socket;
-    return socket.bind(0) ? socket.get_bound_port() : std::uint16_t{0};
-}
 
 // vesper-player in the folder that this program was started from.
 std::string player_beside_us() {

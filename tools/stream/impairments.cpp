@@ -20,11 +20,11 @@ std::vector<Departure> Impairments::pass(Datagram datagram, Clock::time_point ti
         return departures;
     }
     if (happens(settings_.corrupt, counters_.corrupted)) {
-        const std::size_t bit = draw_below(datagram.size() * 8);
+        const std::size_t bit = draws_.below(datagram.size() * 8);
         datagram[bit / 8] ^= static_cast<std::uint8_t>(1U << (bit % 8));
     }
     if (happens(settings_.truncate, counters_.truncated)) {
-        datagram.resize(1 + draw_below(datagram.size() - 1));
+        datagram.resize(1 + draws_.below(datagram.size() - 1));
     }
     const bool twice = happens(settings_.duplicate, counters_.duplicated);
     const std::optional<Datagram> overtaken = std::exchange(kept_, std::nullopt);
@@ -44,17 +44,8 @@ std::vector<Departure> Impairments::pass(Datagram datagram, Clock::time_point ti
     return departures;
 }
 
-// Not std::uniform_real_distribution, whose results differ between libraries.
-double Impairments::draw() {
-    return static_cast<double>(random_() >> 11) * 0x1.0p-53;
-}
-
-std::size_t Impairments::draw_below(std::size_t limit) {
-    return static_cast<std::size_t>(draw() * static_cast<double>(limit));
-}
-
 bool Impairments::happens(double percent, std::uint64_t& counter) {
-    if (draw() * 100 >= percent) {
+    if (!draws_.happens(percent)) {
         return false;
     }
     ++counter;
@@ -64,7 +55,7 @@ bool Impairments::happens(double percent, std::uint64_t& counter) {
 void Impairments::depart(Datagram datagram, Clock::time_point time,
                          std::vector<Departure>& departures) {
     const std::chrono::duration<double, std::milli> lateness(
-        draw() * static_cast<double>(settings_.jitter.count()));
+        draws_.fraction() * static_cast<double>(settings_.jitter.count()));
     last_departure_ =
         std::max(last_departure_, time + std::chrono::duration_cast<Clock::duration>(lateness));
     departures.push_back({.time = last_departure_, .datagram = std::move(datagram)});

@@ -5,10 +5,10 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
-#include <random>
 #include <vector>
 
 #include "tools/stream/packetizer.h"
+#include "tools/stream/seeded_draws.h"
 
 namespace vesper::tools {
 
@@ -49,7 +49,7 @@ class Impairments {
     };
 
     explicit Impairments(const ImpairmentSettings& settings = {})
-        : settings_(settings), random_(settings.seed) {}
+        : settings_(settings), draws_(settings.seed) {}
 
     // What becomes of `datagram`, of at least 1 byte, that would leave at `time`: none, one or more
     // departures, in order, none earlier than one returned before. One that is to change places is
@@ -59,13 +59,11 @@ class Impairments {
     [[nodiscard]] const Counters& counters() const { return counters_; }
 
   private:
-    [[nodiscard]] double draw();  // from 0 up to, not including, 1
-    [[nodiscard]] std::size_t draw_below(std::size_t limit);
     [[nodiscard]] bool happens(double percent, std::uint64_t& counter);
     void depart(Datagram datagram, Clock::time_point time, std::vector<Departure>& departures);
 
     ImpairmentSettings settings_;
-    std::mt19937_64 random_;
+    SeededDraws draws_;
     Counters counters_;
     std::optional<Datagram> kept_;  // changes places with the next
     Clock::time_point last_departure_;
