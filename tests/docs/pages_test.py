@@ -81,6 +81,34 @@ def player_options():
     return set(re.findall(r'"(--[a-z-]+)"', (SOURCE / "player/args.cpp").read_text()))
 
 
+# The keys of the window, each with a word that every description of what it does contains.
+ACTIONS = {
+    "f": "fullscreen",
+    "F11": "fullscreen",
+    "Escape": "back",
+    "r": "the whole picture",
+    "m": "mute",
+    "Up": "volume",
+    "Down": "volume",
+}
+# A key where a table names it: a letter on its own, or one of those with a name.
+KEY = re.compile(r"\b(?<!')([b-z]|F\d+|Up|Down|Left|Right|Escape|Space|Return|Tab|Home|End)\b")
+
+
+def tables_of_keys():
+    """The rows of every place that lists the keys."""
+    section = PAGES["README.md"].partition("## Keys and mouse")[2].partition("\n## ")[0]
+    manual = (SOURCE / "man/vesper-player.1.in").read_text()
+    manual = manual.partition(".SH KEYS AND MOUSE")[2].partition(".SH")[0].partition(".PP")[0]
+    header = (SOURCE / "player/window_input.h").read_text().partition("#pragma once")[0]
+    return {
+        "README.md": re.findall(r"^\| .*", section, re.MULTILINE),
+        "docs/controls.md": re.findall(r"^\| .*", PAGES["docs/controls.md"], re.MULTILINE),
+        "man/vesper-player.1.in": re.sub(r"\\f[BP]", "", manual).split(".TP"),
+        "player/window_input.h": re.findall(r"^//   .*", header, re.MULTILINE),
+    }
+
+
 # In a path a word in capitals stands for whatever is there.
 PATH = re.compile(r"[a-z.][\w.-]*(/[\w.-]+)*/?")
 
@@ -130,6 +158,20 @@ class Pages(unittest.TestCase):
     def test_ReadmeHasALineForEveryOptionOfThePlayer(self):
         section = PAGES["README.md"].partition("## Options of the player")[2].partition("\n## ")[0]
         self.assertEqual(set(re.findall(r"`(--[a-z-]+)", section)), player_options())
+
+    def test_EveryTableOfKeysHasEachKeyWithItsAction(self):
+        code = (SOURCE / "player/window_input.cpp").read_text()
+        self.assertEqual(
+            {name.capitalize() for name in re.findall(r"SDLK_(\w+)", code)},
+            {key.capitalize() for key in ACTIONS},
+        )
+        for place, rows in tables_of_keys().items():
+            with self.subTest(place=place):
+                named = {key for row in rows for key in KEY.findall(row)}
+                self.assertEqual(named, set(ACTIONS))
+                for key, action in ACTIONS.items():
+                    row = next(row for row in rows if key in KEY.findall(row))
+                    self.assertIn(action, row.lower(), key)
 
     def test_EveryCommandIsOneThatItsProgramTakes(self):
         for page in PAGES:
