@@ -130,6 +130,7 @@ bool VideoReceiver::complete_frame(std::uint32_t frame_id, const PartialFrame& f
         std::accumulate(frame.fragment_sizes.begin(), frame.fragment_sizes.end(), std::uint64_t{0});
     if (frame_bytes == 0 || frame_bytes > kMaxFrameBytes) {
         // Not reachable with 1 to 1000 fragments of 1 to 1400 bytes; the byte count is left alone.
+        oldest_partial_frame = nullptr;
         partial_frames.erase(frame_id);
         return false;
     }
@@ -140,8 +141,8 @@ bool VideoReceiver::complete_frame(std::uint32_t frame_id, const PartialFrame& f
         encoded_frame.insert(encoded_frame.end(), slot, slot + frame.fragment_sizes[i]);
     }
     enqueue_frame(std::move(encoded_frame));
-    last_completed_frame_id = frame_id;
     drop_frames_up_to(frame_id);
+    last_completed_frame_id = frame_id;
     return true;
 }
 
@@ -162,7 +163,18 @@ void VideoReceiver::enqueue_frame(std::vector<std::uint8_t> encoded_frame) {
     queue_cv.notify_one();
 }
 
+// No pending frame is older than the last completed one, so in a stream without gaps only two ids
+// come into question, however many newer frames are pending.
 void VideoReceiver::drop_frames_up_to(std::uint32_t frame_id) {
+    if (frame_id - last_completed_frame_id < partial_frames.size()) {
+        for (std::uint64_t id = last_completed_frame_id; id <= frame_id; ++id) {
+            const auto position = partial_frames.find(static_cast<std::uint32_t>(id));
+            if (position != partial_frames.end()) {
+                erase_partial_frame(position);
+            }
+        }
+        return;
+    }
     for (auto position = partial_frames.begin(); position != partial_frames.end();) {
         position =
             position->first <= frame_id ? erase_partial_frame(position) : std::next(position);
@@ -174,11 +186,22 @@ bool VideoReceiver::drop_stale_frames() {
     if (partial_frames.empty()) {
         return false;  // reading the clock costs as much as storing a fragment
     }
-    bool dropped = false;
     const Clock::time_point now = Clock::now();
+    const auto is_stale = [now](const PartialFrame& frame) {
+        return now - frame.first_seen > kReassemblyTimeout;
+    };
+    if (oldest_partial_frame != nullptr && !is_stale(*oldest_partial_frame)) {
+        return false;
+    }
+    bool dropped = false;
+    oldest_partial_frame = nullptr;
     for (auto position = partial_frames.begin(); position != partial_frames.end();) {
         const auto& [frame_id, frame] = *position;
-        if (now - frame.first_seen <= kReassemblyTimeout) {
+        if (!is_stale(frame)) {
+            if (oldest_partial_frame == nullptr ||
+                frame.first_seen < oldest_partial_frame->first_seen) {
+                oldest_partial_frame = &frame;
+            }
             ++position;
             continue;
         }
@@ -201,6 +224,9 @@ bool VideoReceiver::drop_stale_frames() {
 VideoReceiver::PartialFrameMap::iterator VideoReceiver::erase_partial_frame(
     PartialFrameMap::iterator position) {
     partial_frames_bytes -= position->second.data.capacity();
+    if (&position->second == oldest_partial_frame) {
+        oldest_partial_frame = nullptr;
+    }
     return partial_frames.erase(position);
 }
 

@@ -294,6 +294,7 @@ void VideoReceiver::stop_decode_and_codecs() {
         // partial_frames_bytes stays: a stopped receiver takes no more fragments.
         const std::lock_guard lock(frames_mutex);
         partial_frames.clear();
+        oldest_partial_frame = nullptr;
     }
     {
         const std::lock_guard lock(queue_mutex);

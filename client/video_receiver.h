@@ -306,6 +306,10 @@ class VideoReceiver {
     // Sum of the capacities of all PartialFrame::data. Guarded by frames_mutex.
     std::uint64_t partial_frames_bytes = 0;
 
+    // The frame under reassembly that was begun first: while it is not overdue none is. Null when
+    // not known, as after its end. Guarded by frames_mutex.
+    const PartialFrame* oldest_partial_frame = nullptr;
+
     // Consecutive decoding errors. Decode thread.
     std::uint32_t decode_error_count = 0;
 

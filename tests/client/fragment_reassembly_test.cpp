@@ -553,6 +553,39 @@ TEST_F(FragmentReassembly, CompletionErasesOlderFramesSilentlyAndKeepsNewerOnes)
     EXPECT_FALSE(receiver.needs_keyframe_request());
 }
 
+TEST_F(FragmentReassembly, CompletionErasesOlderFramesWhateverGapItLeaves) {
+    freeze_clock();
+    // The frame completed last, its successors, and frames as far apart as numbers can be.
+    constexpr std::uint32_t kLastId = 0xFFFFFFFF;
+    const std::vector<std::uint32_t> ids = {10, 11, 12, 14, 15, 19, 40, 41, 90, kLastId};
+    for (const std::uint32_t completed : ids) {
+        SCOPED_TRACE(completed);
+        auto another = std::make_unique<VideoReceiver>();
+        VideoReceiverPeer its(*another);
+        its.go_live_without_decoder();
+        const auto deliver_there = [&](const FragmentBuilder& one) {
+            const Bytes datagram = one.build();
+            another->handle_fragment(datagram.data(), static_cast<int>(datagram.size()));
+        };
+        deliver_there(fragment(10, 0, 1));
+        std::vector<std::uint32_t> newer;
+        for (const std::uint32_t id : ids) {
+            deliver_there(fragment(id, 0, 2));
+            if (id > completed) {
+                newer.push_back(id);
+            }
+        }
+        deliver_there(fragment(completed, 1, 2));
+        std::vector<std::uint32_t> left;
+        for (const auto& [id, frame] : its.partial_frames()) {
+            left.push_back(id);
+        }
+        EXPECT_THAT(left, testing::UnorderedElementsAreArray(newer));
+        EXPECT_EQ(its.last_completed_frame_id(), completed);
+        (void)printed_by([&] { another.reset(); });
+    }
+}
+
 TEST_F(FragmentReassembly, OlderFramesGoSilentlyAtACompletionEvenWhenOverdue) {
     freeze_clock();
     deliver(fragment(11, 0, 2));
@@ -914,6 +947,28 @@ TEST_F(FragmentReassemblyTimeout, OverdueNewerFramesAreReportedAtACompletion) {
               "[VideoReceiver] Dropped frame 13: 1/2 fragments received (50.0% loss)\n"
               "[VideoReceiver] Requesting keyframe due to dropped frames\n");
     EXPECT_THAT(queued_frames(), SizeIs(1));
+}
+
+TEST_F(FragmentReassemblyTimeout, EachFrameHasItsOwnTimeWhicheverGoBeforeIt) {
+    deliver(fragment(5, 0, 2));
+    pass(100ms);
+    deliver(fragment(9, 0, 2));
+    pass(100ms);
+    deliver(fragment(7, 0, 2));
+    deliver(fragment(5, 1, 2));  // the oldest completes, the other two stay
+    ASSERT_THAT(pending_ids(), UnorderedElementsAre(7U, 9U));
+    pass(kTimeout - 100ms);
+    EXPECT_EQ(printed_by([this] { deliver(fragment(20, 0, 2)); }), kNothing);
+    pass(1ns);
+    EXPECT_EQ(printed_by([this] { deliver(fragment(21, 0, 2)); }).err,
+              "[VideoReceiver] Dropped frame 9: 1/2 fragments received (50.0% loss)\n"
+              "[VideoReceiver] Requesting keyframe due to dropped frames\n");
+    pass(100ms - 1ns);
+    EXPECT_EQ(printed_by([this] { deliver(fragment(22, 0, 2)); }), kNothing);
+    pass(1ns);
+    EXPECT_EQ(printed_by([this] { deliver(fragment(23, 0, 2)); }).err,
+              "[VideoReceiver] Dropped frame 7: 1/2 fragments received (50.0% loss)\n");
+    EXPECT_THAT(pending_ids(), UnorderedElementsAre(20U, 21U, 22U, 23U));
 }
 
 TEST_F(FragmentReassemblyTimeout, LossIsPrintedWithOneDecimal) {
