@@ -122,13 +122,21 @@ bool VideoReceiver::convert_picture() {
     if (source == nullptr) {
         return false;
     }
-    if (av_frame->height < converter_height && shrinks_too_far_for_partial_pictures()) {
-        return true;
+    const bool partial = av_frame->height < converter_height;
+    if (partial) {
+        if (shrinks_too_far_for_partial_pictures()) {
+            return true;
+        }
+        before_partial_picture = convert_buffer;
     }
     const std::array<std::uint8_t*, kPlanes> planes = {convert_buffer.data()};
     const std::array<int, kPlanes> strides = {picture_pitch(frame_width_)};
-    sws_scale(sws_ctx, source->data, source->linesize, 0, av_frame->height, planes.data(),
-              strides.data());
+    const int rows = sws_scale(sws_ctx, source->data, source->linesize, 0, av_frame->height,
+                               planes.data(), strides.data());
+    if (partial) {
+        restore_row_below(rows);
+    }
+    right_edge.convert(*source, av_frame->height, convert_buffer.data());
     return true;
 }
 
@@ -139,12 +147,27 @@ bool VideoReceiver::create_converter() {
         frame_width_, frame_height_, AV_PIX_FMT_BGRA, SWS_BILINEAR, nullptr, nullptr, nullptr);
     converter_width = av_frame->width;
     converter_height = av_frame->height;
-    return sws_ctx != nullptr;
+    if (sws_ctx == nullptr) {
+        return false;
+    }
+    right_edge.prepare(*av_frame, frame_width_, frame_height_);
+    return true;
 }
 
 bool VideoReceiver::shrinks_too_far_for_partial_pictures() const {
     return converter_width / frame_width_ >= kMaxShrinkOfPartialPicture ||
            converter_height / frame_height_ >= kMaxShrinkOfPartialPicture;
+}
+
+// The rows below a picture that is shorter than the converter's source are not converted and keep
+// what they showed; the converter's overrun of the last converted row must not be seen in them.
+// `rows` is what sws_scale() returned.
+void VideoReceiver::restore_row_below(int rows) {
+    const std::size_t begin = picture_size(frame_width_, std::clamp(rows, 0, frame_height_));
+    const std::size_t end = std::min(begin + kConverterOverrun, convert_buffer.size());
+    std::copy(before_partial_picture.begin() + static_cast<std::ptrdiff_t>(begin),
+              before_partial_picture.begin() + static_cast<std::ptrdiff_t>(end),
+              convert_buffer.begin() + static_cast<std::ptrdiff_t>(begin));
 }
 
 // av_frame itself, or, where it is narrower than the converter's source, its rows laid into a black

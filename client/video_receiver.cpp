@@ -174,9 +174,8 @@ bool VideoReceiver::open_renderer_and_decoder() {
         release_window();
         return false;
     }
-    const std::size_t picture_bytes = picture_size(frame_width_, frame_height_);
-    convert_buffer.resize(picture_bytes);
-    picture.resize(picture_bytes);
+    allocate_picture(convert_buffer, frame_width_, frame_height_);
+    allocate_picture(picture, frame_width_, frame_height_);
     return true;
 }
 
@@ -283,6 +282,7 @@ void VideoReceiver::stop_decode_and_codecs() {
     // The decode thread is gone: no lock needed.
     convert_buffer.clear();
     picture.clear();
+    before_partial_picture.clear();
 
     if (audio_enabled) {
         audio_device.close();
@@ -332,6 +332,7 @@ void VideoReceiver::free_codec() {
     if (sws_ctx != nullptr) {
         sws_freeContext(std::exchange(sws_ctx, nullptr));
     }
+    right_edge.reset();
     if (staging_frame != nullptr) {
         av_frame_free(&staging_frame);
     }

@@ -39,6 +39,7 @@
 
 #include "audio/opus_codec.h"
 #include "client/audio_device.h"
+#include "client/right_edge.h"
 
 struct AVCodec;
 struct AVCodecContext;
@@ -220,6 +221,7 @@ class VideoReceiver {
     bool create_converter();
     bool shrinks_too_far_for_partial_pictures() const;
     const AVFrame* converter_source();
+    void restore_row_below(int rows);
     void publish_picture();
 
     // Steps of render() and update() (presentation.cpp).
@@ -319,6 +321,13 @@ class VideoReceiver {
     // What sws_ctx was made for: the size of the stream's first picture, in pixels. Decode thread.
     int converter_width = 0;
     int converter_height = 0;
+
+    // Converts what sws_ctx leaves out. Decode thread.
+    RightEdge right_edge;
+
+    // convert_buffer before a picture shorter than the converter's source was converted into it.
+    // Decode thread.
+    std::vector<std::uint8_t> before_partial_picture;
 
     // A later, narrower picture is laid into this one of the converter's source size, because
     // libswscale reads rows of its source width and would run over the picture's own. Made when

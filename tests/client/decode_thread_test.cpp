@@ -10,8 +10,6 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/log.h>
 #include <libswscale/swscale.h>
-#include <sys/mman.h>
-#include <unistd.h>
 }
 
 #include <algorithm>
@@ -27,7 +25,9 @@ extern "C" {
 #include <utility>
 #include <vector>
 
+#include "client/picture_format.h"
 #include "client/video_receiver.h"
+#include "tests/support/guarded_memory.h"
 #include "tests/support/hook.h"
 #include "tests/support/transcript.h"
 #include "tests/support/video_receiver_peer.h"
@@ -87,9 +87,8 @@ class DecodeThreadScript : public HookedTest {
     void configure(int width, int height) {
         peer.frame_width() = width;
         peer.frame_height() = height;
-        const auto bytes = static_cast<std::size_t>(width * height * 4);
-        peer.convert_buffer().assign(bytes, 0);
-        peer.picture().assign(bytes, 0);
+        allocate_picture(peer.convert_buffer(), width, height);
+        allocate_picture(peer.picture(), width, height);
     }
     // A step of the script: these frames become the next batch.
     void queue(std::vector<EncodedFrame> frames) {
@@ -767,43 +766,28 @@ TEST_F(DecodeThreadVp8, StreamThatGrewAndShrankIsShownAtTheLeftWithBlackBesideIt
     expect_colour(600, 300, kWhite);
 }
 
-// A picture whose planes each end at memory that must not be touched.
+// A grey picture whose planes each end at memory that must not be touched.
 class GuardedPicture {
   public:
-    GuardedPicture(AVFrame& frame, int width, int height) {
+    GuardedPicture(AVFrame& frame, int width, int height)
+        : luma_(static_cast<std::size_t>(width * height)),
+          blue_(static_cast<std::size_t>(chroma(width) * chroma(height))),
+          red_(blue_.size()) {
         frame.format = AV_PIX_FMT_YUV420P;
         frame.width = width;
         frame.height = height;
-        const std::array<int, 3> widths = {width, chroma(width), chroma(width)};
-        const std::array<int, 3> heights = {height, chroma(height), chroma(height)};
-        for (std::size_t plane = 0; plane < 3; ++plane) {
-            frame.linesize[plane] = widths[plane];
-            frame.data[plane] = guarded(static_cast<std::size_t>(widths[plane] * heights[plane]));
+        const std::array planes = {&luma_, &blue_, &red_};
+        for (std::size_t i = 0; i < planes.size(); ++i) {
+            std::ranges::fill(planes[i]->values(), std::uint8_t{128});
+            frame.linesize[i] = i == 0 ? width : chroma(width);
+            frame.data[i] = planes[i]->data();
         }
     }
-    ~GuardedPicture() {
-        for (const auto& [start, bytes] : mappings_) {
-            munmap(start, bytes);
-        }
-    }
-    GuardedPicture(const GuardedPicture&) = delete;
-    GuardedPicture& operator=(const GuardedPicture&) = delete;
 
   private:
-    std::uint8_t* guarded(std::size_t bytes) {
-        const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-        const std::size_t usable = (bytes + page - 1) / page * page;
-        auto* start = static_cast<std::uint8_t*>(mmap(
-            nullptr, usable + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        EXPECT_NE(start, MAP_FAILED);
-        EXPECT_EQ(mprotect(start + usable, page, PROT_NONE), 0);
-        mappings_.emplace_back(start, usable + page);
-        std::uint8_t* plane = start + usable - bytes;
-        std::memset(plane, 128, bytes);
-        return plane;
-    }
-
-    std::vector<std::pair<void*, std::size_t>> mappings_;
+    test::GuardedMemory<std::uint8_t> luma_;
+    test::GuardedMemory<std::uint8_t> blue_;
+    test::GuardedMemory<std::uint8_t> red_;
 };
 
 TEST_F(DecodeThreadVp8, NarrowerPictureIsNotReadBeyondItsOwnPlanes) {

@@ -13,6 +13,7 @@ extern "C" {
 #include <system_error>
 #include <vector>
 
+#include "client/picture_format.h"
 #include "client/video_receiver.h"
 #include "tests/support/hook.h"
 #include "tests/support/set_up_hooks.h"
@@ -341,6 +342,12 @@ TEST_F(ReceiverSetUp, LiveReceiverHoldsWhatItMade) {
     EXPECT_EQ(peer.picture(), zeros);
     EXPECT_FALSE(peer.picture_ready());
     EXPECT_FALSE(peer.audio_enabled());
+}
+
+TEST_F(ReceiverSetUp, BothPicturesHaveRoomForTheConvertersOverrun) {
+    ASSERT_TRUE(receiver.init_for_udp(21, 9));
+    EXPECT_GE(peer.convert_buffer().capacity(), peer.convert_buffer().size() + kConverterOverrun);
+    EXPECT_GE(peer.picture().capacity(), peer.picture().size() + kConverterOverrun);
 }
 
 TEST_F(ReceiverSetUp, StandAloneModeHasUserIdZero) {
