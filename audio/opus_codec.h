@@ -5,7 +5,7 @@
 // Neither prints: every failure is a return value. Every call is safe on an empty wrapper.
 #pragma once
 
-#include <opus/opus.h>
+#include <opus.h>
 
 namespace vesper {
 

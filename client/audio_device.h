@@ -43,8 +43,8 @@ class AudioDevice {
     // when closed, or on a playback device.
     int read_samples(short* out, int max_samples);
 
-    // Queues `count` values for playback. Silently drops them when closed, when capturing
-    // and when SDL cannot queue them.
+    // Queues `count` values, 0 or more, for playback. Silently drops them when closed, when
+    // capturing and when SDL cannot queue them.
     void write_samples(const short* samples, int count);
 
     // Bytes waiting in SDL's queue; 0 when closed.

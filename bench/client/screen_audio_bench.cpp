@@ -2,7 +2,7 @@
 // beside bare opus_decode() of the same packets. In processor time: one thread does it all.
 #include <SDL2/SDL.h>
 #include <benchmark/benchmark.h>
-#include <opus/opus.h>
+#include <opus.h>
 
 #include <array>
 #include <cstddef>

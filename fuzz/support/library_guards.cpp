@@ -1,7 +1,7 @@
 #include "fuzz/support/library_guards.h"
 
 #include <SDL2/SDL_audio.h>
-#include <opus/opus.h>
+#include <opus.h>
 #include <time.h>
 
 extern "C" {

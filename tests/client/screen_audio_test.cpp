@@ -1,6 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <opus/opus.h>
+#include <opus.h>
 
 #include <algorithm>
 #include <array>

@@ -8,7 +8,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 }
 
-#include <opus/opus.h>
+#include <opus.h>
 #include <sys/socket.h>
 
 #include <array>
