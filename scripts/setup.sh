@@ -52,11 +52,8 @@ build() {
     cmake --build --preset "$1"
 }
 
-# What fails beside other tests on a busy machine gets one more run on its own; what fails then, too,
-# has failed. Both runs are in the output.
 run_tests() {
-    ctest --preset "$1" --parallel "$(nproc)" "${@:2}" ||
-        { echo "== once more, one at a time, $1" && ctest --preset "$1" --rerun-failed; }
+    ctest --preset "$1" --parallel "$(nproc)" "${@:2}"
 }
 
 start_virtual_display() {
