@@ -2,7 +2,7 @@
 // definition that both ends of the wire use.
 //
 // Every multi-byte number is little-endian and unaligned. Nothing carries a checksum, a magic value
-// or a version. Bytes behind a datagram's declared payload are ignored.
+// or a version. Bytes after a datagram's declared payload are ignored.
 //
 //   video fragment        0        28                    40
 //                         PacketHeader  VideoFragmentHeader   1 to 1400 bytes of an encoded frame
@@ -27,8 +27,8 @@ inline constexpr int kVideoFragmentHeaderSize = 12;                             
 inline constexpr int kVideoPayloadOffset = kPacketHeaderSize + kVideoFragmentHeaderSize;  // bytes
 
 // Largest slice of an encoded frame in one datagram: with the 40 header bytes and 28 bytes of IP
-// and UDP headers it stays below the 1500-byte Ethernet MTU, so a parent may relay a datagram that
-// it received from the network without cutting it again.
+// and UDP headers it stays below the 1500-byte Ethernet MTU, so a parent can relay a datagram that
+// it received from the network without splitting it.
 inline constexpr int kMaxFragmentPayload = 1400;  // bytes
 
 // Most fragments of one frame: 1.4 MB, far above a VP8 keyframe of a full-HD stream, and a bound on
@@ -42,7 +42,7 @@ inline constexpr std::uint8_t kScreenAudioFlag = 0x04;
 // the player never looks at them.
 struct PacketHeader {
     std::uint32_t sequence = 0;      // byte 20; screen audio only: counts the packets
-    std::uint16_t payload_size = 0;  // byte 24; screen audio only: 1 to all bytes behind the header
+    std::uint16_t payload_size = 0;  // byte 24; screen audio only: 1 to all bytes after the header
     std::uint8_t flags = 0;          // byte 26; only kScreenAudioFlag is read
 };
 
@@ -64,7 +64,7 @@ struct VideoFragmentHeader {
 void write_packet_header(const PacketHeader& header, std::uint8_t* datagram);
 void write_video_fragment_header(const VideoFragmentHeader& header, std::uint8_t* datagram);
 
-// Where the parent application is: both ends run on one machine.
+// The parent application's address: both ends run on the same machine.
 inline constexpr const char* kParentHost = "127.0.0.1";
 
 // "KFRQ": the player asks for a keyframe.
@@ -72,8 +72,8 @@ inline constexpr std::array<std::uint8_t, 4> kKeyframeRequest = {'K', 'F', 'R', 
 
 inline constexpr std::size_t kAudioStateSize = 9;  // bytes
 
-// What "AUDS" tells: the mute state and the volume that the user chose, 0.0 to 1.0, which is kept
-// (and reported) while muted.
+// The content of "AUDS": the mute state and the volume that the user chose, 0.0 to 1.0, which is
+// kept (and reported) while muted.
 struct AudioState {
     bool muted = false;
     float volume = 1.0F;

@@ -70,7 +70,7 @@ bool UDPSocket::bind(std::uint16_t port) {
     return true;
 }
 
-// Reports errno against `failed_call`, then gives the half-made socket back to the system.
+// Reports errno for `failed_call`, then closes the half-made socket.
 bool UDPSocket::fail_bind(const char* failed_call) {
     std::fprintf(stderr, "[UDPSocket] %s failed: %s\n", failed_call, std::strerror(errno));
     ::close(fd);
@@ -105,7 +105,7 @@ int UDPSocket::recv(void* buffer, std::size_t capacity, int timeout_ms) {
         pollfd readable{.fd = fd, .events = POLLIN, .revents = 0};
         const int ready = ::poll(&readable, 1, timeout_ms);
         if (ready < 0) {
-            return -1;  // interrupted waits count as errors; the caller simply comes again
+            return -1;  // an interrupted wait counts as an error; the caller simply retries
         }
         if (ready == 0) {
             return 0;

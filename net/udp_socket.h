@@ -20,7 +20,7 @@ void socket_cleanup();
 namespace vesper {
 
 // Owns one socket descriptor. No locks: all calls come from one thread. Every failure is reported
-// by the return value and, except where said otherwise, by one line on standard error.
+// by the return value and, unless stated otherwise, by one line on standard error.
 class UDPSocket {
   public:
     UDPSocket() = default;
@@ -29,9 +29,9 @@ class UDPSocket {
     UDPSocket(const UDPSocket&) = delete;
     UDPSocket& operator=(const UDPSocket&) = delete;
 
-    // Creates the socket, makes it non-blocking and binds it to 127.0.0.1:`port`. Port 0 lets the
-    // system choose; get_bound_port() then tells which. On failure returns false, prints one line
-    // that names the failed call, and holds no socket. On an object that already holds a socket it
+    // Creates the socket, makes it non-blocking and binds it to 127.0.0.1:`port`. With port 0 the
+    // system chooses one; get_bound_port() returns it. On failure returns false, prints one line
+    // that names the failed call, and has no socket. On an object that already has a socket it
     // prints a line, returns false and leaves that socket as it is.
     [[nodiscard]] bool bind(std::uint16_t port);
 
@@ -54,7 +54,7 @@ class UDPSocket {
     // Local port in host byte order; 0 while unknown.
     [[nodiscard]] std::uint16_t get_bound_port() const { return bound_port; }
 
-    // True while a descriptor is held.
+    // True while the object owns a descriptor.
     [[nodiscard]] bool is_valid() const { return fd != kNoSocket; }
 
     // Closes the socket, if any, and forgets its port. The object can be bound again.

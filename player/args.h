@@ -1,4 +1,4 @@
-// The command line: everything the player is ever told besides the stream itself.
+// The command line: the player's only input besides the stream itself.
 #pragma once
 
 #include <cstdint>

@@ -67,7 +67,7 @@ void draw_slider(SDL_Renderer* renderer, int w, int cy, float level) {
 }
 
 // Four corner marks, each a horizontal and a vertical arm. To enter fullscreen they sit on the
-// box's corners and point inward; to leave it they stand an arm further in, left and right, and
+// box's corners and point inward; to leave it they are one arm further in, left and right, and
 // their horizontal arms point outward.
 void draw_fullscreen_icon(SDL_Renderer* renderer, int w, int cy, bool fullscreen) {
     constexpr int half_height = control_bar::kFullscreenIconHeight / 2;

@@ -1,6 +1,6 @@
-// Where the elements of the control bar lie, once for drawing and for hit-testing. All in window
-// pixels from the top left; the bar spans the bottom edge of a window of `w` x `h`, and everything
-// on it is placed about its centre line.
+// The geometry of the control bar, shared by drawing and hit-testing. All in window pixels from the
+// top left; the bar spans the bottom edge of a window of `w` x `h`, and everything on it is centred
+// on its centre line.
 #pragma once
 
 #include <algorithm>
@@ -29,7 +29,7 @@ inline constexpr int kMuteButtonRight = 44;  // exclusive; a gap of 4 before the
 inline constexpr int kTrackX = 48;
 inline constexpr int kTrackThickness = 6;
 inline constexpr int kTrackMaxLength = 300;  // three pixels a per cent
-inline constexpr int kTrackMinLength = 40;   // still to be hit in the smallest window
+inline constexpr int kTrackMinLength = 40;   // large enough to hit in the smallest window
 // 48 to the track's left, 22 to its right. In a window of less than 388 the fullscreen button,
 // which is tested first, covers the track's end.
 inline constexpr int kTrackReserved = 70;
@@ -43,7 +43,7 @@ inline constexpr int kKnobSize = 12;
     return kTrackX <= x && x <= kTrackX + track_length(w);
 }
 
-// Volume, 0.0 to 1.0, that the slider shows at `x`, wherever that is.
+// Volume, 0.0 to 1.0, of the slider position `x`, clamped for an `x` off the track.
 [[nodiscard]] constexpr float volume_at(int x, int w) {
     return std::clamp(static_cast<float>(x - kTrackX) / static_cast<float>(track_length(w)), 0.0F,
                       1.0F);

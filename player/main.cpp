@@ -27,13 +27,13 @@ namespace {
 // mouse at once.
 constexpr int kReceiveWait = 5;  // ms
 
-// The bar goes this long after the last activity.
+// The bar disappears this long after the last activity.
 constexpr std::uint32_t kBarTimeout = 2000;  // ms
 
 // The first activity is dated this far ahead; see hide_idle_bar().
 constexpr std::uint32_t kBarStartLead = 3000;  // ms
 
-// Gives the processor away once a pass, also when datagrams keep the receive from waiting.
+// Yields the processor once a pass, even when datagrams keep the receive from waiting.
 constexpr std::uint32_t kPassPause = 1;  // ms
 
 void prepare_process() {
@@ -81,7 +81,7 @@ void receive_datagram(PlayerState& state, UDPSocket& socket, VideoReceiver& rece
     }
 }
 
-// Without a parent the receiver is not even asked: its wish stays pending.
+// Without a parent the receiver is not even asked: its request stays pending.
 void request_keyframe(const Args& args, UDPSocket& socket, VideoReceiver& receiver) {
     if (args.parent_port == 0 || !receiver.needs_keyframe_request()) {
         return;
@@ -92,8 +92,9 @@ void request_keyframe(const Args& args, UDPSocket& socket, VideoReceiver& receiv
                 unsigned{args.parent_port});
 }
 
-// The unsigned difference is meant: at start the last activity lies in the future, the difference
-// wraps to a large number, and the bar goes after the first pass unless the user did something.
+// The unsigned difference is intended: at start the last activity lies in the future, the
+// difference wraps to a large number, and the bar disappears after the first pass unless the user
+// did something.
 void hide_idle_bar(PlayerState& state) {
     if (!state.bar_visible || state.volume_dragging) {
         return;

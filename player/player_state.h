@@ -1,4 +1,4 @@
-// What the main loop and the window's controls know. Main thread only.
+// The state that the main loop and the window's controls share. Main thread only.
 #pragma once
 
 #include <SDL2/SDL_video.h>
@@ -29,9 +29,9 @@ struct PlayerState {
     int saved_window_h = 0;
 
     float zoom_level = 1.0F;  // magnification, 1.0 to 10.0
-    // Centre of the view as a share of the frame. Panning keeps it within 0.0 to 1.0; zooming out
-    // moves it away from the pointer, beyond that if need be, zooming in towards the pointer. Only
-    // the rectangle made of it is clamped.
+    // Centre of the view as a fraction of the frame. Panning keeps it within 0.0 to 1.0; zooming
+    // out moves it away from the pointer, beyond these bounds if need be, and zooming in moves it
+    // towards the pointer. Only the rectangle computed from it is clamped.
     float zoom_center_x = 0.5F;
     float zoom_center_y = 0.5F;
     bool panning = false;  // right button pressed while zoomed, not yet released

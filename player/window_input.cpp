@@ -47,8 +47,8 @@ struct ViewSpan {
 
 ViewSpan view_span(float center, int frame, float zoom) {
     const int size = std::max(view_size(frame, zoom), 1);
-    // Clamped first: the wheel may carry the centre so far out of the frame that no int holds the
-    // edge.
+    // Clamped first: the wheel can move the centre so far out of the frame that the edge does not
+    // fit an int.
     const float edge =
         std::clamp(view_edge(center, frame, size), 0.0F, static_cast<float>(frame - size));
     // And clamped as an int: a float above 2^24 may have been rounded up.
@@ -129,7 +129,7 @@ void WindowInput::toggle_fullscreen() {
         SDL_GetWindowSize(window, &state_.saved_window_w, &state_.saved_window_h);
         SDL_SetWindowFullscreen(window, SDL_WINDOW_FULLSCREEN_DESKTOP);
     }
-    // Flipped whatever SDL answered: the next press then tries the other way.
+    // Flipped even if SDL fails: the next press then tries the other way.
     state_.is_fullscreen = !state_.is_fullscreen;
 }
 
@@ -158,7 +158,7 @@ void WindowInput::toggle_mute() {
     report_audio_state();
 }
 
-// While muted the receiver stays silent, but the parent learns of the choice.
+// While muted the receiver stays silent, but the choice is reported to the parent.
 void WindowInput::change_volume(float volume) {
     state_.volume = volume;
     if (!state_.muted) {
@@ -180,7 +180,7 @@ void WindowInput::center_view() {
     state_.zoom_center_y = 0.5F;
 }
 
-// Zooms one step, whatever the wheel's amount, keeping the frame point under the pointer in place.
+// Zooms one step, however far the wheel turned, keeping the frame point under the pointer in place.
 void WindowInput::on_wheel(const SDL_MouseWheelEvent& wheel) {
     int mouse_x = 0;
     int mouse_y = 0;
@@ -246,8 +246,8 @@ void WindowInput::on_right_button_down(const SDL_MouseButtonEvent& button) {
     }
 }
 
-// What is not on the screen cannot be clicked, and double clicks follow the same rule. The
-// fullscreen button goes first where a narrow window lets the slider reach under it.
+// While the bar is hidden, neither clicks nor double clicks do anything. The fullscreen button is
+// tested first, because in a narrow window the slider reaches under it.
 void WindowInput::on_left_button_down(const SDL_MouseButtonEvent& button) {
     if (!state_.bar_visible || state_.window == nullptr) {
         return;

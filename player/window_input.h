@@ -3,7 +3,7 @@
 // Every change of the audio state is applied to the receiver at once (volume 0 while muted) and
 // reported to the parent application, slider drags at every motion.
 //
-//   mouse motion               shows the bar; pans or drags the slider where one of them is held
+//   mouse motion               shows the bar; continues a pan or a drag of the slider
 //   wheel                      zooms about the pointer
 //   right button, drag         pans the zoomed view
 //   left button on the bar     mute button, slider (both only with audio), fullscreen button
@@ -26,7 +26,7 @@
 #include "player/player_state.h"
 
 // Sends the audio state message to 127.0.0.1:`parent_port`: `muted` and the chosen `volume`, which
-// travels also while muted. Does nothing for port 0. The send's result is not looked at.
+// is sent even while muted. Does nothing for port 0. The send's result is ignored.
 void send_audio_state(vesper::UDPSocket& socket, std::uint16_t parent_port, bool muted,
                       float volume);
 
@@ -37,7 +37,7 @@ class WindowInput {
                 vesper::UDPSocket& socket)
         : args_(args), state_(state), receiver_(receiver), socket_(socket) {}
 
-    // Acts on one polled event. Window ids, key repeats and modifiers are not looked at.
+    // Acts on one polled event. Window ids, key repeats and modifiers are ignored.
     void handle_event(const SDL_Event& event);
 
     // Pushes zoom level and centre into the receiver as a rectangle inside the frame.
@@ -46,7 +46,7 @@ class WindowInput {
     // Switches between desktop fullscreen and the window's earlier size and position.
     void toggle_fullscreen();
 
-    // Gives the receiver the chosen volume, or 0 while muted.
+    // Sets the receiver's volume to the chosen one, or to 0 while muted.
     void apply_audio_state();
 
   private:
