@@ -607,7 +607,7 @@ TEST_F(OpusCodec, AToneSurvivesTheRoundTrip) {
     EXPECT_LE(crossings, 18);
 }
 
-TEST_F(OpusCodec, ConcealmentGoesOnWithWhatWasHeard) {
+TEST_F(OpusCodec, ConcealmentContinuesWhatWasHeard) {
     Pcm pcm;
     for (int i = 0; i < 10; ++i) {
         EXPECT_EQ(decode(encode(tone()), pcm), kFrameSize);

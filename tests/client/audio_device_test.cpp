@@ -136,7 +136,7 @@ TEST_F(AudioDeviceTest, OpenStoresTheModeBeforeTheAttempt) {
     EXPECT_THAT(calls, ElementsAre("mode 0", "pause 7 0"));
 }
 
-TEST_F(AudioDeviceTest, OpenedLineTellsTheObtainedFormat) {
+TEST_F(AudioDeviceTest, OpenedLineNamesTheObtainedFormat) {
     hook_SDL_OpenAudioDevice = [](auto, auto, auto, SDL_AudioSpec* obtained, auto) {
         obtained->freq = 44100;
         obtained->channels = 6;
@@ -372,7 +372,7 @@ TEST_F(AudioDeviceTest, QueueAndPauseCallsOnAClosedDeviceAreSilentNoOps) {
 
 // ---- list_devices ----
 
-TEST_F(AudioDeviceTest, ListTellsTheNamesInSdlsOrderAndSkipsTheNameless) {
+TEST_F(AudioDeviceTest, ListHasTheNamesInSdlsOrderAndSkipsTheNameless) {
     for (const auto mode : {AudioDevice::Capture, AudioDevice::Playback}) {
         const int wanted_iscapture = mode == AudioDevice::Capture ? 1 : 0;
         hook_SDL_GetNumAudioDevices = [&](int iscapture) {

@@ -509,7 +509,7 @@ TEST_F(DecodeThreadShorterPicture, ThatShrinksJustShortOfThatIsConverted) {
     EXPECT_THAT(calls_for_picture_of(2, 2), testing::HasSubstr("sws_scale("));
 }
 
-TEST_F(DecodeThread, FailedConversionIsNotLookedAt) {
+TEST_F(DecodeThread, ResultOfTheConversionIsIgnored) {
     hook_sws_scale = [](auto...) { return AVERROR(EINVAL); };
     queue({good(1)});
     run();

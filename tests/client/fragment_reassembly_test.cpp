@@ -253,7 +253,7 @@ TEST_F(FragmentReassembly, BytesThatAreTheSendersOwnChangeNothing) {
     EXPECT_EQ(peer.last_completed_frame_id(), 5U);
 }
 
-TEST_F(FragmentReassembly, BytesBehindTheDeclaredPayloadAreIgnored) {
+TEST_F(FragmentReassembly, BytesAfterTheDeclaredPayloadAreIgnored) {
     expect_delivered(FragmentBuilder().payload({1, 2, 3, 4, 5}).declared_payload_size(3).build(),
                      {1, 2, 3});
 }
@@ -334,7 +334,7 @@ TEST_F(FragmentReassembly, CountsOfLaterFragmentsAreStillRangeChecked) {
     EXPECT_EQ(peer.partial_frames().at(1).received_fragments, 1);
 }
 
-TEST_F(FragmentReassembly, IndexOutOfRangeMakesTheEntryAllTheSame) {
+TEST_F(FragmentReassembly, IndexOutOfRangeStillMakesTheEntry) {
     EXPECT_EQ(printed_by([&] { deliver(fragment(5, 3, 3)); }), kNothing);
     ASSERT_THAT(pending_ids(), ElementsAre(5U));
     const auto& frame = peer.partial_frames().at(5);

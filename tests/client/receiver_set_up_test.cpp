@@ -320,7 +320,7 @@ TEST_F(ReceiverSetUp, InApplicationModeHandsTheFocusBackRightAfterItsWindowIsMad
                       "out: [VideoReceiver] Started: watching nia (1280x720)\n", kStartThread}));
 }
 
-TEST_F(ReceiverSetUp, LiveReceiverHoldsWhatItMade) {
+TEST_F(ReceiverSetUp, LiveReceiverOwnsWhatItMade) {
     EXPECT_TRUE(receiver.start(7, "nia", 64, 36, nullptr));
     EXPECT_TRUE(peer.running());
     EXPECT_FALSE(peer.cleanup_done());

@@ -643,7 +643,7 @@ TEST_F(ScreenAudioWithOpus, ATonePlaysAsItWasEncoded) {
     }
 }
 
-TEST_F(ScreenAudioWithOpus, ConcealmentGoesOnWithTheTone) {
+TEST_F(ScreenAudioWithOpus, ConcealmentContinuesTheTone) {
     for (std::uint32_t sequence = 1; sequence <= 10; ++sequence) {
         deliver(packet(sequence, next_opus_packet()));
     }

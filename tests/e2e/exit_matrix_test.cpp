@@ -103,7 +103,7 @@ class ExitMatrix : public ExitMatrixTest,
     }
 };
 
-TEST_P(ExitMatrix, NormalEndTellsEveryStepAndHasStatusZero) {
+TEST_P(ExitMatrix, NormalEndReportsEveryStepAndHasStatusZero) {
     start_and_show_a_picture();
     end_normally();
     expect_end_of_normal_run();
@@ -167,7 +167,7 @@ TEST_F(ExitMatrixTest, TheRendererOnX11WithoutAGraphicsDeviceIsSdlsOwn) {
 
 // A renderer that is asked for and missing is SDL's software renderer, so a cell of the matrix is
 // there when the player got what was asked for.
-TEST_F(ExitMatrixTest, ATableTellsWhichCellsExistHere) {
+TEST_F(ExitMatrixTest, ATableShowsWhichCellsExistHere) {
     std::ostringstream table;
     for (const char* video_driver : kVideoDrivers) {
         table << "  " << std::left << std::setw(12) << video_driver;

@@ -143,7 +143,7 @@ TEST(StandInParentTest, FeedsAPlayerThatRunsAlready) {
     }));
 }
 
-TEST(StandInParentTest, TellsThePlayerOfItsStream) {
+TEST(StandInParentTest, DescribesTheStreamToThePlayer) {
     StandInParent parent({"--size", "480x240", "--username", "Ann", "--no-sound"});
     EXPECT_TRUE(parent.says("for streamer 1 (Ann, 480x240, audio=no)\n"));
     EXPECT_TRUE(eventually([&] { return parent.window().title() == "Stream: Ann"; }));

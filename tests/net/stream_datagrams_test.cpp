@@ -81,7 +81,7 @@ TEST(PacketHeader, BytesOfTheSenderAreOpaque) {
     }
 }
 
-TEST(PacketHeader, WritingZeroesTheSendersBytesAndTouchesNothingBehind) {
+TEST(PacketHeader, WritingZeroesTheSendersBytesAndTouchesNothingAfter) {
     Datagram bytes = numbered_bytes();
     vesper::write_packet_header({.sequence = 0x04030201, .payload_size = 0x0605, .flags = 0x04},
                                 bytes.data());

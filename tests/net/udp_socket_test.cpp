@@ -283,7 +283,7 @@ INSTANTIATE_TEST_SUITE_P(Command, UdpSocketFcntl, testing::Values(F_GETFL, F_SET
                              return command.param == F_GETFL ? "GetFlags" : "SetFlags";
                          });
 
-TEST_F(UdpSocket, APortHeldByAnotherSocketFailsAndAFreePortStillBinds) {
+TEST_F(UdpSocket, APortInUseFailsAndAFreePortStillBinds) {
     UDPSocket holder;
     ASSERT_TRUE(holder.bind(0));
     UDPSocket socket;

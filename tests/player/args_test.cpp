@@ -99,7 +99,7 @@ TEST_F(CommandLine, PortAsTheLastWordIsSkippedAndFails) {
 }
 
 // A failure keeps what the other options said.
-TEST_F(CommandLine, OtherOptionsAreReadAlsoWithoutPort) {
+TEST_F(CommandLine, OtherOptionsAreReadEvenWithoutPort) {
     EXPECT_FALSE(parse({"--width", "640", "--username", "Ann"}));
     EXPECT_EQ(printed_, kPortRequired);
     EXPECT_EQ(args_.width, 640);
@@ -172,7 +172,7 @@ TEST_F(CommandLine, StreamerIdOfMinusOneIsTheLargestNumber) {
     EXPECT_EQ(args_.streamer_id, 4294967295U);
 }
 
-TEST_F(CommandLine, UsernameIsCopiedAsItStands) {
+TEST_F(CommandLine, UsernameIsCopiedVerbatim) {
     EXPECT_TRUE(parse_with_port({"--username", " Änn % \"x\" "}));
     EXPECT_EQ(args_.username, " Änn % \"x\" ");
     EXPECT_TRUE(parse_with_port({"--username", ""}));

@@ -270,7 +270,7 @@ TEST_F(ControlBar, IsPlacedFromTheWindowsBottomAndRightEdges) {
                                                                     "line 180 708 180 704"}));
 }
 
-TEST_F(ControlBar, AWindowWithoutSizeIsDrawnAllTheSame) {
+TEST_F(ControlBar, IsDrawnEvenInAWindowWithoutSize) {
     EXPECT_THAT(draw(0, 0, false, 1.0F, false), ElementsAreArray({"blend 1",
                                                                   "color 0 0 0 180",
                                                                   "rect 0 -36 0 36",
@@ -306,7 +306,7 @@ TEST_F(ControlBar, AWindowWithoutSizeIsDrawnAllTheSame) {
                                                                   "line -16 -12 -16 -16"}));
 }
 
-TEST_F(ControlBar, IsDrawnWholeWhateverSdlAnswers) {
+TEST_F(ControlBar, IsDrawnWholeEvenIfSdlFails) {
     const Calls accepted = draw_audible(0.75F);
     record_calls(-1);
     EXPECT_EQ(draw_audible(0.75F), accepted);

@@ -447,7 +447,7 @@ TEST_F(PlayerMain, StartsLoopsAndShutsDownInOrder) {
             "~VideoReceiver"));
 }
 
-TEST_F(PlayerMain, WithoutAudioTheVolumeIsSetAndTheBarDrawnAllTheSame) {
+TEST_F(PlayerMain, WithoutAudioTheVolumeIsStillSetAndTheBarDrawn) {
     EXPECT_EQ(run_plain(), 0);
     EXPECT_THAT(
         calls_,
@@ -496,7 +496,7 @@ TEST_F(PlayerMain, WithoutAWindowThereIsNoTitleButTheOverlay) {
     EXPECT_EQ(bar_drawn(), (std::vector{true}));
 }
 
-TEST_F(PlayerMain, WhatSocketInitAnswersDoesNotMatter) {
+TEST_F(PlayerMain, ResultOfSocketInitIsIgnored) {
     socket_init_result_ = false;
     EXPECT_EQ(run_plain(), 0);
     EXPECT_THAT(calls_, Contains("bind 5000"));
@@ -591,7 +591,7 @@ TEST_F(PlayerMain, WithoutDatagramsTheLoopGoesOn) {
     EXPECT_EQ(count("SDL_Delay 1"), 1001);
 }
 
-TEST_F(PlayerMain, AllEventsOfAPassAreDrainedAlsoBehindAQuit) {
+TEST_F(PlayerMain, AllEventsOfAPassAreDrainedEvenAfterAQuit) {
     passes_ = {{event_of(SDL_QUIT), key_event(SDLK_m), event_of(SDL_USEREVENT)}};
     run({"--port", "5000", "--has-audio", "--parent-port", "6000"});
     EXPECT_THAT(
@@ -661,7 +661,7 @@ TEST_F(PlayerMainDatagram, Of27BytesReachesNoHandler) {
 }
 
 // What an earlier datagram left in the buffer is not taken for the end of a short one.
-TEST_F(PlayerMainDatagram, Of27BytesBehindALongerOneReachesNoHandler) {
+TEST_F(PlayerMainDatagram, Of27BytesAfterALongerOneReachesNoHandler) {
     datagrams_ = {datagram(100, vesper::kScreenAudioFlag), datagram(27, 0)};
     passes_.resize(1);
     run_plain();
@@ -745,7 +745,7 @@ TEST_F(PlayerMainKeyframe, IsAskedForInEveryPassThatWantsOne) {
     EXPECT_EQ(count("out: [VideoPlayer] Sent keyframe request to parent (port 6000)\n"), 5);
 }
 
-TEST_F(PlayerMainKeyframe, WithoutParentTheWishStaysPending) {
+TEST_F(PlayerMainKeyframe, WithoutParentTheRequestStaysPending) {
     receiver_wants_keyframe_ = true;
     passes_.resize(2);
     run_plain();
@@ -757,7 +757,7 @@ TEST_F(PlayerMainKeyframe, WithoutParentTheWishStaysPending) {
     }
 }
 
-TEST_F(PlayerMainKeyframe, TheLineIsWrittenWhateverSendAnswers) {
+TEST_F(PlayerMainKeyframe, TheLineIsWrittenWhateverSendReturns) {
     receiver_wants_keyframe_ = true;
     send_result_ = -1;
     passes_.resize(2);
@@ -795,7 +795,7 @@ TEST_F(PlayerMainSocket, TheParentReceivesFourBytes) {
     EXPECT_THAT(message, ElementsAre(0x4B, 0x46, 0x52, 0x51));
 }
 
-TEST_F(PlayerMainSocket, TheLineFollowsAlsoAFailedSend) {
+TEST_F(PlayerMainSocket, TheLineFollowsEvenAFailedSend) {
     receiver_wants_keyframe_ = true;
     hook_sendto = [](auto...) {
         errno = ECONNREFUSED;
@@ -906,7 +906,7 @@ TEST_F(PlayerMainBar, SurvivesTheWrapOfTheTicks) {
     EXPECT_EQ(bar_drawn(), (std::vector{true, true, true, true, true, false}));
 }
 
-TEST_F(PlayerMainBar, IsHiddenAtTheFirstPassAlsoWhenTheStartWraps) {
+TEST_F(PlayerMainBar, IsHiddenAtTheFirstPassEvenWhenTheStartWraps) {
     run_at({0xFFFF'FC18, 0xFFFF'FC19, 0xFFFF'FC1A});
     EXPECT_EQ(bar_drawn(), (std::vector{true, false, false}));
 }
@@ -980,7 +980,7 @@ class PlayerMainOnDummyDrivers : public PlayerMainSocket {
     bool running_at_destruction_ = false;
 };
 
-TEST_F(PlayerMainOnDummyDrivers, TheReceiverIsStoppedBehindSdlQuit) {
+TEST_F(PlayerMainOnDummyDrivers, TheReceiverIsStoppedAfterSdlQuit) {
     passes_.resize(3);
     EXPECT_EQ(run({"--port", std::to_string(port_), "--username", "Ann", "--has-audio", "--width",
                    "640", "--height", "360"}),

@@ -543,7 +543,7 @@ TEST_F(StartUpFaults, AWindowThatIsNotFoundAgainGetsNoTitle) {
                                 "SDL_GetWindowFromID fails\n"));
 }
 
-TEST_F(StartUpFaults, AWindowWithoutIdGetsNoTitleAndIsReleasedAllTheSame) {
+TEST_F(StartUpFaults, AWindowWithoutIdGetsNoTitleAndIsStillReleased) {
     transcript_.emplace();
     EXPECT_EQ(run("SDL_GetWindowID"), 0);
     std::string expected = replaced(whole_run(), "SDL_GetWindowID\n", "SDL_GetWindowID fails\n");

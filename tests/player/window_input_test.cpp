@@ -370,7 +370,7 @@ TEST_F(WindowEvents, OtherKeysAreIgnored) {
     EXPECT_THAT(take_calls(), IsEmpty());
 }
 
-TEST_F(WindowEvents, WindowIdRepeatAndModifiersAreNotLookedAt) {
+TEST_F(WindowEvents, WindowIdRepeatAndModifiersAreIgnored) {
     SDL_Event event = key_event(SDLK_m);
     event.key.windowID = 99;
     event.key.repeat = 1;
@@ -402,7 +402,7 @@ TEST_F(AudioStateReport, LeavesThroughTheStreamsOwnSocket) {
                 ElementsAre(0x41, 0x55, 0x44, 0x53, 0x01, 0x00, 0x00, 0x00, 0x3F));
 }
 
-TEST_F(AudioStateReport, CarriesTheVolumeAlsoWhileMuted) {
+TEST_F(AudioStateReport, CarriesTheVolumeEvenWhileMuted) {
     send_audio_state(socket_, kParentPort, true, 0.75F);
     send_audio_state(socket_, kParentPort, false, 0.25F);
     EXPECT_THAT(take_reports(), ElementsAre(Report{true, 0.75F}, Report{false, 0.25F}));
@@ -588,7 +588,7 @@ TEST_F(Fullscreen, LeavingRestoresSizeThenPosition) {
     EXPECT_FALSE(state_.is_fullscreen);
 }
 
-TEST_F(Fullscreen, FlipsWhateverSdlAnswers) {
+TEST_F(Fullscreen, FlipsEvenIfSdlFails) {
     fullscreen_result_ = -1;
     EXPECT_EQ(printed_by([&] { input_.toggle_fullscreen(); }), kNothing);
     EXPECT_TRUE(state_.is_fullscreen);
@@ -1097,7 +1097,7 @@ TEST_F(WheelZoom, OneStepWhateverTheAmount) {
     EXPECT_EQ(state_.zoom_level, 4.0F);
 }
 
-TEST_F(WheelZoom, HorizontalAmountAndDirectionAreNotLookedAt) {
+TEST_F(WheelZoom, HorizontalAmountAndDirectionAreIgnored) {
     mouse_x_ = 640;
     mouse_y_ = 360;
     SDL_Event event = event_of(SDL_MOUSEWHEEL);
@@ -1340,7 +1340,7 @@ TEST_F(Pan, EndsWithTheRightButton) {
     EXPECT_EQ(state_.pan_last_x, 100);
 }
 
-TEST_F(Pan, GoesOnAfterTheZoomCameBack) {
+TEST_F(Pan, ContinuesAfterTheZoomCameBack) {
     press_right(100, 100);
     press_key(SDLK_r);
     EXPECT_TRUE(state_.panning);

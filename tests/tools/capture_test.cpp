@@ -89,7 +89,7 @@ TEST_F(Capture, GivesBackEveryDatagramOfBothDirectionsInOrder) {
                                       datagram(kPlayerPort, kParentPort, audio_state_)));
 }
 
-TEST_F(Capture, HoldsTheTimeOfEachDatagram) {
+TEST_F(Capture, StoresTheTimeOfEachDatagram) {
     const auto now = [] {
         return std::chrono::duration_cast<microseconds>(system_clock::now().time_since_epoch());
     };
@@ -132,7 +132,7 @@ TEST_F(Capture, StoresEachDatagramAsAnIpPacketBetweenLoopbackAddresses) {
                     0x41, 0x55, 0x44, 0x53, 0x01, 0x00, 0x00, 0x00, 0x3F}));
 }
 
-TEST_F(Capture, HoldsTheLargestDatagramThatUdpKnows) {
+TEST_F(Capture, StoresTheLargestDatagramThatUdpAllows) {
     const Datagram largest(65'507, 0xFF);
     {
         CaptureWriter writer;

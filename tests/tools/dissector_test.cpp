@@ -148,7 +148,7 @@ TEST_F(Dissector, NamesEveryFieldOfAVideoFragment) {
     EXPECT_EQ(dissected(kFragmentFields, kWithPort), "16909060|258|772|3|0x1234|aabbcc|ee\n");
 }
 
-TEST_F(Dissector, TellsWhatTheFirstFragmentSaysOfItsFrame) {
+TEST_F(Dissector, ShowsWhatTheFirstFragmentDeclaresOfItsFrame) {
     to_player(FragmentBuilder().of(2).payload(kKeyframeStart).build());
     to_player(FragmentBuilder().of(2).index(1).payload(kKeyframeStart).build());
     to_player(FragmentBuilder().frame(2).payload(kInterframeStart).build());
@@ -188,7 +188,7 @@ TEST_F(Dissector, SumsUpEachDatagramInOneLine) {
               "Vesper|Audio state: muted, volume 0.50\n");
 }
 
-TEST_F(Dissector, SaysWhyThePlayerDropsADatagram) {
+TEST_F(Dissector, ExplainsWhyThePlayerDropsADatagram) {
     to_player(Datagram(27));
     to_player(Datagram(39));
     to_player(FragmentBuilder().of(0).build());
@@ -226,7 +226,7 @@ TEST_F(Dissector, SaysWhyThePlayerDropsADatagram) {
               "The player drops this datagram: the payload is not all there\n");
 }
 
-TEST_F(Dissector, LeavesDatagramsOfAnotherShapeAloneUnlessToldThePort) {
+TEST_F(Dissector, LeavesDatagramsOfAnotherShapeAloneUnlessThePortIsConfigured) {
     to_player(FragmentBuilder().declared_payload_size(2).build());
     to_player(FragmentBuilder().payload_of_size(1401).build());
     to_player(FragmentBuilder().of(1001).build());
@@ -245,7 +245,7 @@ TEST_F(Dissector, LeavesDatagramsOfAnotherShapeAloneUnlessToldThePort) {
               "Vesper\nVesper\nVesper\nVesper\nVesper\nVesper\nVesper\nVesper\nVesper\n");
 }
 
-TEST_F(Dissector, TakesAPortFromAnotherProtocolWhenToldIt) {
+TEST_F(Dissector, TakesAPortFromAnotherProtocolWhenConfigured) {
     to_player(FragmentBuilder().build(), kClaimedPort);
     EXPECT_NE(dissected({"_ws.col.Protocol"}), "Vesper\n");
     EXPECT_EQ(dissected({"_ws.col.Protocol"}, "-o vesper.ports:46000-47010"), "Vesper\n");

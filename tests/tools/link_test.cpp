@@ -61,7 +61,7 @@ TEST_F(LinkTest, StoppingForgetsWhatWaits) {
     EXPECT_EQ(link.counters().datagrams_sent, 0U);
 }
 
-TEST_F(LinkTest, TellsOfKeyframeRequestsAndAudioStates) {
+TEST_F(LinkTest, ReportsKeyframeRequestsAndAudioStates) {
     Link link;
     ASSERT_TRUE(link.open(0, player.port()));
     std::atomic<int> requests = 0;

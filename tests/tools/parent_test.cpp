@@ -168,7 +168,7 @@ bool ended(pid_t pid) {
     return !(stat >> number >> name >> state) || state == "Z";
 }
 
-TEST_F(ParentTest, TellsThePlayerEverythingOnItsCommandLine) {
+TEST_F(ParentTest, PassesEverythingToThePlayerOnItsCommandLine) {
     Parent parent({"--player", talkative_player(), "--username", "Ann B", "--volume", "0.5",
                    "--muted", "--listen", "45678"});
     EXPECT_EQ(parent.status(), 0);
@@ -182,7 +182,7 @@ TEST_F(ParentTest, TellsThePlayerEverythingOnItsCommandLine) {
                                    "--audio-volume", "0.500000", "--has-audio", "--audio-muted"));
 }
 
-TEST_F(ParentTest, TellsThePlayerWhenThereIsNoSound) {
+TEST_F(ParentTest, StartsThePlayerWithoutSoundWhenThereIsNone) {
     Parent parent({"--player", talkative_player(), "--no-sound"});
     EXPECT_EQ(parent.status(), 0);
     EXPECT_THAT(parent.out(), Not(Contains("--has-audio")));
@@ -196,7 +196,7 @@ TEST_F(ParentTest, ThePlayersStreamerIsTheFileWhereNoNameIsGiven) {
     EXPECT_THAT(parent.out(), Contains("film.mkv"));
 }
 
-TEST_F(ParentTest, TellsThePlayerWhatSizeAndSoundACaptureHas) {
+TEST_F(ParentTest, StartsThePlayerWithTheSizeAndSoundOfACapture) {
     const std::string file = folder_.file("loud.pcap");
     ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, true));
     Parent parent({"--player", talkative_player(), "--replay", file}, {});
@@ -212,7 +212,7 @@ TEST_F(ParentTest, CountsTheFramesOfACapture) {
     EXPECT_THAT(parent.out().back(), HasSubstr("  1 frames in 2 datagrams, "));
 }
 
-TEST_F(ParentTest, TellsThePlayerWhenACaptureHasNoSound) {
+TEST_F(ParentTest, StartsThePlayerWithoutSoundForASilentCapture) {
     const std::string file = folder_.file("silent.pcap");
     ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, false));
     Parent parent({"--player", talkative_player(), "--replay", file}, {});
@@ -220,7 +220,7 @@ TEST_F(ParentTest, TellsThePlayerWhenACaptureHasNoSound) {
     EXPECT_THAT(parent.out(), Not(Contains("--has-audio")));
 }
 
-TEST_F(ParentTest, TellsThePlayerTheSizeAskedForInsteadOfTheCaptures) {
+TEST_F(ParentTest, StartsThePlayerWithTheSizeAskedForInsteadOfTheCaptures) {
     const std::string file = folder_.file("large.pcap");
     ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, false));
     Parent parent({"--player", talkative_player(), "--replay", file}, {"--size", "642x362"});
@@ -314,7 +314,7 @@ TEST_F(ParentTest, FeedsAPlayerThatRunsAlready) {
 }
 
 // Nobody takes anything from this socket.
-TEST_F(ParentTest, TellsWhatThePlayersBufferHadNoRoomFor) {
+TEST_F(ParentTest, ReportsWhatThePlayersBufferHadNoRoomFor) {
     UDPSocket player;
     ASSERT_TRUE(player.bind(0));
     ASSERT_TRUE(player.set_recv_buffer(1));  // as small as the system allows
@@ -327,7 +327,7 @@ TEST_F(ParentTest, TellsWhatThePlayersBufferHadNoRoomFor) {
                 ContainsRegex(", [1-9][0-9]* lost because a player's buffer was full"));
 }
 
-TEST_F(ParentTest, FullLossReachesNobody) {
+TEST_F(ParentTest, FullLossLetsNothingThrough) {
     Parent parent({"--player", patient_player(), "--loss", "100", "--seconds", "1"});
     EXPECT_EQ(parent.status(), 0);
     EXPECT_THAT(parent.out().back(),

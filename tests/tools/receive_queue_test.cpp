@@ -44,7 +44,7 @@ TEST_F(ReceiveQueueTest, IsEmptyAtFirst) {
     EXPECT_EQ(queue->lost, 0U);
 }
 
-TEST_F(ReceiveQueueTest, TellsWhatWaits) {
+TEST_F(ReceiveQueueTest, ReportsWhatWaits) {
     send(2);
     const auto queue = receive_queue(receiver_.get_bound_port());
     ASSERT_TRUE(queue);

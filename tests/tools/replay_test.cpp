@@ -156,7 +156,7 @@ TEST_F(Replay, OfALiveStreamGivesWhatThePlayerWasSent) {
     EXPECT_THAT(received(), ElementsAreArray(live));
 }
 
-TEST_F(Replay, CanItselfBeCapturedWithWhatThePlayerSays) {
+TEST_F(Replay, CanItselfBeCapturedWithThePlayersMessages) {
     write_capture(stream());
     const std::string second = folder_.file("second.pcap");
     const Datagram muted = {'A', 'U', 'D', 'S', 1, 0, 0, 0, 0x3F};

@@ -42,7 +42,7 @@ TEST(StatusText, TheRatesAreThoseOfThePeriod) {
               "1:02  10.0 fps  1000 kbit/s  6200 sent, 5 dropped  3 KFRQ  volume 70 %");
 }
 
-TEST(StatusText, TellsWhatThePlayersBufferHadNoRoomFor) {
+TEST(StatusText, ReportsWhatThePlayersBufferHadNoRoomFor) {
     Figures now = figures(1);
     now.overflowed = 12;
     EXPECT_EQ(
