@@ -76,15 +76,15 @@ constexpr short kUntouched = 0x5A5A;
 using Pcm = std::vector<short>;
 using Packet = std::vector<unsigned char>;
 
-// A wrapper only hands these pointers on; nothing may look at what they point to.
+// A wrapper only passes these pointers on; nothing may dereference them.
 template <typename Handle>
 Handle* fake_handle(int number) {
     static std::array<std::max_align_t, 10> places;
     return reinterpret_cast<Handle*>(&places.at(static_cast<std::size_t>(number)));
 }
 
-// Records every call that a wrapper makes as one text, and hands out numbered states instead of
-// real ones.
+// Records every call that a wrapper makes as one text, and returns numbered states instead of real
+// ones.
 class RecordedOpus : public vesper::test::HookedTest {
   protected:
     void SetUp() override {
@@ -250,7 +250,7 @@ TEST_F(OpusEncoderState, NullWithoutErrorIsAFailure) {
     EXPECT_THAT(take_calls(), ElementsAre("encoder_create 48000 2 2049 0"));
 }
 
-// Whatever came with the error is not used, and not freed either.
+// A pointer returned along with an error is neither used nor freed.
 TEST_F(OpusEncoderState, ErrorWithAPointerIsAFailure) {
     create_error_ = OPUS_INTERNAL_ERROR;
     {
@@ -355,7 +355,7 @@ TEST_F(OpusEncoderState, EncodePassesItsArgumentsAndTheResultOn) {
 class OpusDecoderState : public RecordedOpus {
   protected:
     static bool init(OpusDecoderWrapper& wrapper) { return wrapper.init(kRate, kChannels); }
-    // Which state `wrapper` holds, told by the library's side of a call; -1 when it holds none.
+    // The state that `wrapper` owns, as the library sees it in a call; -1 when it owns none.
     int held_by(OpusDecoderWrapper& wrapper) {
         hook_opus_decode = [this](OpusDecoder* decoder, auto...) { return number_of(decoder); };
         short unused = 0;
@@ -554,7 +554,7 @@ class OpusCodec : public vesper::test::HookedTest {
         ASSERT_TRUE(encoder_.init(kRate, kChannels, OPUS_APPLICATION_AUDIO));
         ASSERT_TRUE(decoder_.init(kRate, kChannels));
     }
-    // `frame_size` samples per channel of a 440 Hz tone, going on where the last call ended.
+    // `frame_size` samples per channel of a 440 Hz tone, continuing where the last call ended.
     Pcm tone(int frame_size = kFrameSize) {
         constexpr double kAmplitude = 10000.0;
         Pcm pcm;

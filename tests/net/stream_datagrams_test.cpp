@@ -127,7 +127,7 @@ TEST(VideoFragmentHeader, IsReadUnaligned) {
 TEST(VideoFragmentHeader, AllOtherBytesAreOpaque) {
     const Datagram zeros{};
     const vesper::VideoFragmentHeader expected = vesper::read_video_fragment_header(zeros.data());
-    std::vector<int> opaque(28);  // the packet header is another's
+    std::vector<int> opaque(28);  // the packet header is not read here
     std::iota(opaque.begin(), opaque.end(), 0);
     opaque.insert(opaque.end(), {38, 39});
     for (const int offset : opaque) {

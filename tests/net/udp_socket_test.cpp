@@ -55,11 +55,11 @@ using vesper::test::Printed;
 using vesper::test::printed_by;
 
 constexpr std::string_view kGreeting = "hello";
-constexpr int kGenerousWait = 10'000;  // ms; a loopback datagram is there at once
+constexpr int kGenerousWait = 10'000;  // ms; a loopback datagram arrives at once
 
 class UdpSocket : public vesper::test::HookedTest {
   protected:
-    // All that is sent and received by the tests that do not look at the bytes.
+    // For the tests to which the content of a datagram does not matter.
     int send_greeting(UDPSocket& from, std::uint16_t port, const char* host = "127.0.0.1") {
         return from.send(kGreeting.data(), kGreeting.size(), host, port);
     }
@@ -68,7 +68,7 @@ class UdpSocket : public vesper::test::HookedTest {
     }
     std::string received(int length) { return {buffer_.data(), buffer_.data() + length}; }
 
-    // Records what sockets are made and which of them are closed again.
+    // Records which sockets are opened and which of them are closed again.
     void watch_descriptors() {
         hook_socket = [this](int domain, int type, int protocol) {
             opened_.push_back(__real_socket(domain, type, protocol));
@@ -381,7 +381,7 @@ TEST_F(UdpSocket, SendBeforeBindIsReported) {
               (Printed{.out = "", .err = "[UDPSocket] Socket not initialized\n"}));
 }
 
-// The missing socket is noticed before the host is looked at.
+// The missing socket is noticed before the host is parsed.
 TEST_F(UdpSocket, SendBeforeBindToANameReportsOnlyTheMissingSocket) {
     UDPSocket socket;
     EXPECT_EQ(printed_by([&] { EXPECT_EQ(send_greeting(socket, 5000, "localhost"), -1); }),
@@ -530,7 +530,7 @@ TEST_F(UdpSocket, RecvPassesBufferCapacityAndNoFlags) {
 TEST_F(UdpSocket, AReceiveThatWouldBlockReturnsZeroSilently) {
     UDPSocket socket;
     ASSERT_TRUE(socket.bind(0));
-    hook_poll = [](auto...) { return 1; };  // readable, but somebody else was faster
+    hook_poll = [](auto...) { return 1; };  // readable, but another reader was faster
     hook_recvfrom = [](auto...) { return ssize_t{fail_with(EAGAIN)}; };
     EXPECT_EQ(printed_by([&] { EXPECT_EQ(receive(socket, 5), 0); }), kNothing);
 }
@@ -578,8 +578,8 @@ TEST_F(UdpSocket, DatagramsOfAnyLocalSenderAreReceived) {
     EXPECT_EQ(received(receive(receiver, kGenerousWait)), kGreeting);
 }
 
-// 127.0.0.2 is this machine, too, but not the address that the socket is bound to: what another
-// host would send to any of this machine's addresses goes the same way, nowhere.
+// 127.0.0.2 is also this machine, but not the address that the socket is bound to. A datagram from
+// another host, to any address of this machine, is not delivered for the same reason.
 TEST_F(UdpSocket, OnlyTheLoopbackAddressIsListenedTo) {
     UDPSocket sender;
     UDPSocket receiver;

@@ -19,7 +19,7 @@ const Printed kPortRequired{.out = "", .err = "Error: --port is required\n"};
 
 class CommandLine : public testing::Test {
   protected:
-    // Parses `words` behind the command's name into args_; printed_ holds what that printed.
+    // Parses `words`, after the command's name, into args_; the output goes to printed_.
     bool parse(std::vector<std::string> words) {
         words.insert(words.begin(), "vesper-player");
         std::vector<char*> argv;
@@ -98,7 +98,7 @@ TEST_F(CommandLine, PortAsTheLastWordIsSkippedAndFails) {
     EXPECT_TRUE(args_.has_audio);
 }
 
-// A failure keeps what the other options said.
+// A failure keeps the values of the other options.
 TEST_F(CommandLine, OtherOptionsAreReadEvenWithoutPort) {
     EXPECT_FALSE(parse({"--width", "640", "--username", "Ann"}));
     EXPECT_EQ(printed_, kPortRequired);
@@ -204,7 +204,7 @@ TEST_F(CommandLine, VolumeThatIsNoNumberIsZero) {
     EXPECT_EQ(printed_, kNothing);
 }
 
-// Every comparison with a NaN is false, so neither end of the range takes hold.
+// Every comparison with a NaN is false, so neither end of the range clamps it.
 TEST_F(CommandLine, NanVolumePassesTheClamp) {
     EXPECT_TRUE(parse_with_port({"--audio-volume", "nan"}));
     EXPECT_TRUE(std::isnan(args_.audio_volume));

@@ -109,7 +109,7 @@ class ControlBar : public vesper::test::HookedTest {
     }
     Calls draw_audible(float volume) { return draw(400, kHeight, false, volume, false); }
 
-    // Never looked into.
+    // Never dereferenced.
     SDL_Renderer* renderer() { return reinterpret_cast<SDL_Renderer*>(&place_); }
 
   private:

@@ -1,4 +1,4 @@
-// What one pass of the main loop takes from the heap, seen from inside the whole process.
+// What one pass of the main loop allocates on the heap, observed in the whole process.
 #include <SDL2/SDL.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -35,8 +35,8 @@ using testing::SizeIs;
 
 using Bytes = std::vector<std::uint8_t>;
 
-// Runs the player's main() on no display and no sound card. A pass ends with SDL_Delay(): there the
-// next one gets its datagram.
+// Runs the player's main() without a display and a sound card. A pass ends with SDL_Delay(), where
+// the next pass's datagram is sent.
 class MainLoop : public test::HookedTest {
   protected:
     MainLoop() {
@@ -44,9 +44,9 @@ class MainLoop : public test::HookedTest {
         ::setenv("SDL_AUDIODRIVER", "dummy", 1);
     }
 
-    // How often each pass allocated; one pass for each of `datagrams`, an empty one is not sent.
-    // The first two passes settle what is made once (the bar goes, the table of frames comes) and
-    // are not counted.
+    // How often each pass allocated: one pass for each of `datagrams`; an empty one is not sent.
+    // The first two passes allocate what is made once (the bar disappears, the table of frames is
+    // created) and are not counted.
     std::vector<std::size_t> allocations_of_passes(const std::vector<Bytes>& datagrams) {
         constexpr std::size_t kSettlingPasses = 2;
         UDPSocket sender;
@@ -95,7 +95,7 @@ class MainLoop : public test::HookedTest {
             arguments.push_back(word.data());
         }
         arguments.push_back(nullptr);
-        // What the receiver has left then ends with the process; this one has more tests to run.
+        // In the player, what the receiver leaves ends with the process; this process goes on.
         hook_SDL_Quit = [] {};
         const auto printed = test::printed_by(
             [&] { EXPECT_EQ(player_main(static_cast<int>(words.size()), arguments.data()), 0); });

@@ -1,7 +1,7 @@
 // The process's main function, compiled as player_main(), against recorded calls.
 //
-// Unless a test says otherwise nothing of SDL, of the receiver and of the socket really happens:
-// each call into them is recorded, in one list together with the lines that main prints.
+// Unless a test arranges otherwise, SDL, the receiver and the socket are not really called: each
+// call is recorded, in one list together with the lines that main prints.
 #include <SDL2/SDL.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -281,7 +281,7 @@ class PlayerMain : public vesper::test::HookedTest {
         hook_socket_send = nullptr;
     }
 
-    // Hands out each pass's events; after the last pass of the script a quit event.
+    // Returns each pass's events; after the last pass of the script, a quit event.
     int poll_event(SDL_Event* event) {
         if (passes_.empty() && !quit_sent_) {
             quit_sent_ = true;
@@ -317,7 +317,7 @@ class PlayerMain : public vesper::test::HookedTest {
         return static_cast<int>(datagram.size());
     }
 
-    // The tests' own sockets, which live around the run, are not recorded.
+    // The tests' own sockets, which outlive the run, are not recorded.
     template <typename... Parts>
     void record(const Parts&... parts) {
         if (!main_runs_) {
@@ -327,8 +327,8 @@ class PlayerMain : public vesper::test::HookedTest {
         calls_.push_back(text(parts...));
     }
 
-    // Moves what was printed since the last call into the list. The receiver's own lines are
-    // another's business.
+    // Moves what was printed since the last call into the list. The receiver's own lines are tested
+    // elsewhere.
     void take_lines() {
         for (const auto& [stream, printed] : {std::pair("out: ", vesper::test::take_stdout()),
                                               std::pair("err: ", vesper::test::take_stderr())}) {
@@ -341,7 +341,7 @@ class PlayerMain : public vesper::test::HookedTest {
         }
     }
 
-    // Runs main with `words` behind the command's name and returns its exit status.
+    // Runs main with `words` after the command's name and returns its exit status.
     int run(std::vector<std::string> words) {
         words.insert(words.begin(), "the-player");
         std::vector<char*> argv;
@@ -391,11 +391,11 @@ class PlayerMain : public vesper::test::HookedTest {
         return std::count(calls_.begin(), calls_.end(), call);
     }
 
-    // Never looked into.
+    // Never dereferenced.
     SDL_Renderer* renderer() { return reinterpret_cast<SDL_Renderer*>(&renderer_place_); }
     SDL_Window* fake_window() { return reinterpret_cast<SDL_Window*>(&window_place_); }
 
-    // What the other rooms answer.
+    // What the calls into the other rooms return.
     int sdl_init_result_ = 0;
     bool init_result_ = true;
     bool socket_init_result_ = true;
@@ -638,7 +638,7 @@ class PlayerMainDatagram : public PlayerMain {
         }
         return bytes;
     }
-    // What a run makes of this one datagram: the call between the receive and the picture.
+    // What a run does with this one datagram: the call between receiving and rendering.
     Calls handling_of(const Datagram& datagram) {
         datagrams_ = {datagram};
         EXPECT_EQ(run_plain(), 0);
@@ -660,7 +660,7 @@ TEST_F(PlayerMainDatagram, Of27BytesReachesNoHandler) {
     EXPECT_TRUE(handled_.empty());
 }
 
-// What an earlier datagram left in the buffer is not taken for the end of a short one.
+// Bytes of an earlier datagram that are still in the buffer do not complete a short one.
 TEST_F(PlayerMainDatagram, Of27BytesAfterALongerOneReachesNoHandler) {
     datagrams_ = {datagram(100, vesper::kScreenAudioFlag), datagram(27, 0)};
     passes_.resize(1);
@@ -772,7 +772,7 @@ class PlayerMainSocket : public PlayerMain {
         PlayerMain::SetUp();
         use_real_socket();
         ASSERT_TRUE(parent_.bind(0));
-        // A port that is free now; the system does not hand it out again so soon.
+        // A port that is free now; the system does not assign it again so soon.
         UDPSocket probe;
         ASSERT_TRUE(probe.bind(0));
         port_ = probe.get_bound_port();

@@ -252,7 +252,7 @@ class StartUpFaults : public HookedTest {
         hook_SDL_Quit = [this] {
             note("SDL_Quit");
             // SDL_Quit() frees the window, but neither its renderer nor the texture, which the
-            // leak check would hold against the player.
+            // leak check would report as the player's.
             if (renderer_ != nullptr) {
                 __real_SDL_DestroyRenderer(std::exchange(renderer_, nullptr));
             }
@@ -296,7 +296,7 @@ class StartUpFaults : public HookedTest {
             note("SDL_SetWindowTitle");
             __real_SDL_SetWindowTitle(window, title);
         };
-        // The dummy driver has the software renderer only, which stands for both.
+        // The dummy driver has only the software renderer, which represents both here.
         hook_SDL_CreateRenderer = [this](SDL_Window* window, int index, Uint32 flags) {
             const bool accelerated = (flags & SDL_RENDERER_ACCELERATED) != 0;
             renderer_ = fails(accelerated ? "accelerated renderer" : "software renderer")
@@ -581,7 +581,7 @@ TEST_F(StartUpFaults, WithoutSoundDeviceThePlayerIsSilentAndGivesTheDecoderBackA
                  "err: [Audio] Failed to open device: no SDL_OpenAudioDevice today\n"
                  "err: [VideoReceiver] Failed to open screen audio playback device\n"
                  "opus_decoder_destroy \n");
-    // The mark tells that destruction from the one at the end, which must not come again.
+    // The mark separates that destruction from the one at the end, which must not happen again.
     EXPECT_EQ(story(), replaced(replaced(expected,
                                          "SDL_CloseAudioDevice\n"
                                          "opus_decoder_destroy\n",
@@ -589,14 +589,14 @@ TEST_F(StartUpFaults, WithoutSoundDeviceThePlayerIsSilentAndGivesTheDecoderBackA
                                 "opus_decoder_destroy \n", "opus_decoder_destroy\n"));
 }
 
-// ---- threads: the standard library's exception, which nobody catches, ends the process ----
+// ---- threads: the standard library's exception, which nothing catches, ends the process ----
 
 class StartUpFaultsDeathTest : public StartUpFaults,
                                public testing::WithParamInterface<const char*> {};
 
 TEST_P(StartUpFaultsDeathTest, AThreadThatCannotBeStartedEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    // As outside of main, nobody above catches anything; GoogleTest would.
+    // As above main, nothing catches the exception here; GoogleTest would.
     const auto run_as_a_process = [this]() noexcept { return run(GetParam()); };
     EXPECT_EXIT(run_as_a_process(), testing::KilledBySignal(SIGABRT),
                 "Resource temporarily unavailable");

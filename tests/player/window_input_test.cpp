@@ -50,7 +50,7 @@ constexpr Uint32 kNow = 123'456;            // SDL ticks, ms
 constexpr Uint32 kLongAgo = 1000;           // SDL ticks, ms
 constexpr float kUntouchedVolume = 0.123F;  // in the receiver, unless a test applied another
 
-// Where a report was sent, and what it said.
+// Where a report was sent, and its content.
 struct Report {
     bool muted;
     float volume;
@@ -72,7 +72,7 @@ struct Zoom {
 };
 
 constexpr Zoom kZoomOff{.enabled = false, .x = 0, .y = 0, .w = 0, .h = 0};
-// What the receiver holds before a test, so that a call without effect on the picture shows, too.
+// The receiver's zoom before a test, chosen so that even a call without a visible effect shows.
 constexpr Zoom kUntouchedZoom{.enabled = true, .x = 1, .y = 2, .w = 3, .h = 4};
 
 // Zoom level and centre.
@@ -203,7 +203,7 @@ class WindowInputTest : public vesper::test::HookedTest {
         state_.zoom_center_x = view.center_x;
         state_.zoom_center_y = view.center_y;
     }
-    // Never looked into.
+    // Never dereferenced.
     SDL_Window* fake_window() { return reinterpret_cast<SDL_Window*>(&window_place_); }
 
     // ---- events; nothing of this room ever prints ----
@@ -236,7 +236,7 @@ class WindowInputTest : public vesper::test::HookedTest {
     void release(Uint8 button) { handle(button_event(SDL_MOUSEBUTTONUP, button, 5, 5, 1)); }
     void press_key(SDL_Keycode key) { handle(key_event(key)); }
 
-    // ---- what a test looks at ----
+    // ---- what a test checks ----
 
     [[nodiscard]] View view() const {
         return {.level = state_.zoom_level,
@@ -262,7 +262,7 @@ class WindowInputTest : public vesper::test::HookedTest {
         EXPECT_TRUE(state_.bar_visible);
         EXPECT_EQ(state_.bar_last_activity_ms, kNow);
     }
-    // Nothing happened since SetUp() that anybody could see.
+    // Nothing observable has happened since SetUp().
     void expect_nothing_happened() {
         EXPECT_FALSE(state_.quit_requested);
         EXPECT_FALSE(state_.muted);
@@ -800,7 +800,7 @@ TEST_F(LeftClick, WithoutAudioOnlyTheFullscreenButtonWorks) {
     EXPECT_TRUE(state_.is_fullscreen);
 }
 
-// In a window 200 wide the slider's 130 pixels end at 178, behind the button's begin at 160.
+// In a window 200 wide the slider's 130 pixels end at 178, beyond the button's left edge at 160.
 TEST_F(LeftClick, TheFullscreenButtonGoesBeforeTheSlider) {
     set_window_size(200, 300);
     click_bar(159);
@@ -1200,7 +1200,7 @@ TEST_F(ZoomRectangle, StaysInsideTheFrame) {
     EXPECT_EQ(zoom(), (Zoom{true, 0, 360, 640, 360}));
 }
 
-// No float holds 20000003, the last place that the view may begin at.
+// No float represents 20000003, the last position at which the view may begin.
 TEST_F(ZoomRectangle, StaysInsideAFrameThatFloatsCannotCount) {
     set_frame_size(100'000'003, 720);
     set_view({1.25F, 1.0F, 0.5F});
