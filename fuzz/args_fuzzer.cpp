@@ -66,7 +66,7 @@ void check_values(const Arguments& arguments, const Args& args) {
             "a volume from 0.0 to 1.0, or the NaN that was given");
 }
 
-// A word in front, should the list end in an option that waits for its value.
+// A word comes first, in case the list ends in an option that expects a value.
 void check_last_port_wins(Arguments arguments) {
     arguments.insert(arguments.end(), {"word", "--port", "5000"});
     Args args;

@@ -1,5 +1,5 @@
-// Any sequence of datagrams, through the player's classification into a live receiver: fragments to
-// pictures and packets to sound, with time passing and the stream ending in between.
+// Any sequence of datagrams, passed through the player's classification to a live receiver:
+// fragments to pictures, packets to sound, with time passing and the stream ending in between.
 #include "fuzz/support/datagram_steps.h"
 #include "fuzz/support/good_stream.h"
 #include "fuzz/support/input.h"
@@ -11,7 +11,7 @@ using namespace vesper::fuzz;
 
 namespace {
 
-// Larger than an input could spell out, so that few bytes reach the limits on memory.
+// More than an input could contain, so that a few bytes reach the limits on memory.
 void receive_fragment(InputReader& input, LiveReceiver& live) {
     VideoFragmentHeader header;
     header.frame_id = input.number<std::uint32_t>();

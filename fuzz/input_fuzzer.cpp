@@ -19,11 +19,11 @@ namespace {
 
 constexpr std::uint16_t kParentPort = 5000;  // nothing is really sent
 
-// No window system counts further: Wayland's coordinates have 24 bits before the point, sign
-// included, X11's 16 in all.
+// The largest coordinates of any window system: Wayland's have 24 bits before the point, sign
+// included, X11's have 16 bits in all.
 constexpr std::int32_t kCoordinateLimit = 1 << 23;
 
-// The bytes of a picture's row are an int.
+// The size of a picture's row in bytes is an int.
 constexpr std::int32_t kFrameLimit = 1 << 29;
 
 std::int32_t coordinate(InputReader& input) {

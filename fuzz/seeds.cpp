@@ -46,7 +46,7 @@ class Corpus {
     std::filesystem::path folder_;
 };
 
-// Green with a bar of noise that moves, so that the frames between keyframes carry something.
+// Green with a moving bar of noise, so that the frames between keyframes are not empty.
 void draw(const Picture& picture, int number) {
     unsigned noise = 12345;
     for (int y = 0; y < picture->height; ++y) {
@@ -59,7 +59,7 @@ void draw(const Picture& picture, int number) {
     }
 }
 
-// A keyframe and `count` - 1 frames behind it.
+// A keyframe, followed by `count` - 1 frames.
 Frames encode(int width, int height, int count, int bitrate = 200'000) {
     vesper::tools::Vp8Encoder encoder;
     if (!encoder.open({.width = width, .height = height, .bitrate = bitrate})) {
@@ -71,7 +71,7 @@ Frames encode(int width, int height, int count, int bitrate = 200'000) {
         draw(picture, i);
         frames.push_back(encoder.encode(picture, i == 0));
     }
-    // libvpx may drop a frame to hold the bitrate.
+    // libvpx may drop a frame to keep to the bitrate.
     std::erase_if(frames, [](const auto& frame) { return frame.empty(); });
     return frames;
 }

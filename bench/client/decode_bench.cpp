@@ -1,10 +1,10 @@
-// Pictures a second, from the ring of encoded frames to the published picture, beside a bare loop
-// of libavcodec and libswscale on the same frames. Beside it: processor time of a picture, all
-// threads.
+// Pictures a second, from the ring of encoded frames to the published picture, compared with a bare
+// loop of libavcodec and libswscale on the same frames. Also reported: processor time for each
+// picture, all threads.
 //
-// The decode thread's function runs on the benchmark's own thread, and where it would wait for
-// frames it is handed the next one: so every batch is one frame, every picture is converted, no
-// time passes in the scheduler, and all of the thread's own work is in the figure.
+// The decode thread's function runs on the benchmark's own thread and receives the next frame where
+// it would wait for one. So every batch is one frame, every picture is converted, no time passes in
+// the scheduler, and the figure includes all of the thread's own work.
 #include <SDL2/SDL.h>
 #include <benchmark/benchmark.h>
 
@@ -46,7 +46,7 @@ using Seconds = std::chrono::duration<double>;
 constexpr int kFrames = 60;         // two seconds of a stream, one keyframe among them
 constexpr int kDecoderThreads = 2;  // as the receiver has
 
-// What the decode thread is to be fed with.
+// The frames to feed to the decode thread.
 struct Feed {
     VideoReceiverPeer* peer = nullptr;
     Frames frames;
@@ -54,7 +54,7 @@ struct Feed {
 };
 Feed feed;
 
-// In place of the decode thread's wait, with queue_mutex held: one frame into the ring, or the end.
+// Replaces the decode thread's wait, with queue_mutex held: puts one frame into the ring, or ends.
 void feed_next_frame() {
     if (feed.next == feed.frames.size()) {
         feed.peer->running() = false;
@@ -67,7 +67,7 @@ void feed_next_frame() {
     ++feed.peer->queue_count();
 }
 
-// A receiver whose decode thread's function is ours to call.
+// A receiver whose decode thread's function the benchmark calls.
 class Subject {
   public:
     explicit Subject(StreamSize size) : peer_(receiver_) {
@@ -114,7 +114,7 @@ class Floor {
     Floor& operator=(const Floor&) = delete;
 
     Seconds decode(const Frames& frames) {
-        Frames own = frames;  // as the subject has them: in memory of their own
+        Frames own = frames;  // in memory of their own, like those of the receiver
         const auto start = std::chrono::steady_clock::now();
         for (EncodedFrame& encoded : own) {
             packet_->data = encoded.data();

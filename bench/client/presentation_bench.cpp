@@ -1,5 +1,5 @@
-// Time of one render(), with a new picture and without, beside the bare SDL calls on the same
-// window. Needs a display.
+// Time of one render(), with and without a new picture, compared with the bare SDL calls on the
+// same window. Needs a display.
 #include <SDL2/SDL.h>
 #include <benchmark/benchmark.h>
 
@@ -35,7 +35,7 @@ struct Window {
     VideoReceiverPeer peer{receiver};
 };
 
-// Of one presentation, all threads: OpenGL in software has some.
+// Of one presentation, all threads: software OpenGL has some of its own.
 void report_processor_time(benchmark::State& state, double start) {
     state.counters["processor_us"] =
         1e6 * (vesper::bench::process_seconds() - start) / static_cast<double>(state.iterations());

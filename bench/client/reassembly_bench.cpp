@@ -1,11 +1,13 @@
-// Bytes a second through handle_fragment(), whole frames, beside two floors on the same bytes:
+// Bytes a second through handle_fragment(), whole frames, compared with two floors on the same
+// bytes:
 //
 //   floor            the two copies that reassembly is made of, each into fresh memory: fragments
 //                    into the frame's slots, slots into the finished frame
 //   floor_one_copy   fragments into fresh memory once, which no reassembly that takes fragments
 //                    of any size in any order can reach
 //
-// Neither clears its memory, keeps books or locks. Like the receiver's ring both keep six frames.
+// Neither floor clears its memory, keeps any state or locks. Like the receiver's ring, both keep
+// six frames.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -74,7 +76,7 @@ Datagram fragment(std::uint32_t frame_id, int index, int count) {
     return datagram;
 }
 
-// Makes the datagrams of one frame those of another.
+// Gives the datagrams of one frame the number of another.
 void renumber(std::vector<Datagram>& datagrams, std::uint32_t frame_id) {
     for (Datagram& datagram : datagrams) {
         const auto header = vesper::read_video_fragment_header(datagram.data());
@@ -100,7 +102,7 @@ std::vector<Datagram> arrivals(int count, Order order) {
     return datagrams;
 }
 
-// Frames that stay incomplete: newer than the one under test, and never old enough to be given up.
+// Frames that stay incomplete: newer than the one under test, and never old enough to be dropped.
 void add_pending_frames(VideoReceiver& receiver, VideoReceiverPeer& peer, int count) {
     for (int i = 0; i < count; ++i) {
         const Datagram datagram = fragment(kFirstPendingId + static_cast<std::uint32_t>(i), 0, 2);
@@ -142,7 +144,7 @@ Memory fresh(std::size_t size) {
     return std::make_unique_for_overwrite<std::uint8_t[]>(size);
 }
 
-// Where a datagram's payload goes; the second copy of a fragment goes nowhere.
+// The destination of a datagram's payload; the second copy of a fragment has none.
 struct Copy {
     const std::uint8_t* payload;
     std::size_t offset;

@@ -1,5 +1,6 @@
 // Sound datagrams a second through handle_screen_audio(), to the queue of SDL's dummy sound card,
-// beside bare opus_decode() of the same packets. In processor time: one thread does it all.
+// compared with bare opus_decode() of the same packets. In processor time: there is only one
+// thread.
 #include <SDL2/SDL.h>
 #include <benchmark/benchmark.h>
 #include <opus.h>

@@ -1,5 +1,5 @@
 // The calls of SDL and the system that one pass of the player's loop is made of, and nothing else:
-// the floor of the loop. Its window is the player's. It ends when it is killed.
+// the floor of the loop. It opens the same window as the player. It runs until it is killed.
 //
 //   bare_loop PORT WIDTH HEIGHT
 #include <SDL2/SDL.h>

@@ -1,9 +1,9 @@
 // Passes a second of the whole player, idle and with a datagram of 1440 bytes always waiting,
-// beside a bare program that makes the same calls of SDL and the system. The flood's datagrams are
-// fragments of frames that never get their last one. Beside the passes: processor time of one.
+// compared with a bare program that makes the same calls of SDL and the system. The flood's
+// datagrams are fragments of frames that never complete. Also reported: processor time of one pass.
 //
 // With the renderer that SDL chooses on the display, with its software renderer there, and with the
-// software renderer on no display at all (SDL's dummy driver).
+// software renderer and no display at all (SDL's dummy driver).
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -41,11 +41,11 @@ constexpr int kIterations = 3;
 constexpr auto kWarmUp = std::chrono::milliseconds(2500);
 constexpr auto kStartLimit = std::chrono::seconds(20);
 
-// Enough datagrams ahead that one always waits, few enough that a default socket buffer holds them.
+// Enough datagrams ahead that one always waits, few enough to fit a default socket buffer.
 constexpr std::uint64_t kFloodAhead = 32;
 constexpr auto kFloodPause = std::chrono::milliseconds(1);
 
-// A pass log of our own, gone with the object.
+// A pass log in a temporary file, deleted with the object.
 class OwnPassLog {
   public:
     OwnPassLog() {
@@ -74,7 +74,7 @@ class OwnPassLog {
     PassLog* log_ = nullptr;
 };
 
-// Keeps datagrams waiting at `port`, as long as the object lives.
+// Keeps datagrams waiting at `port` for the lifetime of the object.
 class Flood {
   public:
     Flood(const PassLog& log, std::uint16_t port)
@@ -171,7 +171,7 @@ void run(benchmark::State& state, Who who, Drivers drivers, bool flooded) {
         const std::uint64_t after = log->passes;
         const std::int64_t ns =
             log->times[(after - 1) % PassLog::kTimes] - log->times[(before - 1) % PassLog::kTimes];
-        // Time of one pass, whatever number fell into the window.
+        // Time of one pass, however many fell into the window.
         state.SetIterationTime(1e-9 * static_cast<double>(ns) /
                                static_cast<double>(after - before));
     }

@@ -1,4 +1,4 @@
-// Preloaded: notes the time of each SDL_Delay(), then delays as ever.
+// Preloaded: records the time of each SDL_Delay(), then delays as usual.
 #include "bench/player/pass_log.h"
 
 #include <SDL2/SDL_timer.h>

@@ -1,4 +1,4 @@
-// Processor time, which a busy machine distorts less than the time on the wall.
+// Processor time, which a busy machine distorts less than wall-clock time.
 #pragma once
 
 #include <sys/types.h>

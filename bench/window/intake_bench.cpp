@@ -1,8 +1,8 @@
-// How many datagrams a player takes in a second: it takes one for every time that it draws its
-// window. Sends what its socket can hold at once, while it shows a picture, and times how long that
-// waits there. One run, one JSON object on standard output:
+// How many datagrams a player takes in a second: it takes one each time it draws its window. While
+// the player shows a picture, sends as much as its socket's buffer holds and measures how long the
+// buffer takes to drain. One run, one JSON object on standard output:
 //
-//   per_second   datagrams that were taken, by the second; one figure a burst
+//   per_second   datagrams taken per second; one figure a burst
 #include <CLI/CLI.hpp>
 
 extern "C" {
@@ -38,7 +38,7 @@ constexpr auto kOpeningPause = std::chrono::milliseconds(100);  // between two p
 constexpr auto kRest = std::chrono::milliseconds(500);          // between two bursts
 constexpr auto kPoll = std::chrono::microseconds(200);
 
-// Datagrams of 1440 bytes that a socket of Linux' default size holds are 92.
+// A socket buffer of Linux's default size holds 92 datagrams of 1440 bytes.
 constexpr int kBurst = 90;
 
 [[noreturn]] void fail(const char* what) {
@@ -119,7 +119,7 @@ int main(int argc, char** argv) {
     {
         Subject subject(name);
         {
-            // Only until there is a picture: a watcher takes time of the X server.
+            // Only until there is a picture: watching costs time in the X server.
             const WindowWatch watch(1);
             show_opening(subject, stream, watch);
         }

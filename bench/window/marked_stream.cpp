@@ -15,7 +15,7 @@ namespace {
 
 constexpr int kSquareSize = 256;  // pixels, sixteen macroblocks
 constexpr int kOpeningFrames = 30;
-constexpr int kLoopSeconds = 8;  // a whole number of times around the marks
+constexpr int kLoopSeconds = 8;  // a whole number of cycles through the marks
 
 struct Yuv {
     std::uint8_t y;
@@ -26,8 +26,8 @@ constexpr std::uint8_t kNeutral = 128;
 constexpr std::array<std::uint8_t, kMarks> kMarkLuma = {60, 100, 140, 180};
 constexpr Yuv kOpeningColor = {.y = 100, .u = 70, .v = 200};
 
-// What a lossy codec and a conversion to RGB may change: less than half of the distance between two
-// marks, 46 (a mark that is not recognised would count as a missed flip).
+// The tolerance for a lossy codec and the conversion to RGB: less than half of the distance between
+// two marks, 46 (an unrecognised mark would count as a missed flip).
 constexpr int kTolerance = 20;
 
 // A keyframe every two seconds, as vesper-parent sends.

@@ -1,5 +1,5 @@
 // The test picture with a grey square in its middle that changes its grey several times a second,
-// encoded: what is seen in the middle of a window tells which picture it shows.
+// encoded: the middle of a window identifies the picture that it shows.
 #pragma once
 
 #include <cstdint>
@@ -14,12 +14,12 @@ inline constexpr int kWidth = 1280;       // pixels
 inline constexpr int kHeight = 720;       // pixels
 inline constexpr int kFramesPerMark = 6;  // the square keeps its grey for 200 ms at 30 frames/s
 
-// Four greys in turn: a picture may be up to 800 ms late (at 30 frames/s) and is still told from
-// its successors.
+// Four greys in turn: a picture may be up to 800 ms late (at 30 frames/s) and can still be told
+// apart from its successors.
 inline constexpr int kMarks = 4;
 
 // One picture; with low delay it is encoded twice, and the copy pushes it out of a decoder that
-// holds each picture back until the next frame.
+// delays each picture until the next frame.
 struct StreamPicture {
     std::vector<EncodedFrame> frames;
     int mark;      // grey of the square, 0 to kMarks - 1
@@ -29,7 +29,7 @@ struct StreamPicture {
 struct MarkedStream {
     // One colour, no grey, every frame a keyframe: for a player that is starting.
     std::vector<StreamPicture> opening;
-    // Eight seconds that can be repeated for ever; the first frame is a keyframe.
+    // Eight seconds that can be repeated indefinitely; the first frame is a keyframe.
     std::vector<StreamPicture> loop;
 };
 
@@ -48,7 +48,7 @@ struct Rgb {
     int blue;
 };
 
-// What a pixel of the middle shows: a mark, or the opening's colour, or something else.
+// What a pixel in the middle of the window shows: a mark, the opening's colour, or neither.
 [[nodiscard]] std::optional<int> mark_of(const Rgb& pixel);
 [[nodiscard]] bool is_opening(const Rgb& pixel);
 

@@ -1,4 +1,4 @@
-// The programs that are watched: ours and its peers, each at its best settings for little delay.
+// The programs under test: ours and its peers, each with its best settings for low delay.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ namespace vesper::bench {
 [[nodiscard]] std::vector<std::string> subject_names();
 [[nodiscard]] bool sends_twice(const std::string& name);
 
-// One running program and the wire to it.
+// One running program and the connection to it.
 class Subject {
   public:
     explicit Subject(const std::string& name);
@@ -28,10 +28,10 @@ class Subject {
     [[nodiscard]] Wire& wire() { return *wire_; }
     [[nodiscard]] pid_t pid() const { return process_->pid(); }
 
-    // UDP port of 127.0.0.1 on which it waits.
+    // UDP port of 127.0.0.1 on which it listens.
     [[nodiscard]] std::uint16_t port() const { return port_; }
 
-    // Reads away what the program prints. False, with all of it on standard error, once it ended.
+    // Drains what the program prints. Once it has ended: false, with all of it on standard error.
     [[nodiscard]] bool is_running();
 
     [[nodiscard]] double processor_seconds() const;

@@ -1,14 +1,14 @@
-// The whole path at the screen: starts a program that shows a stream, streams to it in real time,
+// The whole path to the screen: starts a program that shows a stream, streams to it in real time,
 // and watches its window in the X server. One run, one JSON object on standard output:
 //
 //   first_picture_ms      process start to the first picture in the window
 //   delays_ms             last datagram of a picture sent to its pixels in the window, one a flip
-//   missed                flips that were not seen before the square's grey came round again
+//   missed                flips that were not seen before the square's grey recurred
 //   processor_s_per_min   of the program (the X server's share is not in it), all threads
 //   peak_memory_mib       resident
-//   sampling_ms           mean time between two looks at the window
+//   sampling_ms           mean time between two samples of the window
 //
-// With several players each gets the same stream; figures of processor and memory are of all.
+// With several players each gets the same stream; processor time and memory are those of all.
 #include <CLI/CLI.hpp>
 
 extern "C" {
@@ -41,7 +41,7 @@ using Seconds = std::chrono::duration<double>;
 
 constexpr auto kOpenLimit = std::chrono::seconds(30);
 constexpr auto kWarmUp = std::chrono::seconds(2);
-constexpr int kPicturesPerMarkPeriod = kFramesPerMark * kMarks;  // then a mark comes round again
+constexpr int kPicturesPerMarkPeriod = kFramesPerMark * kMarks;  // then a mark recurs
 
 struct Flip {
     int mark;

@@ -18,7 +18,7 @@ constexpr auto kPause = std::chrono::microseconds(500);
 
 constexpr int kSmallestWindow = 200;  // pixels; smaller ones are helpers of a toolkit
 
-// A window that goes away between two calls is nothing to die of.
+// A window that disappears between two calls is not an error.
 int ignore_x_error(Display*, XErrorEvent*) {
     return 0;
 }

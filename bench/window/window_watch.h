@@ -1,5 +1,5 @@
 // Watches the middle of windows in the X server, more than once a millisecond where the server is
-// quick, on a thread of its own: what a viewer could see, and when.
+// quick enough, on a thread of its own: what a viewer can see, and when.
 #pragma once
 
 #include <chrono>
@@ -33,7 +33,7 @@ class WindowWatch {
     // All so far. Any thread.
     [[nodiscard]] std::vector<Sighting> sightings() const;
 
-    // Mean time between two samples of one window: what a sighting may be late. Any thread.
+    // Mean time between two samples of one window: how late a sighting may be. Any thread.
     [[nodiscard]] std::chrono::duration<double> sampling_interval() const;
 
   private:

@@ -1,4 +1,4 @@
-// The steps that an input of the datagrams fuzzer is made of: one byte of kind, then as said below.
+// The steps that make up an input of the datagrams fuzzer: one byte of kind, then what is listed.
 #pragma once
 
 #include <cstdint>

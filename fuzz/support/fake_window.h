@@ -1,5 +1,4 @@
-// A window, a mouse and a parent made of nothing, behind the linker's --wrap: of any size,
-// anywhere.
+// A fake window, mouse and parent, reached through the linker's --wrap: of any size, anywhere.
 #pragma once
 
 #include <SDL2/SDL_video.h>
@@ -26,7 +25,7 @@ struct FakeDesktop {
 // The one desktop; the input's thread only.
 [[nodiscard]] FakeDesktop& fake_desktop();
 
-// Its window: only to be handed around.
+// Its window: a handle only, never dereferenced.
 [[nodiscard]] SDL_Window* fake_window();
 
 }  // namespace vesper::fuzz

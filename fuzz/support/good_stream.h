@@ -1,5 +1,4 @@
-// A stream that nothing is wrong with: the seeds are made of it, and every receiver has to play it
-// after whatever it was fed.
+// A valid stream: the seeds are made of it, and every receiver must still play it after any input.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// What a fuzzer's input is made of: numbers, little-endian, and runs of bytes, one behind the
-// other. InputWriter writes what InputReader reads, for the seeds.
+// What a fuzzer's input is made of: little-endian numbers and runs of bytes, one after the other.
+// InputWriter writes what InputReader reads, for the seeds.
 #pragma once
 
 #include <algorithm>

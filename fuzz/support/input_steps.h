@@ -1,4 +1,4 @@
-// The steps that an input of the window input fuzzer is made of, and how it begins.
+// The steps that make up an input of the window input fuzzer, and how it begins.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@ inline constexpr std::uint8_t kStartMuted = 0x02;
 inline constexpr std::uint8_t kHasParent = 0x04;
 inline constexpr std::uint8_t kNoWindow = 0x08;
 
-// Then one byte of kind each, and as said below.
+// Then one byte of kind for each step, and what is listed.
 enum class InputStep : std::uint8_t {
     resize,   // i32 width, i32 height: the window's
     wheel,    // i32 x, i32 y: where the mouse is; i32 amount
@@ -20,7 +20,7 @@ enum class InputStep : std::uint8_t {
     release,  // u8 button
     key,      // i32 key code
     event,    // u32 type, u8 window event: any other
-    hide,     // the bar goes
+    hide,     // the bar disappears
 };
 inline constexpr int kInputSteps = 8;
 

@@ -22,11 +22,11 @@ namespace vesper::fuzz {
 
 namespace {
 
-// A picture of the largest VP8 size is 400 MB and takes a second: it would teach nothing more than
-// one of this size does.
+// A picture of the largest VP8 size is 400 MB and takes a second, and would find nothing that one
+// of this size does not.
 constexpr std::int64_t kMaxPixels = 512 * 512;
 
-// Behind the converted picture; longer than any vector register.
+// After the converted picture; longer than any vector register.
 constexpr std::size_t kGuardBytes = 256;
 constexpr std::uint8_t kGuardValue = 0xC5;
 
@@ -41,8 +41,8 @@ std::atomic<int> destination_height{0};
 
 std::uint64_t sound_bytes = 0;
 
-// libFuzzer takes these for coverage of the code: an input whose pictures have a size not seen
-// before is worth keeping, but libavcodec, which is not instrumented, would not tell.
+// libFuzzer treats these as code coverage: an input whose pictures have a new size is worth
+// keeping, but libavcodec is not instrumented and would not show it.
 constexpr int kSizeClasses = 16;  // powers of two
 [[gnu::section(
     "__libfuzzer_extra_counters")]] std::uint8_t picture_sizes[kSizeClasses * kSizeClasses];
@@ -111,7 +111,7 @@ SwsContext* __wrap_sws_getContext(int source_width, int source_height, AVPixelFo
 int __real_sws_scale(SwsContext* context, const std::uint8_t* const source[], const int strides[],
                      int first_row, int rows, std::uint8_t* const destination[],
                      const int destination_strides[]);
-// Converts into a picture with a guard behind it.
+// Converts into a picture with a guard after it.
 int __wrap_sws_scale(SwsContext* context, const std::uint8_t* const source[], const int strides[],
                      int first_row, int rows, std::uint8_t* const destination[],
                      const int destination_strides[]) {
@@ -130,7 +130,7 @@ int __wrap_sws_scale(SwsContext* context, const std::uint8_t* const source[], co
     return result;
 }
 
-// Reads and writes in the place of libopus what libopus was told to.
+// Reads and writes, in place of libopus, exactly what libopus was asked to.
 int __real_opus_decode(OpusDecoder* decoder, const unsigned char* data, opus_int32 length,
                        opus_int16* pcm, int frame_size, int with_error_correction);
 int __wrap_opus_decode(OpusDecoder* decoder, const unsigned char* data, opus_int32 length,
@@ -144,7 +144,7 @@ int __wrap_opus_decode(OpusDecoder* decoder, const unsigned char* data, opus_int
     return frames;
 }
 
-// A card that takes everything: closing SDL's own dummy waits 60 ms for its thread.
+// A sound card that accepts everything: closing SDL's own dummy waits 60 ms for its thread.
 SDL_AudioDeviceID __wrap_SDL_OpenAudioDevice(const char*, int, const SDL_AudioSpec* desired,
                                              SDL_AudioSpec* obtained, int) {
     *obtained = *desired;
@@ -160,7 +160,7 @@ int __wrap_SDL_QueueAudio(SDL_AudioDeviceID, const void* data, Uint32 bytes) {
     return 0;
 }
 
-// Waits of a tear-down (for the window system, and the watchdog's): nobody is waited for here.
+// The waits of a tear-down (for the window system, and the watchdog's) return at once.
 int __wrap_nanosleep(const timespec*, timespec*) {
     return 0;
 }

@@ -1,6 +1,6 @@
-// What stands between the fuzzed receiver and the libraries: every function here is reached through
-// the linker's --wrap (vesper_add_fuzzer's WRAP). The libraries are not instrumented, so what they
-// are told to read and write is checked before, and after, they do.
+// Guards between the fuzzed receiver and the libraries: every function here is reached through the
+// linker's --wrap (vesper_add_fuzzer's WRAP). The libraries are not instrumented, so the memory
+// that they are asked to read and write is checked before and after each call.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ struct ConverterSource {
 // Bytes of sound queued since the program started.
 [[nodiscard]] std::uint64_t queued_sound_bytes();
 
-// Forgets the converter; to be called before a receiver is made.
+// Forgets the converter; call it before a receiver is made.
 void forget_converter();
 
 }  // namespace vesper::fuzz

@@ -34,15 +34,15 @@ constexpr std::uint64_t kMostBytes = 52'428'800 + kLargestPartialFrame;
 // The decoder delivers pictures a frame late, and a damaged stream may cost it a few more.
 constexpr int kFramesUntilPicture = 8;
 
-// A decode thread that has not come round in this time hangs, however busy the machine is.
+// A decode thread that makes no progress in this time hangs, however busy the machine is.
 constexpr auto kHang = std::chrono::seconds(60);
 
 constexpr std::uint64_t kSoundOfOnePacket = 960 * 2 * sizeof(short);  // bytes
 
 }  // namespace
 
-// Every input brings up a whole receiver: with the usual 256 MB of freed memory held back, each
-// would run on fresh pages, which takes longer than the receiver does.
+// Every input makes a whole receiver: with the sanitizer's usual quarantine of 256 MB, each would
+// run on fresh pages, which take longer to map than the receiver takes to run.
 extern "C" const char* __asan_default_options() {  // NOLINT: the sanitizer's name
     return "quarantine_size_mb=16";
 }
@@ -60,7 +60,7 @@ LiveReceiver::LiveReceiver(int width, int height) {
 }
 
 void LiveReceiver::receive(std::span<const std::uint8_t> datagram) {
-    // A copy of its own, so that reading behind it is found out.
+    // A copy of its own, so that reading past its end is detected.
     const std::vector<std::uint8_t> received(datagram.begin(), datagram.end());
     const int length = static_cast<int>(received.size());
     if (length < kPacketHeaderSize) {
@@ -90,7 +90,7 @@ void LiveReceiver::wait_for_empty_ring() {
     }
 }
 
-// The decode thread skips empty frames; one that it has taken tells that all before it are done.
+// The decode thread skips empty frames; once it has taken one, all frames before it are done.
 void LiveReceiver::settle() {
     wait_for_empty_ring();
     {
@@ -144,8 +144,7 @@ void LiveReceiver::check_partial_frames() {
     require(bytes < kMostBytes, "no new frame above the byte budget");
 }
 
-// Only of the frame that a datagram belonged to: of all of them it would take longer than
-// receiving.
+// Checks only the frame that a datagram belonged to: checking all would take longer than receiving.
 void LiveReceiver::check_fragments(std::uint32_t frame_id) {
     const std::lock_guard lock(peer_.frames_mutex());
     const auto position = peer_.partial_frames().find(frame_id);
@@ -191,7 +190,7 @@ void LiveReceiver::check_still_plays() {
     check_plays_sound();
 }
 
-// Behind every frame that the input completed, and none that it began: the first fragment of a
+// After every frame that the input completed, and none that it began: the first fragment of a
 // frame fixes its count, and the first copy of a fragment wins. Nothing when the input used up the
 // numbers.
 std::optional<std::uint32_t> LiveReceiver::unused_frame_id() {
@@ -227,7 +226,7 @@ void LiveReceiver::check_plays_video() {
     require(false, "a good stream brings a picture");
 }
 
-// The colour can only be told when the converter was made for pictures of this size.
+// The colour can be checked only if the converter was made for pictures of this size.
 bool LiveReceiver::shows_good_picture() {
     const std::lock_guard lock(peer_.picture_mutex());
     if (!peer_.picture_ready()) {

@@ -1,5 +1,5 @@
 // A receiver as the player runs it, with window, decode thread and sound, and the rules that hold
-// whatever it was fed.
+// for any input.
 #pragma once
 
 #include <chrono>
@@ -15,13 +15,13 @@ namespace vesper::fuzz {
 // Called once, before the first receiver: SDL with its dummy video driver, no lines of libavcodec.
 void prepare_process();
 
-// One to an input: nothing of an earlier input is left. Every operation ends the run when a rule is
-// broken.
+// One for each input, so that nothing of an earlier input is left. Every operation ends the run if
+// a rule is broken.
 class LiveReceiver {
   public:
     LiveReceiver(int width, int height);
 
-    // Gives a datagram to the handler that the player would choose.
+    // Passes a datagram to the handler that the player would choose.
     void receive(std::span<const std::uint8_t> datagram);
 
     // Returns when the decode thread has dealt with everything queued so far.

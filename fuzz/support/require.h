@@ -1,4 +1,4 @@
-// A rule that must hold whatever the input was.
+// A rule that must hold for any input.
 #pragma once
 
 #include <sanitizer/common_interface_defs.h>
