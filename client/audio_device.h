@@ -36,7 +36,7 @@ class AudioDevice {
     [[nodiscard]] bool open(Mode direction, int sample_rate, int channels, int samples,
                             const char* device_name);
 
-    // Closes the device, dropping what is queued. Does nothing when closed.
+    // Closes the device and drops what is queued. Does nothing when closed.
     void close();
 
     // Moves at most `max_samples` captured values into `out`. Returns how many; 0 when none wait,
@@ -53,7 +53,7 @@ class AudioDevice {
     // Drops what waits in SDL's queue.
     void clear_queue();
 
-    // Halts or resumes the device; the queue is kept.
+    // Pauses or resumes the device; the queue is kept.
     void pause(bool paused);
 
     // Names of the system's devices of one direction; empty when SDL cannot list them.

@@ -19,7 +19,7 @@ namespace vesper::client {
 
 namespace {
 
-// A broken stream fails at every frame, 30 times a second; the first few lines tell the story.
+// A broken stream fails at every frame, 30 times a second; the first few lines say enough.
 constexpr std::uint32_t kReportedDecodeErrors = 5;
 
 // Entries of every plane and stride array that FFmpeg's picture functions read, used or not.
@@ -27,7 +27,7 @@ constexpr std::size_t kPlanes = 4;
 
 // Shrinking by about 128 times or more in one direction (measured with libswscale 6.7), libswscale
 // works in two steps, and then crashes on a slice that is not the whole picture. Half of that is
-// far from any size that anybody looks at.
+// still far from any useful size.
 constexpr int kMaxShrinkOfPartialPicture = 64;
 
 }  // namespace
@@ -92,7 +92,7 @@ void VideoReceiver::decode_frame(const std::vector<std::uint8_t>& encoded_frame)
     decode_error_count = 0;
 }
 
-// Reports the first errors of a run, and asks for a keyframe at its very first: one is enough to
+// Reports the first errors of a run, and requests a keyframe at its very first: one is enough to
 // end it.
 void VideoReceiver::count_decode_error(const char* format, ...) {
     ++decode_error_count;
@@ -160,7 +160,7 @@ bool VideoReceiver::shrinks_too_far_for_partial_pictures() const {
 }
 
 // The rows below a picture that is shorter than the converter's source are not converted and keep
-// what they showed; the converter's overrun of the last converted row must not be seen in them.
+// their contents; the converter's overrun of the last converted row must not show in them.
 // `rows` is what sws_scale() returned.
 void VideoReceiver::restore_row_below(int rows) {
     const std::size_t begin = picture_size(frame_width_, std::clamp(rows, 0, frame_height_));
@@ -170,8 +170,8 @@ void VideoReceiver::restore_row_below(int rows) {
               convert_buffer.begin() + static_cast<std::ptrdiff_t>(begin));
 }
 
-// av_frame itself, or, where it is narrower than the converter's source, its rows laid into a black
-// picture of the converter's source size. VP8 knows only one pixel format (RFC 6386, section 2), so
+// av_frame itself, or, if it is narrower than the converter's source, its rows copied into a black
+// picture of the converter's source size. VP8 has only one pixel format (RFC 6386, section 2), so
 // the converter's is always that of av_frame. Null when there is no memory for the staging picture.
 const AVFrame* VideoReceiver::converter_source() {
     if (av_frame->width >= converter_width) {

@@ -13,8 +13,8 @@ namespace vesper::client {
 
 namespace {
 
-// Seven frame intervals at 30 frames/s. What is still missing then is lost on any network worth
-// watching a live stream over, and waiting on would only delay the keyframe that helps.
+// Seven frame intervals at 30 frames/s. What is still missing then is lost, on any network that can
+// carry a live stream, and waiting longer would only delay the keyframe that helps.
 constexpr auto kReassemblyTimeout = std::chrono::milliseconds(250);
 
 // Either limit triggers eviction. 60 incomplete frames is two seconds of a stream at 30 frames/s,
@@ -25,7 +25,7 @@ constexpr std::uint64_t kMaxPartialFrameBytes = 52'428'800;
 // Evicting down to half the limit makes the work rare.
 constexpr std::size_t kPartialFramesAfterEviction = 30;
 
-// Seven times what 1000 fragments of 1400 bytes can hold: stays right if those limits grow.
+// Seven times the size of 1000 fragments of 1400 bytes: remains valid if those limits grow.
 constexpr std::uint64_t kMaxFrameBytes = 10'485'760;
 
 std::size_t slot_offset(std::size_t fragment_index) {
@@ -97,7 +97,7 @@ void VideoReceiver::begin_frame(PartialFrame& frame, std::uint16_t fragment_coun
     frame.total_fragments = fragment_count;
 }
 
-// Evicts whichever frames the map yields first: with this many incomplete none is worth choosing.
+// Evicts whichever frames the map yields first: with this many incomplete, choosing is pointless.
 void VideoReceiver::make_room_for_frame() {
     if (partial_frames.size() < kMaxPartialFrames && partial_frames_bytes < kMaxPartialFrameBytes) {
         return;
@@ -123,13 +123,13 @@ bool VideoReceiver::store_fragment(PartialFrame& frame, const VideoFragmentHeade
     return true;
 }
 
-// Hands the frame to the decode thread and gives up every older one, silently: a newer picture is
+// Passes the frame to the decode thread and silently drops every older one: a newer picture is
 // there. False when the frame's size is absurd; it is then only forgotten.
 bool VideoReceiver::complete_frame(std::uint32_t frame_id, const PartialFrame& frame) {
     const std::uint64_t frame_bytes =
         std::accumulate(frame.fragment_sizes.begin(), frame.fragment_sizes.end(), std::uint64_t{0});
     if (frame_bytes == 0 || frame_bytes > kMaxFrameBytes) {
-        // Not reachable with 1 to 1000 fragments of 1 to 1400 bytes; the byte count is left alone.
+        // Not reachable with 1 to 1000 fragments of 1 to 1400 bytes; the byte count is unchanged.
         oldest_partial_frame = nullptr;
         partial_frames.erase(frame_id);
         return false;
@@ -181,7 +181,7 @@ void VideoReceiver::drop_frames_up_to(std::uint32_t frame_id) {
     }
 }
 
-// True when a frame was given up with fragments missing.
+// True when a frame was dropped with fragments missing.
 bool VideoReceiver::drop_stale_frames() {
     if (partial_frames.empty()) {
         return false;  // reading the clock costs as much as storing a fragment

@@ -6,7 +6,7 @@
 namespace vesper::client {
 
 // 200 ms of a stream at 30 frames/s: room for a decode thread that was kept off the processor for
-// a moment. A thread further behind than that shall lose frames rather than gather delay.
+// a moment. A thread further behind than that loses frames instead of adding delay.
 inline constexpr std::size_t kFrameQueueSlots = 6;
 
 [[nodiscard]] constexpr std::size_t next_slot(std::size_t slot) {

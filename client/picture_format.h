@@ -23,11 +23,11 @@ inline constexpr int kBytesPerPixel = 4;
 // Bytes past the end of a picture's rows that libswscale may overwrite: its vector code stores
 // whole vectors, up to 60 bytes too far where a row does not end with one (measured with
 // libswscale 6.7 on widths up to 400; a row's excess falls into the next row, which comes later,
-// the last row's behind the picture). Room for vectors four times as wide.
+// the last row's after the picture). Room for vectors four times as wide.
 inline constexpr std::size_t kConverterOverrun = 256;
 
 // Makes `picture` one of `width` x `height` pixels, new bytes zero, with room for the converter's
-// overrun behind it. A swap with another picture takes the room along.
+// overrun after it. A swap with another picture swaps that room too.
 inline void allocate_picture(std::vector<std::uint8_t>& picture, int width, int height) {
     picture.reserve(picture_size(width, height) + kConverterOverrun);
     picture.resize(picture_size(width, height));

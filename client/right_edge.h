@@ -1,11 +1,10 @@
 // The columns at a picture's right edge that libswscale leaves out.
 //
 // Where a picture keeps its size and has an even number of rows, libswscale converts it by code
-// that works in blocks of up to 16 columns and leaves out what is left over: with vector code the
+// that works in blocks of up to 16 columns and leaves out the remainder: with vector code the
 // last (width mod 8) columns where the width is 1 to 7 above a multiple of 16, without it the last
 // column of every odd width (measured with libswscale 6.7). So the last, incomplete block of 16
-// columns is converted once more, as a picture of its own that has nothing left over, and copied to
-// its place.
+// columns is converted again, as a picture of its own without a remainder, and copied to its place.
 #pragma once
 
 #include <cstdint>
@@ -24,8 +23,8 @@ class RightEdge {
     RightEdge(const RightEdge&) = delete;
     RightEdge& operator=(const RightEdge&) = delete;
 
-    // For pictures like `first`, converted to `width` x `height` pixels: where nothing is left out,
-    // or without memory, convert() does nothing.
+    // For pictures like `first`, converted to `width` x `height` pixels. If nothing is left out, or
+    // memory is refused, convert() does nothing.
     void prepare(const AVFrame& first, int width, int height);
 
     // Converts the edge of `source`'s first `rows` rows into `picture` of the prepared size (packed

@@ -20,15 +20,15 @@ constexpr int kFrameSize = 960;                        // samples per channel: 2
 constexpr int kFrameSamples = kFrameSize * kChannels;  // values of all channels
 constexpr int kDeviceBuffer = kFrameSize;              // sample frames: one packet
 
-// At most 60 ms are made up: a guess grows worse with every frame, and what is invented for a gap
-// delays everything behind it.
+// At most 60 ms are concealed: a guess grows worse with every frame, and what is invented for a gap
+// delays everything after it.
 constexpr std::uint32_t kMaxConcealedFrames = 3;
 
 using FrameSamples = std::array<short, kFrameSamples>;
 
-// The finite gain that does the same, so that no product is a NaN and the loop over the samples
-// need not look for one: a NaN silences; an infinite gain saturates every sample but 0, and so does
-// the largest finite one.
+// The finite gain with the same effect, so that no product is a NaN and the loop over the samples
+// need not check for one: a NaN silences; an infinite gain saturates every sample but 0, and so
+// does the largest finite one.
 float without_nan(float gain) {
     constexpr float kLargest = std::numeric_limits<float>::max();
     return std::isnan(gain) ? 0.0F : std::clamp(gain, -kLargest, kLargest);
@@ -84,8 +84,8 @@ void VideoReceiver::handle_screen_audio(const std::uint8_t* data, int len) {
     if (!conceal_lost_packets(header.sequence)) {
         return;
     }
-    // Every packet moves the reference, a late or repeated one back, and also one that turns out to
-    // be undecodable.
+    // Every packet moves the reference: a late or repeated one moves it back, and even one that
+    // turns out to be undecodable moves it.
     last_audio_sequence = header.sequence;
 
     FrameSamples decoded;
@@ -102,16 +102,16 @@ void VideoReceiver::handle_screen_audio(const std::uint8_t* data, int len) {
 }
 
 // Plays concealment for the packets between the last one and `sequence`. False when the receiver
-// began to stop meanwhile.
+// has begun to stop in the meantime.
 bool VideoReceiver::conceal_lost_packets(std::uint32_t sequence) {
-    // Unsigned, modulo 2^32: behind the largest number the count goes on from 0. A gap that begins
-    // before the largest number and ends behind it looks like a late packet and is not concealed.
+    // Unsigned, modulo 2^32: after the largest number the count continues from 0. A gap that begins
+    // before the largest number and ends after it looks like a late packet and is not concealed.
     if (last_audio_sequence == 0 || sequence <= last_audio_sequence + 1) {
         return true;
     }
     const std::uint32_t lost = sequence - last_audio_sequence - 1;
-    // Should concealment fail, the frame is played all the same so that the timing holds; the zeros
-    // keep the first one defined.
+    // If concealment fails, the frame is played anyway to keep the timing; the zeros keep the first
+    // one defined.
     FrameSamples concealed{};
     for (std::uint32_t i = 0; i < std::min(lost, kMaxConcealedFrames); ++i) {
         opus_decoder.decode_plc(concealed.data(), kFrameSize);

@@ -19,19 +19,19 @@ namespace vesper::client {
 
 namespace {
 
-// Smallest window: a tiny stream still gets one that can be found, grabbed and controlled.
+// Smallest window: even a tiny stream gets one that can be found, grabbed and controlled.
 constexpr int kMinWindowWidth = 320;   // pixels
 constexpr int kMinWindowHeight = 240;  // pixels
 
 // One thread decodes while the other takes the next frame; more would add a frame of delay each.
 constexpr int kDecoderThreads = 2;
 
-// The window's last events are still on their way when the stream ends; give them time to arrive
-// before the window goes.
+// The window's last events are still on their way when the stream ends; this gives them time to
+// arrive before the window is destroyed.
 constexpr auto kEventGracePeriod = std::chrono::milliseconds(10);
 
 // A join takes as long as decoding and converting the current batch: far less than a second. Longer
-// than this means a hang that somebody should see.
+// than this means a hang that must not go unnoticed.
 constexpr auto kJoinReportDelay = std::chrono::seconds(5);
 
 struct WindowSize {
@@ -39,8 +39,8 @@ struct WindowSize {
     int height;  // pixels
 };
 
-// Truncates toward zero; values no int can hold become the nearest that one can, a NaN (no size on
-// no display) 0.
+// Truncates toward zero; values that do not fit an int become the nearest that does, a NaN (no size
+// on no display) becomes 0.
 int truncated(float value) {
     if (std::isnan(value)) {
         return 0;
@@ -88,7 +88,7 @@ bool sdl_video_is_up() {
     return SDL_WasInit(SDL_INIT_VIDEO) != 0;
 }
 
-// Flushes each line, so that the last one seen names the step that hung or crashed in a driver.
+// Flushes each line, so that the last one printed names the step that hung or crashed in a driver.
 [[gnu::format(printf, 1, 2)]] void print_flushed(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
@@ -163,7 +163,7 @@ bool VideoReceiver::create_window(const char* title, int width, int height) {
     return true;
 }
 
-// Everything behind the window. On failure the window is gone too.
+// Everything after the window. On failure the window is destroyed too.
 bool VideoReceiver::open_renderer_and_decoder() {
     if (!create_renderer() || !create_texture() || !open_decoder()) {
         release_window();

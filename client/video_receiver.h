@@ -4,9 +4,9 @@
 // The intent is to always show the newest picture and never to wait for lost data. Datagrams go in
 // on the main thread (handle_fragment, handle_screen_audio); completed frames pass through a ring
 // of six slots to the decode thread, which decodes every one but converts only the last picture of
-// what it found queued; render() or update() put that picture on the window. Lost on purpose: a
+// what it found queued; render() or update() puts that picture on the window. Dropped on purpose: a
 // frame still incomplete after 250 ms, incomplete frames older than a completed one, the oldest of
-// six queued frames when a seventh completes, and every picture that a newer one overtook.
+// six queued frames when a seventh completes, and every picture that a newer one overtakes.
 //
 //   main thread                                                     decode thread
 //   handle_fragment -> partial_frames -> frame_queue (ring of 6) -> decode_thread_func
@@ -19,7 +19,7 @@
 //
 // Two ways to use it. Stand-alone: init_for_udp(), then render() once per pass. Inside an
 // application: start(), then update() once per pass, mark_stream_ended() when the stream is over,
-// set_condemned() once the application has given the receiver up. A receiver is brought up once:
+// set_condemned() once the application has abandoned the receiver. A receiver is brought up once:
 // after stop(), make a new one.
 #pragma once
 
@@ -64,7 +64,7 @@ class VideoReceiver {
     // Opens nothing, allocates nothing, starts no thread.
     VideoReceiver() = default;
 
-    // Runs stop() unless the decode clean-up has run already, and reports both ends of it on
+    // Runs stop() unless the decode clean-up has run already, and reports its own begin and end on
     // standard output. May run after SDL_Quit().
     ~VideoReceiver();
 
@@ -74,7 +74,7 @@ class VideoReceiver {
     // Stand-alone mode: opens a window for a stream of `width` x `height` pixels (the window fits
     // into half the display each way, at least 320 x 240), its renderer and texture and the VP8
     // decoder, and starts the decode thread. Prints one line on success. On failure prints one line
-    // on standard error, releases in reverse order what it had made, and returns false. A live
+    // on standard error, releases in reverse order what it has made, and returns false. A live
     // receiver is stopped first, but no later stop() would join the new thread: bring a receiver up
     // once.
     [[nodiscard]] bool init_for_udp(int width, int height);
@@ -100,7 +100,7 @@ class VideoReceiver {
     // forgets them. The window's id is kept.
     void destroy_sdl_resources();
 
-    // Declares the stream over: no more decoding, and the last picture stays up under the
+    // Declares the stream over: decoding ends, and the last picture stays visible under the
     // stream-ended overlay. Frees nothing, prints a line on standard output. Takes queue_mutex. Any
     // thread.
     void mark_stream_ended();
@@ -111,23 +111,24 @@ class VideoReceiver {
     // ---- datagrams ----
 
     // Takes one video-fragment datagram of `len` bytes, PacketHeader included. Anything malformed
-    // or unwanted is dropped silently; frames given up after 250 ms are reported on standard error
+    // or unwanted is dropped silently; frames dropped after 250 ms are reported on standard error
     // and raise a keyframe request. Any thread; takes frames_mutex, inside it queue_mutex.
     void handle_fragment(const std::uint8_t* data, int len);
 
-    // True when a keyframe came to be needed since the last call, once or more often. Any thread.
+    // True when a keyframe has become necessary since the last call, once or repeatedly. Any
+    // thread.
     [[nodiscard]] bool needs_keyframe_request();
 
     // Takes one screen-audio datagram of `len` bytes, PacketHeader included: conceals up to three
     // lost packets before it, decodes it and queues the sound. Drops silently what it cannot use.
     // Plays in order of arrival, late and repeated packets too: there is no jitter buffer and no
-    // limit on what waits in the device's queue, so the delay is what the sender's pace makes it.
+    // limit on what waits in the device's queue, so the sender's pace determines the delay.
     void handle_screen_audio(const std::uint8_t* data, int len);
 
     // ---- presentation ----
 
     // Draws one frame of the window: the newest picture (or its zoomed part) over the whole window,
-    // the stream-ended overlay where due, then the overlay callback. Returns at once without SDL
+    // the stream-ended overlay if due, then the overlay callback. Returns at once without SDL
     // objects, and draws nothing before start-up and after a stop.
     void render();
 
@@ -135,7 +136,7 @@ class VideoReceiver {
     // every skipped call: while condemned, and without SDL objects.
     void update();
 
-    // Draws the stream-ended overlay over whatever the target holds, in renderer output pixels.
+    // Draws the stream-ended overlay over the target's contents, in renderer output pixels.
     // Leaves draw colour and blend mode changed.
     void render_stream_ended_overlay();
 
@@ -159,7 +160,7 @@ class VideoReceiver {
     // checked nor clamped: a negative gain inverts the waveform, a NaN silences. Any thread.
     void set_audio_volume(float volume);
 
-    // ---- what the owner asks ----
+    // ---- queries ----
 
     [[nodiscard]] int frame_width() const { return frame_width_; }    // stream pixels
     [[nodiscard]] int frame_height() const { return frame_height_; }  // stream pixels
@@ -243,7 +244,7 @@ class VideoReceiver {
     std::atomic<bool> stream_ended{false};
     // The decode clean-up has run or is running; never reset. Atomic.
     std::atomic<bool> cleanup_done{false};
-    // The owning application has given the receiver up. Atomic.
+    // The owning application has abandoned the receiver. Atomic.
     std::atomic<bool> condemned{false};
 
     std::uint32_t uid = 0;  // the streamer's user id, 0 in stand-alone mode
@@ -308,8 +309,8 @@ class VideoReceiver {
     // Sum of the capacities of all PartialFrame::data. Guarded by frames_mutex.
     std::uint64_t partial_frames_bytes = 0;
 
-    // The frame under reassembly that was begun first: while it is not overdue none is. Null when
-    // not known, as after its end. Guarded by frames_mutex.
+    // The frame under reassembly that was begun first: while it is not overdue, none is. Null when
+    // unknown, as after its end. Guarded by frames_mutex.
     const PartialFrame* oldest_partial_frame = nullptr;
 
     // Consecutive decoding errors. Decode thread.
@@ -318,7 +319,7 @@ class VideoReceiver {
     // A keyframe should be asked for. Atomic; set by reassembly and by the decode thread.
     std::atomic<bool> keyframe_needed{false};
 
-    // What sws_ctx was made for: the size of the stream's first picture, in pixels. Decode thread.
+    // The source size of sws_ctx: that of the stream's first picture, in pixels. Decode thread.
     int converter_width = 0;
     int converter_height = 0;
 
@@ -329,8 +330,8 @@ class VideoReceiver {
     // Decode thread.
     std::vector<std::uint8_t> before_partial_picture;
 
-    // A later, narrower picture is laid into this one of the converter's source size, because
-    // libswscale reads rows of its source width and would run over the picture's own. Made when
+    // A later, narrower picture is copied into this one of the converter's source size, because
+    // libswscale reads rows of its source width and would overrun the picture's own. Made when
     // first needed. Decode thread.
     AVFrame* staging_frame = nullptr;
 };
