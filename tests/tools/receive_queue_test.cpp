@@ -69,5 +69,20 @@ TEST_F(ReceiveQueueTest, IsNoneWithoutASocket) {
     EXPECT_FALSE(receive_queue(port));
 }
 
+TEST_F(ReceiveQueueTest, AllIsTakenWhileNothingWaits) {
+    EXPECT_TRUE(has_taken_all(receiver_.get_bound_port()));
+    send(1);
+    EXPECT_FALSE(has_taken_all(receiver_.get_bound_port()));
+    ASSERT_EQ(receive_all(), 1);
+    EXPECT_TRUE(has_taken_all(receiver_.get_bound_port()));
+}
+
+TEST_F(ReceiveQueueTest, AllIsTakenWhereNobodyCanTell) {
+    const std::uint16_t port = receiver_.get_bound_port();
+    send(1);
+    receiver_.reset();
+    EXPECT_TRUE(has_taken_all(port));
+}
+
 }  // namespace
 }  // namespace vesper::tools

@@ -13,6 +13,7 @@ extern "C" {
 #include "tests/support/temporary_folder.h"
 #include "tests/tools/media_file.h"
 #include "tests/tools/stream_receiver.h"
+#include "tools/stream/vp8_repeat.h"
 
 namespace vesper::tools {
 namespace {
@@ -51,13 +52,14 @@ struct StreamerTest : testing::Test {
 
     void start(const StreamSettings& settings) {
         ASSERT_TRUE(streamer.open(settings));
-        ASSERT_TRUE(link.open(0, player.port()));
+        ASSERT_TRUE(link.open(0, player_port));
         link.start({.keyframe_requested = [this] { streamer.request_keyframe(); }});
         streamer.start();
     }
 
     test::TemporaryFolder folder;
     test::StreamReceiver player;
+    std::uint16_t player_port = player.port();
     MediaSource source;
     Link link;
     Streamer streamer{source, link};
@@ -110,11 +112,26 @@ TEST_F(StreamerTest, EachPictureIsOneFrameUntilTheSourceEnds) {
     EXPECT_EQ(counters.frames + counters.skipped, 10U);
 }
 
+// Nobody listens there, so nothing ever waits to be taken.
 TEST_F(StreamerTest, LowDelaySendsEachPictureTwice) {
+    UDPSocket gone;
+    ASSERT_TRUE(gone.bind(0));
+    player_port = gone.get_bound_port();
+    gone.reset();
     stream_file({.frames_per_second = 25, .frames = 10}, {.low_delay = true});
     EXPECT_TRUE(test::eventually([this] { return streamer.finished(); }));
     const auto counters = streamer.counters();
     EXPECT_EQ(counters.frames + 2 * counters.skipped, 20U);
+}
+
+TEST_F(StreamerTest, LowDelaySparesAPlayerThatDoesNotKeepUp) {
+    UDPSocket other;
+    ASSERT_TRUE(other.bind(0));
+    ASSERT_EQ(other.send("", 1, "127.0.0.1", player.port()), 1);  // never taken
+    stream_file({.frames_per_second = 25, .frames = 10}, {.low_delay = true});
+    EXPECT_TRUE(test::eventually([this] { return streamer.finished(); }));
+    const auto counters = streamer.counters();
+    EXPECT_EQ(counters.frames + counters.skipped, 10U);
 }
 
 TEST_F(StreamerTest, ARepeatIsMuchSmallerThanItsPicture) {
@@ -123,21 +140,22 @@ TEST_F(StreamerTest, ARepeatIsMuchSmallerThanItsPicture) {
     const auto repeat = player.next_frame();
     EXPECT_TRUE(is_keyframe(picture));
     EXPECT_FALSE(is_keyframe(repeat));
+    EXPECT_EQ(repeat, make_repeat_frame(kWidth, kHeight));
     EXPECT_LT(repeat.size(), picture.size() / 4);
 }
 
 // The sound is the clock here: a packet each 20 ms. Of a second's frame in n fragments, the last
-// leaves after (n - 1) / n of that second.
+// leaves after (n - 1) / n of three quarters of that second.
 TEST_F(StreamerTest, AFrameIsSpreadOverItsInterval) {
     stream(1, {.video = {.bitrate = 5'000'000}});
     ASSERT_GT(player.next_frame().size(), 4U * kMaxFragmentPayload);
-    EXPECT_GT(player.sound_packets_on_the_way(), 25);
+    EXPECT_GT(player.sound_packets_on_the_way(), 10);
 }
 
 TEST_F(StreamerTest, ABurstIsNotSpread) {
     stream(1, {.video = {.bitrate = 5'000'000}, .burst = true});
     ASSERT_GT(player.next_frame().size(), 4U * kMaxFragmentPayload);
-    EXPECT_LT(player.sound_packets_on_the_way(), 25);
+    EXPECT_LT(player.sound_packets_on_the_way(), 10);
 }
 
 }  // namespace

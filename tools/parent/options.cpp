@@ -120,7 +120,7 @@ void add_video_options(CLI::App& app, StreamSettings& stream) {
         ->check(CLI::Range(1, 1'000'000))
         ->group("Video");
     app.add_flag("--low-delay", stream.low_delay,
-                 "Send each picture twice, so that the player shows it at once")
+                 "Send each picture twice while the player keeps up, so that it shows it at once")
         ->group("Video");
 }
 

@@ -25,4 +25,9 @@ std::optional<ReceiveQueue> receive_queue(std::uint16_t port) {
     return std::nullopt;
 }
 
+bool has_taken_all(std::uint16_t port) {
+    const std::optional<ReceiveQueue> queue = receive_queue(port);
+    return !queue || queue->waiting == 0;
+}
+
 }  // namespace vesper::tools

@@ -15,4 +15,8 @@ struct ReceiveQueue {
 // Of the IPv4 socket bound to UDP `port`. Nothing where there is none. Any thread.
 [[nodiscard]] std::optional<ReceiveQueue> receive_queue(std::uint16_t port);
 
+// Whether the player on UDP `port` has taken everything that came for it so far: whether it keeps
+// up. True where there is no such socket to ask. Any thread.
+[[nodiscard]] bool has_taken_all(std::uint16_t port);
+
 }  // namespace vesper::tools

@@ -3,10 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <span>
 #include <utility>
 #include <vector>
+
+#include "tools/stream/receive_queue.h"
+#include "tools/stream/vp8_repeat.h"
 
 namespace vesper::tools {
 
@@ -22,11 +26,18 @@ constexpr int kMaxOpusPacket = 4000;  // bytes
 constexpr std::size_t kMaxFrame =
     std::size_t{kMaxFragmentsPerFrame} * kMaxFragmentPayload;  // bytes
 
-// With low delay: the picture and its repeat.
-constexpr int kFramesPerPicture = 2;
+// Share of the time until the next frame over which a frame's datagrams are spread. The rest is for
+// the player to take the last ones, so that the next frame finds it waiting, and a keyframe does
+// not hold up the frame behind it.
+constexpr double kSpread = 0.75;
 
 // A stream that is later than this no longer tries to catch up: better late than a storm of frames.
 constexpr auto kHopelesslyLate = std::chrono::seconds(1);
+
+Clock::duration datagram_spacing(std::ptrdiff_t datagrams, Clock::duration room) {
+    const auto spread = std::chrono::duration_cast<Clock::duration>(kSpread * room);
+    return std::max(spread, Clock::duration::zero()) / datagrams;
+}
 
 }  // namespace
 
@@ -39,13 +50,8 @@ bool Streamer::open(const StreamSettings& settings) {
     frame_interval_ = std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(1)) /
                       settings.video.frames_per_second;
     has_sound_ = source_.has_sound();
-    Vp8Settings video = settings.video;
-    if (settings.low_delay) {
-        // The encoder counts the repeats too.
-        video.frames_per_second *= kFramesPerPicture;
-        video.keyframe_interval *= kFramesPerPicture;
-    }
-    if (!video_encoder_.open(video)) {
+    repeat_ = make_repeat_frame(settings.video.width, settings.video.height);
+    if (!video_encoder_.open(settings.video)) {
         return false;
     }
     if (!sound_encoder_.init(kSoundRate, kSoundChannels, OPUS_APPLICATION_AUDIO)) {
@@ -175,38 +181,43 @@ void Streamer::answer_with_keyframe() {
 }
 
 void Streamer::send_picture(bool keyframe, Clock::time_point until) {
-    std::vector<Datagram> datagrams;
-    if (!encode(keyframe, datagrams) || (settings_.low_delay && !encode(false, datagrams))) {
+    std::vector<Datagram> datagrams = encode_picture(keyframe);
+    if (datagrams.empty()) {
         return;
     }
+    const bool repeated = settings_.low_delay && has_taken_all(link_.player_port());
     // The frame before may not have left yet.
     const Clock::time_point from = std::max(Clock::now(), last_datagram_due_);
-    const Clock::duration room = settings_.burst ? Clock::duration::zero() : until - from;
-    const Clock::duration spacing =
-        std::max(room, Clock::duration::zero()) / static_cast<int>(datagrams.size());
-    last_datagram_due_ = from;
+    const Clock::duration spacing = settings_.burst
+                                        ? Clock::duration::zero()
+                                        : datagram_spacing(std::ssize(datagrams), until - from);
+    Clock::time_point due = from;
     for (Datagram& datagram : datagrams) {
-        link_.send(std::move(datagram), last_datagram_due_);
-        last_datagram_due_ += spacing;
+        link_.send(std::move(datagram), due);
+        last_datagram_due_ = due;
+        due += spacing;
+    }
+    if (repeated) {
+        for (Datagram& datagram : packetize(repeat_)) {
+            link_.send(std::move(datagram), last_datagram_due_);
+        }
     }
 }
 
-// Appends the datagrams of the newest picture.
-bool Streamer::encode(bool keyframe, std::vector<Datagram>& datagrams) {
+// The datagrams of the newest picture; none, with a line, when it cannot be sent.
+std::vector<Datagram> Streamer::encode_picture(bool keyframe) {
     const std::vector<std::uint8_t> encoded = video_encoder_.encode(picture_, keyframe);
-    if (encoded.empty()) {
-        return false;
-    }
     if (encoded.size() > kMaxFrame) {
         std::fprintf(stderr, "a frame of %zu bytes is too large to send\n", encoded.size());
-        return false;
+        return {};
     }
-    for (Datagram& datagram : video_packetizer_.packetize(encoded)) {
-        datagrams.push_back(std::move(datagram));
-    }
+    return encoded.empty() ? std::vector<Datagram>{} : packetize(encoded);
+}
+
+std::vector<Datagram> Streamer::packetize(std::span<const std::uint8_t> frame) {
     const std::lock_guard lock(mutex_);
     ++counters_.frames;
-    return true;
+    return video_packetizer_.packetize(frame);
 }
 
 }  // namespace vesper::tools

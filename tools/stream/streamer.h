@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <span>
 #include <thread>
 #include <vector>
 
@@ -19,12 +20,14 @@ namespace vesper::tools {
 struct StreamSettings {
     Vp8Settings video{};  // as many frames a second as the source has pictures
 
-    // All datagrams of a frame at once. Otherwise they are spread over the time until the next
-    // frame, which spares the player's receive buffer.
+    // All datagrams of a frame at once. Otherwise they are spread over most of the time until the
+    // next frame, which spares the player's receive buffer.
     bool burst = false;
 
-    // Every picture goes out twice, as two frames. A decoder may hold a picture back until the
-    // frame behind it arrives; the repeat, which costs next to nothing, pushes it out at once.
+    // Every picture is followed by a frame that shows it once more. A decoder may hold a picture
+    // back until the frame behind it arrives; the repeat, one small datagram, pushes it out at
+    // once. A player that has not taken all of the picture before gets none: there the repeats
+    // would only delay the pictures.
     bool low_delay = false;
 };
 
@@ -71,7 +74,8 @@ class Streamer {
     void stream_sound();
     void answer_with_keyframe();
     void send_picture(bool keyframe, Clock::time_point until);
-    [[nodiscard]] bool encode(bool keyframe, std::vector<Datagram>& datagrams);
+    [[nodiscard]] std::vector<Datagram> encode_picture(bool keyframe);
+    [[nodiscard]] std::vector<Datagram> packetize(std::span<const std::uint8_t> frame);
     void catch_up();
 
     MediaSource& source_;
@@ -83,6 +87,7 @@ class Streamer {
     OpusEncoderWrapper sound_encoder_;
     VideoPacketizer video_packetizer_;
     AudioPacketizer sound_packetizer_;
+    std::vector<std::uint8_t> repeat_;  // the frame that shows the one before it once more
     Picture picture_;                   // the newest
     Clock::duration frame_interval_{};  // time between two pictures
     Clock::time_point picture_due_;
