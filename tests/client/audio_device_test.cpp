@@ -17,7 +17,7 @@
 
 namespace vesper::client {
 
-// Direction and handle of a device, which no public call tells.
+// Direction and handle of a device, which no public call returns.
 struct AudioDevicePeer {
     static SDL_AudioDeviceID device_id(const AudioDevice& device) { return device.device_id; }
     static AudioDevice::Mode mode(const AudioDevice& device) { return device.mode; }

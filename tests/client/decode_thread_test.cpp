@@ -124,7 +124,7 @@ constexpr int kSourceHeight = 64;
 constexpr int kWidth = 48;
 constexpr int kHeight = 32;
 
-// A frame's first byte says what becomes of it: the codec's answers to send and receive.
+// A frame's first byte determines what happens to it: what the codec returns for send and receive.
 EncodedFrame good(std::uint8_t id) {
     return {id, 0, 0};
 }
@@ -160,7 +160,7 @@ class DecodeThread : public DecodeThreadScript {
             EXPECT_EQ(frame, peer.av_frame());
             transcript.note("receive %d", sent[0]);
             at_receive();
-            av_frame_unref(frame);  // as the codec does, whatever comes of it
+            av_frame_unref(frame);  // as the codec does, whatever the result
             if (sent[2] != 0) {
                 return kReceiveError;
             }
@@ -681,7 +681,7 @@ TEST_F(DecodeThreadVp8, FirstReceiveFindsNoPictureYetAndPicturesComeOneFrameLate
 TEST_F(DecodeThreadVp8, PictureOfTheFormatsLargestSizeIsAnErrorLikeAnyOther) {
     configure(320, 180);
     EncodedFrame keyframe = encoded_frames(320, 180, 1).front();
-    // 14 bits each, little-endian, behind frame tag and start code (RFC 6386, section 9.1).
+    // 14 bits each, little-endian, after frame tag and start code (RFC 6386, section 9.1).
     constexpr std::size_t kSizes = 6;
     for (const std::size_t size : {kSizes, kSizes + 2}) {
         keyframe[size] = 0xFF;
@@ -723,7 +723,7 @@ TEST_F(DecodeThreadVp8, SmallerPictureIsScaledUpToTheConfiguredSize) {
     expect_four_colours(0, 0, 640, 360);
 }
 
-// The converter refuses a taller picture; what the scratch buffer held is shown instead.
+// The converter refuses a taller picture; the scratch buffer's earlier contents are shown instead.
 TEST_F(DecodeThreadVp8, StreamThatGrowsKeepsItsConverterAndShowsWhatTheScratchBufferHeld) {
     configure(640, 360);
     queue_one_by_one(encoded_frames(1280, 720, 4));

@@ -71,7 +71,7 @@ std::vector<std::string> lines_of(const std::string& text) {
 
 class FragmentReassembly : public test::HookedTest {
   protected:
-    // The clock stands still, so that nothing becomes overdue on a slow machine; pass() moves it.
+    // The clock is stopped, so that nothing becomes overdue on a slow machine; pass() advances it.
     void SetUp() override {
         peer.go_live_without_decoder();
         hook__ZNSt6chrono3_V212steady_clock3nowEv = [this] { return now; };
@@ -244,7 +244,8 @@ TEST_F(FragmentReassembly, FragmentCounts1And1000AreAccepted) {
 }
 
 TEST_F(FragmentReassembly, BytesThatAreTheSendersOwnChangeNothing) {
-    // All of the packet header, which only tells a fragment from a sound packet, and bytes 38, 39.
+    // All of the packet header, which only distinguishes fragments from sound packets, and bytes 38
+    // and 39.
     Bytes datagram = fragment(5, 0, 1).build();
     std::fill_n(datagram.begin(), 28, std::uint8_t{0xFF});
     datagram[38] = 0xFF;
@@ -360,7 +361,7 @@ TEST_F(FragmentReassembly, FirstCopyOfAFragmentWins) {
     EXPECT_THAT(queued_frames(), ElementsAre(Bytes{1, 2, 3, 4}));
 }
 
-// An application that catches std::bad_alloc and goes on loses that fragment, and nothing else.
+// An application that catches std::bad_alloc and continues loses that fragment, and nothing else.
 TEST_F(FragmentReassembly, AFrameWhoseMemoryIsRefusedBeginsAgainWithItsNextFragment) {
     deliver(fragment(1, 0, 1));  // the first frame ever also makes the table and the ring
     std::uint32_t id = 2;
@@ -373,7 +374,7 @@ TEST_F(FragmentReassembly, AFrameWhoseMemoryIsRefusedBeginsAgainWithItsNextFragm
                      std::bad_alloc);
         EXPECT_EQ(peer.partial_frames_bytes(), held_bytes());
 
-        deliver(fragment(id, 9, 3));  // beyond the frame, which it begins
+        deliver(fragment(id, 9, 3));  // beyond the end of the frame that it begins
         for (const int index : {2, 1, 0}) {
             EXPECT_EQ(peer.last_completed_frame_id(), id - 1);
             deliver(fragment(id, index, 3));
@@ -608,7 +609,7 @@ TEST_F(FragmentReassembly, AFrameOf10485760BytesIsStillDelivered) {
 
 TEST_F(FragmentReassembly, ALargerFrameIsForgottenAndItsBytesStayCounted) {
     deliver(fragment(9, 0, 2));
-    pass(kTimeout + 1ms);  // frame 9 stays: the call ends before the overdue are looked for
+    pass(kTimeout + 1ms);  // frame 9 stays: the call ends before the search for overdue frames
     plant_frame(3, 161, 160, 65'535, 160 * 1400 + 65'535);
     unaccounted_bytes = peer.partial_frames().at(3).data.capacity();
     int notifications = 0;
@@ -790,7 +791,7 @@ TEST_F(FragmentReassemblyEviction, FragmentsOfAKnownFrameEvictNothing) {
     deliver(fragment(33, 0, 2));
     deliver(fragment(34, 2, 2));
     EXPECT_THAT(peer.partial_frames(), SizeIs(60));
-    deliver(fragment(1, 1, 2));  // completes and goes, alone
+    deliver(fragment(1, 1, 2));  // completes and leaves the table, alone
     EXPECT_THAT(peer.partial_frames(), SizeIs(59));
 }
 
@@ -972,7 +973,7 @@ TEST_F(FragmentReassemblyTimeout, LossIsPrintedWithOneDecimal) {
     };
     peer.keyframe_needed() = true;  // keeps the request line away
     for (const Row& row : rows) {
-        deliver(fragment(7, row.total, row.total));  // begins the frame, carries nothing for it
+        deliver(fragment(7, row.total, row.total));  // begins the frame, carries no data for it
         for (int index = 0; index < row.received; ++index) {
             deliver(fragment(7, index, row.total));
         }
@@ -1072,7 +1073,7 @@ TEST_F(FragmentReassembly, OneRequestIsReportedToOneOfManyAskers) {
 // ---- threads ----
 
 // Each of four threads delivers its own fragment of every frame, while one more drains the ring.
-// Whatever the interleaving, frame n+1 completes after frame n, and no frame is torn.
+// However the threads interleave, frame n+1 completes after frame n, and no frame is torn.
 TEST_F(FragmentReassembly, FragmentsMayComeFromSeveralThreads) {
     constexpr int kSenders = 4;
     constexpr std::uint32_t kFrames = 50;  // fewer than make an eviction necessary

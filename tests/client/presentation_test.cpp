@@ -46,7 +46,7 @@ namespace {
 using test::HookedTest;
 using test::Transcript;
 
-// Stand for SDL's objects.
+// Stand-ins for SDL's objects.
 auto* const kWindow = reinterpret_cast<SDL_Window*>(0x1000);
 auto* const kRenderer = reinterpret_cast<SDL_Renderer*>(0x2000);
 auto* const kTexture = reinterpret_cast<SDL_Texture*>(0x3000);
@@ -490,7 +490,7 @@ class PresentationWithSdl : public HookedTest {
         HookedTest::TearDown();
     }
 
-    // What the stream's picture holds at x, y: no two pixels of it are equal.
+    // The stream's picture at x, y: no two of its pixels are equal.
     static Pixel pattern(int x, int y) {
         return {.r = x % 256, .g = y % 256, .b = x / 256 * 16 + y / 256};
     }

@@ -35,14 +35,15 @@ using test::joined;
 using test::real_start_thread;
 using test::Transcript;
 
-// Stand for SDL's objects. SDL itself is down, so the receiver never hands them back to it.
+// Stand-ins for SDL's objects. SDL itself is not initialised, so the receiver never passes them to
+// it.
 auto* const kWindow = reinterpret_cast<SDL_Window*>(0x1000);
 auto* const kRenderer = reinterpret_cast<SDL_Renderer*>(0x2000);
 auto* const kTexture = reinterpret_cast<SDL_Texture*>(0x3000);
 auto* const kParentWindow = reinterpret_cast<SDL_Window*>(0x4000);
 constexpr std::uint32_t kWindowId = 5;
 
-// Makes and destroys nothing of SDL's and lets libavcodec work; enters every call.
+// Makes and destroys none of SDL's objects, lets libavcodec work, and records every call.
 class ReceiverSetUp : public HookedTest {
   protected:
     void SetUp() override {
@@ -199,7 +200,7 @@ class ReceiverSetUp : public HookedTest {
         std::string size;
         hook_SDL_CreateWindow = [&size](const char*, int, int, int w, int h, Uint32) {
             size = std::to_string(w) + "x" + std::to_string(h);
-            return nullptr;  // that is all the test wants
+            return nullptr;  // the test needs nothing more
         };
         EXPECT_FALSE(receiver.init_for_udp(width, height));
         return size;
@@ -410,7 +411,7 @@ TEST_F(ReceiverSetUp, HalvesOfAnOddDisplayAreTruncated) {
 TEST_F(ReceiverSetUp, ScaleIsASinglePrecisionNumberAndItsProductsAreTruncated) {
     display_width = 1920;
     display_height = 1080;
-    // 960 / 1104 as a float lies below the quotient, so that 1104 times it stays below 960; the
+    // 960 / 1104 as a float is less than the quotient, so that 1104 times it stays below 960; the
     // height comes out as 434.78.
     EXPECT_EQ(window_for_stream(1104, 500), "959x434");
 }

@@ -140,7 +140,7 @@ class Life {
         }
     }
 
-    // Stops the receiver in one of the two ways, and goes on using it for a moment.
+    // Stops the receiver in one of the two ways, and continues to use it for a moment.
     void stop() {
         if (random_() % 2 == 0) {
             receiver_.stop();

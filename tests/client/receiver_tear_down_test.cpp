@@ -63,14 +63,14 @@ const auto real_join = __real__ZNSt6thread4joinEv;
 auto& hook_detach = hook__ZNSt6thread6detachEv;
 const auto real_detach = __real__ZNSt6thread6detachEv;
 
-// Stand for SDL's objects.
+// Stand-ins for SDL's objects.
 auto* const kWindow = reinterpret_cast<SDL_Window*>(0x1000);
 auto* const kRenderer = reinterpret_cast<SDL_Renderer*>(0x2000);
 auto* const kTexture = reinterpret_cast<SDL_Texture*>(0x3000);
 constexpr std::uint32_t kWindowId = 5;
 constexpr std::uint32_t kUid = 7;
 
-// The long sleep of the join's watchdog, which the tests hold or wait out: a watchdog may outlive
+// The long sleep of the join's watchdog, which the tests block or wait out: a watchdog may outlive
 // the receiver, but not the test.
 class Watchdogs {
   public:
@@ -98,7 +98,7 @@ class Watchdogs {
 
     void keep_real_time() { real_time_ = true; }
 
-    // Ends the held sleeps and waits for every watchdog's end.
+    // Ends the blocked sleeps and waits for every watchdog's end.
     void finish() {
         {
             const std::lock_guard lock(mutex_);
@@ -220,7 +220,7 @@ class ReceiverTearDown : public HookedTest {
         };
     }
 
-    // As set-up leaves a receiver, with stand-ins for SDL's objects and without the thread.
+    // A receiver as set-up leaves it, with stand-ins for SDL's objects and without the thread.
     void give_sdl_objects() {
         peer.uid() = kUid;
         peer.window() = kWindow;
@@ -244,7 +244,7 @@ class ReceiverTearDown : public HookedTest {
         give_codec();
         start_decode_thread();
     }
-    // Lets the decode thread take a frame that it does not get done with.
+    // Lets the decode thread take a frame that it does not finish.
     void get_decoder_stuck() {
         decoder_stuck = true;
         {

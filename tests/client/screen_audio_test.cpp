@@ -53,7 +53,7 @@ Bytes packet(std::uint32_t sequence, const Bytes& payload = {0xA1, 0xA2, 0xA3}) 
     return datagram;
 }
 
-// A receiver whose sound goes to a card that only writes down what it was given.
+// A receiver whose sound goes to a fake sound card that only records what it receives.
 class ScreenAudioBase : public test::HookedTest {
   protected:
     void SetUp() override {

@@ -35,14 +35,14 @@ class AllocationLog {
     std::size_t release_count_ = 0;
 };
 
-// From now on what the calling thread does goes into `log`, in place of an earlier one; null ends
-// that. For code that cannot be cut into actions.
+// From now on records what the calling thread does in `log`, replacing an earlier one; null ends
+// that. For code that cannot be split into actions.
 void watch_allocations(AllocationLog* log);
 
-// Runs `action` and tells what the calling thread allocated and freed meanwhile. Not to be nested.
+// Runs `action` and returns what the calling thread allocates and frees during it. Do not nest.
 [[nodiscard]] AllocationLog allocations_of(const std::function<void()>& action);
 
-// Makes the calling thread's allocation number `n` from now on fail, once; 1 is the next one.
+// Makes the `n`th allocation of the calling thread from now on fail, once; 1 is the next one.
 void fail_allocation(int n);
 
 }  // namespace vesper::test

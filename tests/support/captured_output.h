@@ -1,4 +1,4 @@
-// What the code under test prints, both streams apart and whole.
+// What the code under test prints, each stream separately and whole.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@ inline void PrintTo(const Printed& printed, std::ostream* stream) {
 
 inline const Printed kNothing;
 
-// Everything `action` prints. Not to be nested.
+// Everything `action` prints. Do not nest.
 template <typename Action>
 [[nodiscard]] Printed printed_by(Action&& action) {
     testing::internal::CaptureStdout();
@@ -33,14 +33,14 @@ template <typename Action>
     printed.out = testing::internal::GetCapturedStdout();
     printed.err = testing::internal::GetCapturedStderr();
     if (testing::Test::HasFailure()) {
-        // GoogleTest reports on standard output too: what failed inside must not be lost.
+        // GoogleTest reports on standard output too: failures inside must not be lost.
         std::fputs(printed.out.c_str(), stdout);
     }
     return printed;
 }
 
-// Called from a hook inside printed_by(): what was printed on one stream up to now. printed_by()
-// then returns only what came after.
+// Called from a hook inside printed_by(): what has been printed on one stream so far. printed_by()
+// then returns only the rest.
 [[nodiscard]] inline std::string take_stdout() {
     std::string text = testing::internal::GetCapturedStdout();
     testing::internal::CaptureStdout();

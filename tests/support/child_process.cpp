@@ -19,7 +19,7 @@ namespace vesper::test {
 
 namespace {
 
-constexpr int kCannotRun = 127;  // what a shell answers, too
+constexpr int kCannotRun = 127;  // as a shell reports it
 
 struct Pipe {
     int read_end;
@@ -44,7 +44,7 @@ Pipe make_pipe() {
     }
     ::dup2(out_descriptor, STDOUT_FILENO);
     ::dup2(err_descriptor, STDERR_FILENO);
-    // The test's sockets stay with the test: a port that it gives up must be free.
+    // The child must not inherit the test's sockets: a port that the test closes must be free.
     ::close_range(STDERR_FILENO + 1, ~0U, 0);
     ::execvpe(arguments[0], arguments, environment);
     ::_exit(kCannotRun);
@@ -155,7 +155,7 @@ std::optional<Ending> ChildProcess::ending() {
 }
 
 std::optional<Ending> ChildProcess::wait_for_end() {
-    // The pipes are emptied meanwhile, so that a talkative child does not wait for its reader.
+    // The pipes are drained meanwhile, so that a talkative child does not block.
     (void)eventually([this] {
         out_.drain();
         err_.drain();

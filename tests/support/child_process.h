@@ -25,14 +25,14 @@ struct Ending {
 class ChildProcess {
   public:
     enum class Output {
-        Separate,  // out() and err() tell the two streams apart
-        Merged,    // out() holds both, in the order of the writes; err() stays empty
+        Separate,  // out() and err() return one stream each
+        Merged,    // out() returns both, in the order of the writes; err() stays empty
     };
     using Environment = std::map<std::string, std::string>;
 
     // Runs `command`, found through PATH, in the test's environment changed by `environment`.
-    // Throws std::system_error when there is no process or pipe to be had; a program that cannot be
-    // run ends with status 127.
+    // Throws std::system_error when no process or pipe is available; a program that cannot be run
+    // ends with status 127.
     explicit ChildProcess(const std::vector<std::string>& command,
                           const Environment& environment = {}, Output output = Output::Separate);
     // Kills the process if it still runs.
@@ -55,7 +55,7 @@ class ChildProcess {
     [[nodiscard]] std::optional<Ending> wait_for_end();
 
   private:
-    // The reading end of a pipe, and what came out of it.
+    // The reading end of a pipe, and what has been read from it.
     struct Capture {
         int descriptor = -1;
         std::string text;

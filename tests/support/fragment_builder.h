@@ -9,7 +9,7 @@
 
 namespace vesper::test {
 
-// One fragment; a single-fragment frame 1 with one payload byte unless told otherwise.
+// One fragment; by default a single-fragment frame 1 with one payload byte.
 class FragmentBuilder {
   public:
     FragmentBuilder& frame(std::uint32_t id) {
@@ -36,7 +36,7 @@ class FragmentBuilder {
                   static_cast<std::uint8_t>(header_.frame_id * 31 + header_.fragment_index * 7));
         return payload(std::move(bytes));
     }
-    // What the header declares, whatever the payload really is.
+    // The size that the header declares, whatever the payload really is.
     FragmentBuilder& declared_payload_size(int size) {
         header_.payload_size = static_cast<std::uint16_t>(size);
         return *this;

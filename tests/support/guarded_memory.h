@@ -1,5 +1,5 @@
-// Memory that ends at a page which nobody may touch: what reads or writes beyond it dies on the
-// spot, in a library's assembly too, where the sanitizers see nothing.
+// Memory that ends at an inaccessible page: a read or write beyond it crashes at once, even in a
+// library's assembly, where the sanitizers see nothing.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,7 +12,7 @@
 
 namespace vesper::test {
 
-// `T` is a plain number. The memory is writable and begins as zeros.
+// `T` is a plain number. The memory is writable and initially zero.
 template <typename T>
 class GuardedMemory {
   public:

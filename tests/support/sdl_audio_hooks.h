@@ -1,5 +1,5 @@
-// Hooks for SDL's audio calls, and a sound card made of them. Include it in one source of a program
-// that wraps every function named here.
+// Hooks for SDL's audio calls, and a fake sound card built from them. Include it in one source of a
+// program that wraps every function named here.
 #pragma once
 
 #include <SDL2/SDL.h>
@@ -29,8 +29,8 @@ namespace vesper::test {
 
 inline constexpr SDL_AudioDeviceID kFakeDevice = 7;
 
-// Points the hooks at a card that grants whatever is asked for, keeps nothing and appends every
-// call to `calls`, which must outlive the test's calls.
+// Points the hooks at a card that grants every format, keeps nothing and appends every call to
+// `calls`, which must outlive the test's calls.
 inline void use_fake_sound_card(std::vector<std::string>& calls) {
     const auto id = [](SDL_AudioDeviceID device) { return std::to_string(device); };
     hook_SDL_OpenAudioDevice = [&calls](const char* device, int iscapture,

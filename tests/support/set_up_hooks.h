@@ -1,5 +1,5 @@
-// Hooks for every call that brings a receiver up, and for those that give back what it made.
-// Include it in one source of a program that wraps vesper_set_up_functions.
+// Hooks for every call that sets a receiver up, and for those that release what it made. Include it
+// in one source of a program that wraps vesper_set_up_functions.
 #pragma once
 
 #include <SDL2/SDL.h>

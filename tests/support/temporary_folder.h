@@ -1,4 +1,4 @@
-// A folder for one test's files, empty at first and gone with the object.
+// A folder for one test's files, initially empty and deleted with the object.
 #pragma once
 
 #include <cerrno>
@@ -26,7 +26,7 @@ class TemporaryFolder {
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
     [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-    // Of a file in it.
+    // The path of a file in it.
     [[nodiscard]] std::string file(const std::string& name) const { return path_ / name; }
 
   private:

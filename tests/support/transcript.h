@@ -1,5 +1,5 @@
-// What a test's subject says and does, in one order: each line it prints, marked with its stream,
-// between the calls that the test's hooks note down.
+// What a test's subject prints and does, in one order: each line it prints, marked with its stream,
+// among the calls that the test's hooks note.
 //
 //     Transcript transcript;
 //     hook_SDL_DestroyWindow = [&](auto...) { transcript.note("SDL_DestroyWindow"); };
@@ -27,7 +27,7 @@
 
 namespace vesper::test {
 
-// What is expected of a transcript, put together from parts that several tests share.
+// An expected transcript, composed of parts that several tests share.
 [[nodiscard]] inline std::string joined(std::initializer_list<std::string_view> parts) {
     std::string text;
     for (const std::string_view part : parts) {
@@ -39,8 +39,8 @@ namespace vesper::test {
 class Transcript {
   public:
     Transcript() {
-        // The C library lets these two be assigned to (glibc manual, "Standard Streams"). By lines,
-        // so that each line takes its place among the notes when it is printed, not when it is
+        // The C library allows assignment to these two (glibc manual, "Standard Streams"). Buffered
+        // by lines, so that each line appears among the notes when it is printed, not when it is
         // flushed.
         stdout = open(out_);
         stderr = open(err_);
@@ -79,7 +79,7 @@ class Transcript {
     }
 
     // Runs before each printed line is entered, on the thread that prints it; may note. Set while
-    // nobody prints.
+    // nothing prints.
     std::function<void()> before_line;
 
   private:
