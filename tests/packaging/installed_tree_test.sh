@@ -14,6 +14,7 @@ bin/vesper-player
 include/vesper/audio/opus_codec.h
 include/vesper/client/audio_device.h
 include/vesper/client/renderer_choice.h
+include/vesper/client/right_edge.h
 include/vesper/client/video_receiver.h
 include/vesper/net/stream_datagrams.h
 include/vesper/net/udp_socket.h

@@ -44,6 +44,7 @@ expect_equal "contents of libvesper-dev" "\
 -rw-r--r-- root/root ./usr/include/vesper/audio/opus_codec.h
 -rw-r--r-- root/root ./usr/include/vesper/client/audio_device.h
 -rw-r--r-- root/root ./usr/include/vesper/client/renderer_choice.h
+-rw-r--r-- root/root ./usr/include/vesper/client/right_edge.h
 -rw-r--r-- root/root ./usr/include/vesper/client/video_receiver.h
 -rw-r--r-- root/root ./usr/include/vesper/net/stream_datagrams.h
 -rw-r--r-- root/root ./usr/include/vesper/net/udp_socket.h
