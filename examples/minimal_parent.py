@@ -9,20 +9,21 @@ import time
 
 
 def read_ivf(path):
-    """The time between two frames, in seconds, and the frames."""
+    """The frames, each with the time in seconds at which it is due."""
     with open(path, "rb") as file:
         rate, scale = struct.unpack("<16xII8x", file.read(32))
         frames = []
-        while head := file.read(12):  # size and time of a frame
-            frames.append(file.read(struct.unpack("<I8x", head)[0]))
-    return scale / rate, frames
+        while head := file.read(12):
+            size, timestamp = struct.unpack("<IQ", head)
+            frames.append((timestamp * scale / rate, file.read(size)))
+    return frames
 
 
 def keyframe_wanted():
     """Whether the player has asked for a keyframe since the last call."""
     wanted = False
     try:
-        while True:  # it may also say "AUDS" and the volume
+        while True:  # it may also send "AUDS" and the volume
             wanted |= wire.recv(16, socket.MSG_DONTWAIT) == b"KFRQ"
     except BlockingIOError:
         return wanted
@@ -33,15 +34,22 @@ if len(sys.argv) != 4:
 player = ("127.0.0.1", int(sys.argv[1]))
 wire = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 wire.bind(("127.0.0.1", int(sys.argv[2])))
-interval, frames = read_ivf(sys.argv[3])
+frames = read_ivf(sys.argv[3])
+start = time.monotonic()  # when the frame with time 0 is due
 frame_id = at = keyframe = 0
+repeated = -1
 while at < len(frames):
-    frame_id += 1  # grows, come what may
-    if frames[at][0] % 2 == 0:
+    due, frame = frames[at]
+    if frame[0] % 2 == 0:
         keyframe = at  # VP8's first bit
-    slices = [frames[at][i : i + 1400] for i in range(0, len(frames[at]), 1400)]
+    frame_id = max(frame_id + 1, int(time.monotonic() * 100))  # grows, even if this program restarts
+    slices = [frame[i : i + 1400] for i in range(0, len(frame), 1400)]
     for index, payload in enumerate(slices):
+        # Never a burst: the player takes one datagram a pass.
+        time.sleep(max(0.004, start + due - time.monotonic()))
         header = struct.pack("<28xIHHH2x", frame_id, index, len(slices), len(payload))
         wire.sendto(header + payload, player)
-        time.sleep(interval / len(slices))  # never a burst: the player takes one datagram a pass
-    at = keyframe if keyframe_wanted() else at + 1  # a live parent has its encoder make one now
+    at += 1
+    if keyframe_wanted() and repeated < keyframe:  # a live parent has its encoder make one now
+        at = repeated = keyframe
+        start += due - frames[keyframe][0]
