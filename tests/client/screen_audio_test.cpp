@@ -659,6 +659,37 @@ TEST_F(ScreenAudioWithOpus, APacketOf10MsPlays960Values) {
     EXPECT_THAT(calls, ElementsAre("write 960"));
 }
 
+// Whatever the packets hold, and so the delay grows where they hold less.
+TEST_F(ScreenAudioWithOpus, ALostPacketOf5MsIsConcealedBy20Ms) {
+    deliver(packet(1, next_opus_packet(240)));
+    (void)next_opus_packet(240);
+    deliver(packet(3, next_opus_packet(240)));
+    EXPECT_THAT(calls, ElementsAre("write 480", "write 1920", "write 480"));
+}
+
+TEST_F(ScreenAudioWithOpus, APacketOvertakenByTheNextCostsTwoConcealedOnes) {
+    const Bytes first = packet(1, next_opus_packet());
+    const Bytes second = packet(2, next_opus_packet());
+    const Bytes third = packet(3, next_opus_packet());
+    const Bytes fourth = packet(4, next_opus_packet());
+    for (const Bytes& datagram : {first, third, second, fourth}) {
+        deliver(datagram);
+    }
+    EXPECT_THAT(calls, SizeIs(6));
+}
+
+TEST_F(ScreenAudioWithOpus, OneChannelIsPlayedInBoth) {
+    ASSERT_TRUE(encoder.init(kRate, 1, OPUS_APPLICATION_AUDIO));
+    deliver(packet(1, next_opus_packet()));
+    deliver(packet(2, next_opus_packet()));
+    ASSERT_THAT(written, SizeIs(2));
+    ASSERT_THAT(written[1], SizeIs(1920));
+    EXPECT_GT(*std::max_element(written[1].begin(), written[1].end()), kAmplitude / 4);
+    for (std::size_t i = 0; i < 1920; i += 2) {
+        ASSERT_EQ(written[1][i], written[1][i + 1]);
+    }
+}
+
 TEST_F(ScreenAudioWithOpus, APacketLongerThan20MsIsDroppedAndMovesTheReference) {
     deliver(packet(10, next_opus_packet(1920)));
     EXPECT_THAT(calls, IsEmpty());

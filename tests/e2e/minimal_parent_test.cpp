@@ -1,6 +1,8 @@
 // examples/minimal_parent.py with the real player.
 #include <gmock/gmock.h>
 
+#include <chrono>
+#include <csignal>
 #include <fstream>
 
 #include "net/stream_datagrams.h"
@@ -20,17 +22,31 @@ void append(std::string& file, std::uint64_t number, int bytes) {
     }
 }
 
-// A video of the fields picture as an IVF file; only the first frame is a keyframe.
-std::string ivf_video(int frames) {
+struct Video {
+    tools::Picture picture = fields_picture();
+    int frames = kFramesPerSecond;
+    int hidden_from = 1'000'000;  // frames that are decoded but not to be shown begin with this one
+    int time_units = kFramesPerSecond;  // in a second
+};
+
+// VP8's first byte says whether the frame is to be shown (RFC 6386, section 9.1).
+constexpr std::uint8_t kShowFrame = 0x10;
+
+bool is_keyframe(std::uint8_t first_byte) {
+    return (first_byte & 1) == 0;
+}
+
+// The video as an IVF file; only the first frame is a keyframe.
+std::string ivf(const Video& video) {
     std::string file = "DKIF";
     append(file, 0, 2);  // version
     append(file, kIvfHeaderSize, 2);
     file += "VP80";
     append(file, static_cast<std::uint64_t>(kPictureSize.width), 2);
     append(file, static_cast<std::uint64_t>(kPictureSize.height), 2);
-    append(file, kFramesPerSecond, 4);  // time units in a second
-    append(file, 1, 4);                 // time units in a frame
-    append(file, static_cast<std::uint64_t>(frames), 4);
+    append(file, static_cast<std::uint64_t>(video.time_units), 4);
+    append(file, 1, 4);
+    append(file, static_cast<std::uint64_t>(video.frames), 4);
     append(file, 0, 4);
     tools::Vp8Encoder encoder;
     EXPECT_TRUE(encoder.open({.width = kPictureSize.width,
@@ -38,11 +54,13 @@ std::string ivf_video(int frames) {
                               .frames_per_second = kFramesPerSecond,
                               .bitrate = 2'000'000,
                               .keyframe_interval = 10'000}));
-    const tools::Picture picture = fields_picture();
-    for (int frame = 0; frame < frames; ++frame) {
-        const auto encoded = encoder.encode(picture, frame == 0);
+    for (int frame = 0; frame < video.frames; ++frame) {
+        auto encoded = encoder.encode(video.picture, frame == 0);
+        if (frame >= video.hidden_from) {
+            encoded.front() &= static_cast<std::uint8_t>(~kShowFrame);
+        }
         append(file, encoded.size(), 4);
-        append(file, static_cast<std::uint64_t>(frame), 8);
+        append(file, static_cast<std::uint64_t>(frame * video.time_units / kFramesPerSecond), 8);
         file.append(encoded.begin(), encoded.end());
     }
     return file;
@@ -57,9 +75,9 @@ class MinimalParent : public PlayerTest {
         example_port_ = std::to_string(tools::free_port());
     }
 
-    void run_example(int frames) {
+    void run_example(const Video& film) {
         const std::string video_file = directory.path() / "video.ivf";
-        std::ofstream(video_file, std::ios::binary) << ivf_video(frames);
+        std::ofstream(video_file, std::ios::binary) << ivf(film);
         example_.emplace(std::vector<std::string>{VESPER_PYTHON, VESPER_MINIMAL_PARENT,
                                                   std::to_string(port), example_port_, video_file});
     }
@@ -76,7 +94,7 @@ class MinimalParent : public PlayerTest {
 
 TEST_F(MinimalParent, ShowsItsVideo) {
     start_player({"--parent-port", example_port_});
-    run_example(kFramesPerSecond);
+    run_example({});
     expect_fields();
     EXPECT_EQ(example_->wait_for_end(), Ending{});
     EXPECT_EQ(example_->out(), "");
@@ -87,7 +105,7 @@ TEST_F(MinimalParent, ShowsItsVideo) {
 
 // The player has nothing to begin with until the example has answered its request.
 TEST_F(MinimalParent, SendsTheKeyframeAgainWhenThePlayerAsks) {
-    run_example(60 * kFramesPerSecond);
+    run_example({.frames = 60 * kFramesPerSecond});
     {
         // After the example's start, which would inherit the socket and keep the port.
         UDPSocket instead_of_the_player;
@@ -95,7 +113,8 @@ TEST_F(MinimalParent, SendsTheKeyframeAgainWhenThePlayerAsks) {
         ASSERT_TRUE(eventually([&] {
             tools::Datagram datagram(65'536);
             return instead_of_the_player.recv(datagram.data(), datagram.size(), 0) > 0 &&
-                   read_video_fragment_header(datagram.data()).frame_id > 1;
+                   read_video_fragment_header(datagram.data()).fragment_index == 0 &&
+                   !is_keyframe(datagram[kVideoPayloadOffset]);
         }));
     }
     run_player({"--port", std::to_string(port), "--parent-port", example_port_, "--width",
@@ -109,6 +128,37 @@ TEST_F(MinimalParent, SendsTheKeyframeAgainWhenThePlayerAsks) {
     // How many errors there were by then is a matter of time.
     window->close();
     EXPECT_EQ(player->wait_for_end(), Ending{});
+}
+
+// Each frame that is not to be shown makes the player ask for a keyframe.
+TEST_F(MinimalParent, ComesToTheEndOfAVideoWithFramesThatAreNotToBeShown) {
+    start_player({"--parent-port", example_port_});
+    run_example({.hidden_from = 2});
+    EXPECT_EQ(example_->wait_for_end(), Ending{});
+    player->send_signal(SIGTERM);
+    EXPECT_EQ(player->wait_for_end(), (Ending{.signal = SIGTERM}));
+}
+
+// As FFmpeg copies it from WebM, where a unit is a millisecond.
+TEST_F(MinimalParent, TakesTheTimeOfEachFrameFromTheFile) {
+    const auto began = std::chrono::steady_clock::now();
+    run_example({.frames = 2 * kFramesPerSecond, .time_units = 1000});
+    EXPECT_EQ(example_->wait_for_end(), Ending{});
+    EXPECT_GT(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(1800));
+}
+
+TEST_F(MinimalParent, IsShownAgainAfterACrash) {
+    constexpr Color kGreen{.red = 30, .green = 150, .blue = 30};
+    start_player({"--parent-port", example_port_});
+    run_example({.frames = 60 * kFramesPerSecond});
+    expect_fields();
+    example_->send_signal(SIGKILL);
+    EXPECT_EQ(example_->wait_for_end(), (Ending{.signal = SIGKILL}));
+    run_example({.picture = flat_picture(kGreen)});
+    expect_color({.x = 40, .y = 40}, kGreen);
+    EXPECT_EQ(example_->wait_for_end(), Ending{});
+    player->send_signal(SIGTERM);
+    EXPECT_EQ(player->wait_for_end(), (Ending{.signal = SIGTERM}));
 }
 
 }  // namespace vesper::test
