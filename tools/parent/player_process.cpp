@@ -24,7 +24,7 @@ constexpr int kCannotExecute = 127;  // as a shell reports a program that it cou
     setpgid(0, 0);
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != parent) {
-        _exit(kCannotExecute);  // it died before we could ask to be told
+        _exit(kCannotExecute);  // it died before we could ask to be notified
     }
     sigset_t none;
     sigemptyset(&none);
@@ -32,7 +32,7 @@ constexpr int kCannotExecute = 127;  // as a shell reports a program that it cou
     signal(SIGPIPE, SIG_DFL);
     dup2(output, STDOUT_FILENO);
     dup2(errors, STDERR_FILENO);
-    // Our sockets and captures stay with us: a port that we give up must be free.
+    // The child must not inherit our sockets and captures: a port that we close must be free.
     close_range(STDERR_FILENO + 1, ~0U, 0);
     execv(arguments[0], arguments);
     _exit(kCannotExecute);

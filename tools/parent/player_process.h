@@ -1,4 +1,4 @@
-// One player that runs as a child process, with its output in our hands.
+// One player that runs as a child process, with its output captured.
 #pragma once
 
 #include <sys/types.h>
@@ -12,7 +12,7 @@
 
 namespace vesper::tools {
 
-// What the player is told on its command line.
+// The player's command line.
 struct PlayerArguments {
     std::uint16_t port = 0;
     std::uint16_t parent_port = 0;
@@ -28,11 +28,11 @@ struct PlayerArguments {
 [[nodiscard]] std::vector<std::string> command_line(const std::string& program,
                                                     const PlayerArguments& arguments);
 
-// One thread uses it. The child is in a process group of its own, so that Ctrl-C reaches us alone
-// and we end it; should we die without doing so, the system ends it.
+// One thread uses it. The child is in a process group of its own, so that Ctrl-C reaches only us
+// and we end it; if we die without doing so, the system ends it.
 class PlayerProcess {
   public:
-    // Called with each line that the player wrote, without its end.
+    // Called with each line that the player writes, without its newline.
     using LineHandler = std::function<void(std::string_view)>;
 
     PlayerProcess() = default;
@@ -49,11 +49,11 @@ class PlayerProcess {
     [[nodiscard]] int output() const { return output_.fd; }
     [[nodiscard]] int errors() const { return errors_.fd; }
 
-    // Read what is there of the player's standard output or standard error, without waiting.
+    // Read what the player has written to its standard output or standard error, without waiting.
     void read_output(const LineHandler& line) { read_lines(output_, line); }
     void read_errors(const LineHandler& line) { read_lines(errors_, line); }
 
-    // The player's exit status once it has ended, 128 + N when signal N ended it. Does not wait.
+    // The player's exit status once it has ended, 128 + N if signal N ended it. Does not wait.
     [[nodiscard]] std::optional<int> exit_status();
 
     // -1 before start().

@@ -1,6 +1,6 @@
 // Stored conversations between a parent and a player: every datagram of both directions with its
-// time, in the pcap format that Wireshark, tcpdump and their kin read and write. libpcap does the
-// files; here is what makes a datagram a packet and a packet a datagram again.
+// time, in the pcap format that Wireshark, tcpdump and similar programs read and write. libpcap
+// handles the files; the code here turns datagrams into packets and back.
 //
 // Failures print one line on standard error that begins with the file's name.
 #pragma once
@@ -38,13 +38,13 @@ class CaptureWriter {
     CaptureWriter(const CaptureWriter&) = delete;
     CaptureWriter& operator=(const CaptureWriter&) = delete;
 
-    // Begins the file, replacing one of that name. Once, before write(). False, with a line, when
+    // Creates the file, replacing one of that name. Once, before write(). False, with a line, when
     // the file cannot be written.
     [[nodiscard]] bool open(const std::string& path);
 
     // Appends a datagram of at most 65,507 bytes that was sent or received now. Without an open
     // file nothing happens. When the disk is full the file ends before that datagram's packet, or
-    // within it; one line says so. Any thread.
+    // within it, and one line reports it. Any thread.
     void write(std::uint16_t source_port, std::uint16_t destination_port,
                std::span<const std::uint8_t> bytes);
 
@@ -58,8 +58,8 @@ class CaptureWriter {
     [[nodiscard]] std::chrono::microseconds now() const;
 
     std::string path_;
-    // Times are those of the wall clock at open() plus what passed since, so that they never go
-    // back when somebody sets the clock.
+    // Times are the wall clock's at open() plus the time elapsed since, so that they never go back
+    // when the clock is set.
     std::chrono::system_clock::time_point opened_at_;
     SteadyClock::time_point opened_at_steady_;
     std::unique_ptr<pcap_t, Closer> pcap_;
@@ -70,12 +70,12 @@ class CaptureWriter {
 
 // All UDP datagrams of a capture over IPv4, in the file's order: one that CaptureWriter wrote, or
 // one that tcpdump, dumpcap or Wireshark took from the loopback interface (packets of other kinds
-// are passed over). Nothing, with a line, when the file cannot be read, is no capture, is cut
-// short, or comes from a kind of interface that loopback datagrams never pass.
+// are skipped). Nothing, with a line, when the file cannot be read, is not a capture, is truncated,
+// or comes from a kind of interface that loopback datagrams never pass.
 [[nodiscard]] std::optional<std::vector<CapturedDatagram>> read_capture(const std::string& path);
 
-// Of a capture, what was sent to the player that is spoken to first. The players' own messages are
-// told by their content; a stream datagram is never as short as they are.
+// From a capture, the datagrams sent to the player that appears first. The players' own messages
+// are recognised by their content; a stream datagram is never as short.
 [[nodiscard]] std::vector<CapturedDatagram> sent_to_player(std::vector<CapturedDatagram> capture);
 
 }  // namespace vesper::tools

@@ -1,4 +1,4 @@
-// What a bad network does to datagrams, on purpose and repeatable: the same seed and settings do
+// The effects of a bad network on datagrams, simulated repeatably: the same seed and settings do
 // the same to the same datagrams, so that a stream which broke the player breaks it again.
 #pragma once
 
@@ -14,12 +14,12 @@ namespace vesper::tools {
 
 using Clock = std::chrono::steady_clock;
 
-// All of them combine; each probability is drawn on its own for every datagram.
+// All of them combine; each is drawn separately for every datagram.
 struct ImpairmentSettings {
     double loss = 0;       // percent of the datagrams that vanish
     double duplicate = 0;  // percent that arrive twice
-    double reorder = 0;    // percent that change places with the datagram behind them; of one that
-                           // is also doubled, the second copy does
+    double reorder = 0;    // percent that swap places with the next datagram; of one that is also
+                           // duplicated, the second copy does
     double corrupt = 0;    // percent with one bit flipped, anywhere
     double truncate = 0;   // percent cut short, to a length from 1 byte up
     // Each datagram is late by up to this much. Lateness alone never changes the order: that is
@@ -37,7 +37,7 @@ struct Departure {
 // One thread at a time uses it.
 class Impairments {
   public:
-    // How many datagrams had which fate.
+    // How many datagrams each impairment affected.
     struct Counters {
         std::uint64_t lost = 0;
         std::uint64_t duplicated = 0;
@@ -52,8 +52,8 @@ class Impairments {
         : settings_(settings), draws_(settings.seed) {}
 
     // What becomes of `datagram`, of at least 1 byte, that would leave at `time`: none, one or more
-    // departures, in order, none earlier than one returned before. One that is to change places is
-    // kept and returned behind the next.
+    // departures, in order, none earlier than one returned before. One that swaps places is kept
+    // and returned after the next.
     [[nodiscard]] std::vector<Departure> pass(Datagram datagram, Clock::time_point time);
 
     [[nodiscard]] const Counters& counters() const { return counters_; }
@@ -65,7 +65,7 @@ class Impairments {
     ImpairmentSettings settings_;
     SeededDraws draws_;
     Counters counters_;
-    std::optional<Datagram> kept_;  // changes places with the next
+    std::optional<Datagram> kept_;  // swaps places with the next
     Clock::time_point last_departure_;
 };
 

@@ -8,11 +8,11 @@ namespace vesper::tools {
 
 namespace {
 
-// Wait for a message between two looks at what is due: the finest pace that the socket's wait
-// allows, and next to nothing for the processor.
+// Wait for a message between two checks of what is due: the finest resolution that the socket's
+// wait allows, and almost no processor time.
 constexpr int kReceiveWait = 1;  // ms
 
-// Larger than any message of the player, so that an overlong one is seen as such.
+// Larger than any message of the player, so that an overlong one is recognised.
 constexpr std::size_t kReceiveBuffer = 2048;  // bytes
 
 }  // namespace

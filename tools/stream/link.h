@@ -1,7 +1,7 @@
-// The wire between a parent and one player: the one place that every datagram of either direction
-// passes. Datagrams are handed in with the time at which they are due; a thread of the link's own
-// takes each at its time, lets the impairments have it, sends what they leave of it, and listens
-// for what the player says.
+// The wire between a parent and one player: the one place that every datagram in either direction
+// passes through. Datagrams are submitted with the time at which they are due; a thread of the
+// link's own takes each when it is due, applies the impairments, sends the result, and receives the
+// player's messages.
 #pragma once
 
 #include <chrono>
@@ -25,7 +25,7 @@ enum class Direction { kToPlayer, kFromPlayer };
 
 class Link {
   public:
-    // Whom to tell; each may be empty. Called on the link's thread.
+    // Callbacks; each may be empty. Called on the link's thread.
     struct Handlers {
         std::function<void()> keyframe_requested = {};
         std::function<void(const AudioState&)> audio_state_reported = {};
@@ -36,7 +36,7 @@ class Link {
     struct Counters {
         std::uint64_t datagrams_sent = 0;
         std::uint64_t bytes_sent = 0;
-        std::uint64_t send_failures = 0;  // the system's buffer was full, or a line says why not
+        std::uint64_t send_failures = 0;  // a full system buffer, or a line gives the reason
         std::uint64_t keyframe_requests = 0;
         Impairments::Counters impaired;
     };
@@ -51,24 +51,24 @@ class Link {
     // line on standard error, when the port is taken.
     [[nodiscard]] bool open(std::uint16_t listen_port, std::uint16_t player_port);
 
-    // Port that the player listens on, and port that it is to talk to; 0 before open().
+    // The port that the player listens on, and the one that it sends to; 0 before open().
     [[nodiscard]] std::uint16_t player_port() const { return player_port_; }
     [[nodiscard]] std::uint16_t listen_port() const { return socket_.get_bound_port(); }
 
     // Starts the thread; once, after open().
     void start(Handlers handlers);
 
-    // Sends `datagram` at `due`; of two that are due at once, first the one handed in first. Any
-    // thread.
+    // Sends `datagram` at `due`; of two that are due at the same time, the one submitted first goes
+    // first. Any thread.
     void send(Datagram datagram, Clock::time_point due);
 
-    // Whether everything handed in has left, or was lost to an impairment. Any thread.
+    // Whether everything submitted has been sent or was lost to an impairment. Any thread.
     [[nodiscard]] bool idle() const;
 
-    // Sends everything that still waits as soon as possible. Any thread.
+    // Sends everything that is still waiting as soon as possible. Any thread.
     void hurry();
 
-    // Ends the thread; what still waits is not sent. Not from a handler.
+    // Ends the thread; what is still waiting is not sent. Not from a handler.
     void stop();
 
     // Any thread.
@@ -91,7 +91,7 @@ class Link {
 
     std::thread thread_;
     mutable std::mutex mutex_;       // guards the rest
-    std::deque<Departure> waiting_;  // handed in, in order of time
+    std::deque<Departure> waiting_;  // submitted, in order of time
     Counters counters_;
     bool idle_ = true;
     bool running_ = false;

@@ -1,4 +1,4 @@
-// Cuts encoded frames and packets into the datagrams that the player takes. The parent's side of
+// Splits encoded frames and packets into the datagrams that the player takes. The parent's side of
 // net/stream_datagrams.h; the tests build their datagrams with it too.
 //
 // One thread at a time uses an object. Nothing fails: inputs outside the stated sizes are bugs of

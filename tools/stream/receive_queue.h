@@ -1,5 +1,5 @@
-// What the kernel tells of any process's UDP socket: how much waits in its receive buffer, and how
-// much found that full. A sender learns of the latter in no other way.
+// What the kernel reports about any process's UDP socket: how much waits in its receive buffer, and
+// how much was dropped because that was full. A sender has no other way to know of the latter.
 #pragma once
 
 #include <cstdint>
@@ -12,11 +12,11 @@ struct ReceiveQueue {
     std::uint64_t lost = 0;     // datagrams that found the buffer full, since the socket was made
 };
 
-// Of the IPv4 socket bound to UDP `port`. Nothing where there is none. Any thread.
+// Of the IPv4 socket bound to UDP `port`. Nothing if there is none. Any thread.
 [[nodiscard]] std::optional<ReceiveQueue> receive_queue(std::uint16_t port);
 
-// Whether the player on UDP `port` has taken everything that came for it so far: whether it keeps
-// up. True where there is no such socket to ask. Any thread.
+// Whether the player on UDP `port` has taken everything that has arrived for it: whether it keeps
+// up. True if there is no such socket. Any thread.
 [[nodiscard]] bool has_taken_all(std::uint16_t port);
 
 }  // namespace vesper::tools

@@ -16,7 +16,7 @@ bool is_sound(std::span<const std::uint8_t> datagram) {
            (read_packet_header(datagram.data()).flags & kScreenAudioFlag) != 0;
 }
 
-// The bytes of a frame's first fragment; none where the datagram is none.
+// The bytes of a frame's first fragment; none if the datagram is not one.
 std::span<const std::uint8_t> beginning_of_frame(std::span<const std::uint8_t> datagram) {
     if (is_sound(datagram) || datagram.size() <= kVideoPayloadOffset) {
         return {};

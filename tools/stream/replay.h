@@ -1,4 +1,4 @@
-// Plays a capture to a player once more.
+// Sends a captured stream to a player again.
 #pragma once
 
 #include <cstdint>
@@ -12,13 +12,14 @@
 
 namespace vesper::tools {
 
-// Hands `stream` to the link: the first datagram is due at `start`, each other one as long after it
-// as in the capture, `speed` (above 0) times as fast. Where the capture's times go back, the order
-// stays. The link is idle once the last one has left.
+// Passes `stream` to the link: the first datagram is due at `start`, the others as long after it as
+// in the capture, `speed` (above 0) times as fast. Where the capture's times go back, the order
+// stays. The link is idle once the last one has been sent.
 void replay(std::vector<CapturedDatagram> stream, double speed, Clock::time_point start,
             Link& link);
 
-// Of the stream's pictures, as its first VP8 keyframe declares it. Nothing where none begins.
+// The size of the stream's pictures, as its first VP8 keyframe declares it. Nothing if there is no
+// first fragment of a keyframe.
 [[nodiscard]] std::optional<PictureSize> picture_size(std::span<const CapturedDatagram> stream);
 
 // Whether this is the first fragment of a video frame.

@@ -1,4 +1,4 @@
-// What a capture holds for a player, sent once more.
+// The stream of a capture, sent again.
 #pragma once
 
 #include <atomic>
@@ -18,19 +18,19 @@ class ReplayFeed : public Feed {
     // Sends `speed` times as fast as was captured. `link` outlives the feed.
     ReplayFeed(Link& link, double speed) : link_(link), speed_(speed) {}
 
-    // Reads the capture. False, with a line on standard error, when it cannot be read or holds
+    // Reads the capture. False, with a line on standard error, when it cannot be read or contains
     // nothing for a player.
     [[nodiscard]] bool open(const std::string& path);
 
-    // Of the first keyframe; 0x0 where there is none.
+    // That of the first keyframe; 0x0 if there is none.
     [[nodiscard]] PictureSize picture_size() const override { return size_; }
     [[nodiscard]] bool has_sound() const override { return has_sound_; }
     void start() override;
-    void request_keyframe() override {}  // what was sent then is sent now, and no more
+    void request_keyframe() override {}  // only what was captured is sent
     void datagram_sent(std::span<const std::uint8_t> datagram) override;
     [[nodiscard]] bool finished() const override { return true; }
     void stop() override {}
-    // Of the frames, those that have begun to leave: all of them are in the link's hands at once.
+    // Counts the frames of which the link has sent the beginning: it is given all of them at once.
     [[nodiscard]] Counters counters() const override { return {.frames = frames_}; }
 
   private:

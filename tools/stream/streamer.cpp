@@ -22,16 +22,16 @@ constexpr int kSoundBitrate = 96'000;  // bit/s
 // Largest Opus packet that libopus' manual recommends room for.
 constexpr int kMaxOpusPacket = 4000;  // bytes
 
-// What the fragments of one frame can hold.
+// The capacity of one frame's fragments.
 constexpr std::size_t kMaxFrame =
     std::size_t{kMaxFragmentsPerFrame} * kMaxFragmentPayload;  // bytes
 
-// Share of the time until the next frame over which a frame's datagrams are spread. The rest is for
-// the player to take the last ones, so that the next frame finds it waiting, and a keyframe does
-// not hold up the frame behind it.
+// Fraction of the time until the next frame over which a frame's datagrams are spread. The rest is
+// for the player to take the last ones, so that it is ready for the next frame, and a keyframe does
+// not delay the frame after it.
 constexpr double kSpread = 0.75;
 
-// A stream that is later than this no longer tries to catch up: better late than a storm of frames.
+// A stream that is later than this no longer tries to catch up: better late than a burst of frames.
 constexpr auto kHopelesslyLate = std::chrono::seconds(1);
 
 Clock::duration datagram_spacing(std::ptrdiff_t datagrams, Clock::duration room) {
@@ -139,7 +139,7 @@ void Streamer::stream_picture() {
     send_picture(false, picture_due_);
 }
 
-// One picture in two at most is left out, so that something always moves.
+// At most every other picture is skipped, so that something always moves.
 void Streamer::catch_up() {
     const Clock::time_point now = Clock::now();
     if (now - picture_due_ > kHopelesslyLate) {
@@ -186,7 +186,7 @@ void Streamer::send_picture(bool keyframe, Clock::time_point until) {
         return;
     }
     const bool repeated = settings_.low_delay && has_taken_all(link_.player_port());
-    // The frame before may not have left yet.
+    // The previous frame may not have been sent yet.
     const Clock::time_point from = std::max(Clock::now(), last_datagram_due_);
     const Clock::duration spacing = settings_.burst
                                         ? Clock::duration::zero()

@@ -1,5 +1,5 @@
 // Turns a source into a live stream: takes pictures and sound from it in real time, encodes them,
-// cuts them into datagrams and hands these to the link.
+// splits them into datagrams and passes these to the link.
 #pragma once
 
 #include <condition_variable>
@@ -24,17 +24,17 @@ struct StreamSettings {
     // next frame, which spares the player's receive buffer.
     bool burst = false;
 
-    // Every picture is followed by a frame that shows it once more. A decoder may hold a picture
-    // back until the frame behind it arrives; the repeat, one small datagram, pushes it out at
-    // once. A player that has not taken all of the picture before gets none: there the repeats
-    // would only delay the pictures.
+    // Every picture is followed by a frame that repeats it. A decoder may delay a picture until the
+    // next frame arrives; the repeat, one small datagram, pushes it out at once. While the player
+    // has not taken all of the previous picture, no repeat is sent: it would only delay the
+    // pictures.
     bool low_delay = false;
 };
 
 class Streamer {
   public:
     struct Counters {
-        std::uint64_t frames = 0;   // encoded and handed to the link
+        std::uint64_t frames = 0;   // encoded and passed to the link
         std::uint64_t answers = 0;  // of these, keyframes that the player asked for
         std::uint64_t skipped = 0;  // pictures left out because encoding fell behind
     };
@@ -52,8 +52,8 @@ class Streamer {
     // Starts the thread that streams; once, after open().
     void start();
 
-    // The newest picture goes out once more as a keyframe, right away and not at the next frame's
-    // time: a player that asks shows a damaged picture or none. Any thread.
+    // Sends the newest picture again as a keyframe, at once instead of at the next frame's time: a
+    // player that asks is showing a damaged picture or none. Any thread.
     void request_keyframe();
 
     // Ends the thread.
@@ -87,7 +87,7 @@ class Streamer {
     OpusEncoderWrapper sound_encoder_;
     VideoPacketizer video_packetizer_;
     AudioPacketizer sound_packetizer_;
-    std::vector<std::uint8_t> repeat_;  // the frame that shows the one before it once more
+    std::vector<std::uint8_t> repeat_;  // the frame that repeats the previous one
     Picture picture_;                   // the newest
     Clock::duration frame_interval_{};  // time between two pictures
     Clock::time_point picture_due_;

@@ -1,5 +1,4 @@
-// What a VP8 frame says of itself in its first bytes (RFC 6386, section 9.1), read without a
-// decoder.
+// What a VP8 frame declares in its first bytes (RFC 6386, section 9.1), read without a decoder.
 #pragma once
 
 #include <cstdint>
@@ -16,8 +15,8 @@ struct PictureSize {
     bool operator==(const PictureSize&) const = default;
 };
 
-// The size that a keyframe declares, from the frame's first 10 bytes or more of it. Nothing where
-// these bytes begin no keyframe.
+// The size that a keyframe declares, given at least its first 10 bytes. Nothing if these bytes do
+// not begin a keyframe.
 [[nodiscard]] std::optional<PictureSize> keyframe_size(std::span<const std::uint8_t> frame);
 
 }  // namespace vesper::tools

@@ -182,7 +182,7 @@ void keep_coefficient_probabilities(BoolEncoder& encoder) {
     }
 }
 
-// RFC 6386, section 9.3 to 9.11 and 19.2. Whatever a frame can leave as it is, this one leaves.
+// RFC 6386, sections 9.3 to 9.11 and 19.2. This frame leaves unchanged everything that it can.
 void write_header(BoolEncoder& encoder) {
     encoder.write_number(0, 1);              // no segments
     encoder.write_number(0, 1 + 6 + 3);      // loop filter: normal, level 0 (off), sharpness
@@ -194,7 +194,7 @@ void write_header(BoolEncoder& encoder) {
     encoder.write_number(0, 1);              // the probabilities hold for this frame only
     encoder.write_number(0, 1);              // the picture that the next frame builds on stays
     keep_coefficient_probabilities(encoder);
-    encoder.write_number(1, 1);              // macroblocks may say that they have no coefficients
+    encoder.write_number(1, 1);  // macroblocks may declare that they have no coefficients
     encoder.write_number(kAlmostNever, 8);   // that one has some
     encoder.write_number(kAlmostNever, 8);   // that one is not predicted from another picture
     encoder.write_number(kAlmostAlways, 8);  // that it is predicted from the picture before

@@ -1,11 +1,10 @@
-// A VP8 frame that shows the picture before it once more and changes nothing (RFC 6386): no
-// macroblock moves or has coefficients, and the decoder's reference pictures and probabilities stay
-// as they are. So the stream decodes to the same pictures with and without it, wherever it stands
-// after a keyframe.
+// A VP8 frame that repeats the previous picture and changes nothing (RFC 6386): no macroblock moves
+// or has coefficients, and the decoder's reference pictures and probabilities stay as they are. So
+// the stream decodes to the same pictures with and without it, at any position after a keyframe.
 //
-// It pushes a picture out of a decoder that holds each one back until the next frame, for less than
-// a hundred bytes at 1280x720 and next to no processor time, where an encoder that is given the
-// same picture again spends thousands of bytes on making it better.
+// It pushes a picture out of a decoder that delays each one until the next frame, for less than a
+// hundred bytes at 1280x720 and almost no processor time. An encoder that is given the same picture
+// again spends thousands of bytes on improving it.
 #pragma once
 
 #include <cstdint>

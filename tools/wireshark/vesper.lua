@@ -22,7 +22,7 @@ local AUDIO_STATE_SIZE = 9
 
 local FRAME_TYPES = { [0] = "keyframe", [1] = "interframe" }
 
--- RFC 6716, section 3.1: how the upper five bits of an Opus packet's first byte are to be read.
+-- RFC 6716, section 3.1: the meaning of the upper five bits of an Opus packet's first byte.
 local OPUS_DURATIONS = {}
 for config = 0, 31 do
     local mode, bands, milliseconds
@@ -85,7 +85,7 @@ local fields = {
     opus_frames = ProtoField.uint8("vesper.opus.frames", "Frames", base.DEC, OPUS_FRAMES, 0x03),
     -- either
     trailer = ProtoField.bytes("vesper.trailer", "Ignored bytes"),
-    -- what the player says
+    -- the player's messages
     message = ProtoField.string("vesper.message", "Message"),
     muted = ProtoField.bool("vesper.muted", "Muted"),
     volume = ProtoField.float("vesper.volume", "Volume"),
@@ -113,14 +113,14 @@ local function add_packet_header(buffer, tree)
     header:add(fields.reserved, buffer(27, 1))
 end
 
--- Bytes behind the declared payload, which nobody reads.
+-- Bytes after the declared payload, which the player ignores.
 local function add_trailer(buffer, tree, offset)
     if offset < buffer:len() then
         tree:add(fields.trailer, buffer(offset))
     end
 end
 
--- Says whether the frame is a keyframe, which only a frame's first fragment tells.
+-- Shows whether the frame is a keyframe, which only a frame's first fragment reveals.
 local function add_vp8_tag(payload, tree)
     if payload:len() < 3 then
         return ""
@@ -246,7 +246,7 @@ function vesper.dissector(buffer, packet, root)
     return buffer:len()
 end
 
--- Nothing in a stream datagram says what it is, so the guess asks for every length to fit.
+-- Nothing in a stream datagram identifies it, so the heuristic requires every length to match.
 local function looks_like_stream(buffer)
     if buffer:len() <= PACKET_HEADER_SIZE then
         return false
