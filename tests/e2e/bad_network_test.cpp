@@ -1,6 +1,6 @@
 // The real player at the end of a bad network. Every impairment is seeded, so the same datagrams
 // are lost and broken in every run. What must come of it: the player lives, prints only the lines
-// that the impairment explains, and shows a good picture from the first keyframe behind it.
+// that the impairment explains, and shows a good picture from the first keyframe after it.
 //
 // Each test impairs a live stream for some seconds; for longer with scripts/soak --network.
 #include <algorithm>
@@ -48,8 +48,7 @@ Road flips_in_payload(double percent) {
     };
 }
 
-// Now and then everything is lost for a while: for a tenth of a second up to half a second of this
-// stream.
+// Now and then everything is lost for a while: for a tenth to half a second of this stream.
 Road bursts_of_loss() {
     const auto draws = std::make_shared<tools::SeededDraws>(kSeed);
     const auto to_lose = std::make_shared<std::size_t>(0);
@@ -65,7 +64,7 @@ Road bursts_of_loss() {
     };
 }
 
-// Nothing arrives until this many datagrams are on their way; then all of them do at once.
+// Nothing arrives until this many datagrams are on their way; then all of them arrive at once.
 Road bursts_of_arrival() {
     constexpr std::size_t kBurst = 100;
     const auto held = std::make_shared<std::vector<Datagram>>();
@@ -128,7 +127,7 @@ INSTANTIATE_TEST_SUITE_P(Networks, BadNetwork, testing::ValuesIn(kNetworks),
 
 class BadStream : public LiveStreamTest {
   protected:
-    // Sends a frame of several datagrams without the last of them; tells how many there are.
+    // Sends a frame of several datagrams without the last of them; returns how many there are.
     int send_frame_without_its_end() {
         std::vector<Datagram> datagrams = video.frame(random_picture(random), true);
         const int fragments = static_cast<int>(datagrams.size());
@@ -137,8 +136,7 @@ class BadStream : public LiveStreamTest {
         return fragments;
     }
 
-    // Returns when the player has handled all that was sent before: the answer to a key comes
-    // behind it.
+    // Returns when the player has handled everything sent so far: it answers a key after that.
     void wait_for_player() {
         window->press_key("m");
         EXPECT_FALSE(parent.next_message().empty());
@@ -175,7 +173,7 @@ TEST_F(BadStream, SilenceOfTenSecondsChangesNothing) {
     EXPECT_EQ(player->err(), failure_text);
     EXPECT_TRUE(shows_color(kFirstPoint, kFirstColor));
 
-    // What was left incomplete is given up as soon as anything comes.
+    // The incomplete frame is dropped as soon as anything arrives.
     (void)send_frame_without_its_end();
     failure_text += dropped_frame_line(3, fragments - 1, fragments) +
                     "[VideoReceiver] Requesting keyframe due to dropped frames\n";
@@ -190,7 +188,7 @@ TEST_F(BadStream, ParentThatComesBackAndCountsOnIsShown) {
     start_stream();
     (void)send_frame_without_its_end();
     parent.die();
-    // The player tells nobody that it was muted, and its window answers.
+    // The player reports to nobody that it was muted, and its window still responds.
     window->press_key("m");
     EXPECT_TRUE(eventually([this] { return bar_is_visible_over(kFirstColor); }));
     EXPECT_TRUE(shows_color(kFirstPoint, kFirstColor));
@@ -229,7 +227,7 @@ TEST_F(BadStream, StreamThatStartsWithoutAKeyframeIsShownFromTheFirstOneOn) {
         const std::vector<Datagram> frame = video.frame(flat_picture(kFirstColor), false);
         ASSERT_EQ(frame.size(), 1U);
         send(frame);
-        // The decoder tells of each frame when it gets the next.
+        // The decoder reports each frame's error when it gets the next.
         if (i == 1) {
             failure_text += "[VideoReceiver] VP8 receive_frame error: -11\n";
         } else if (i <= kReportedErrors) {

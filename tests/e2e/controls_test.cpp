@@ -1,4 +1,4 @@
-// The control bar, the audio keys, and what the parent hears of them.
+// The control bar, the audio keys, and their reports to the parent.
 #include <cstring>
 
 #include "tests/e2e/player_fixture.h"
@@ -142,7 +142,7 @@ TEST_F(Controls, BarStaysWhileTheSliderIsHeld) {
     window->press_button(slider_at(0.5), 1);
     EXPECT_EQ(parent.next_message(), audio_state(false, 0.5F));
     EXPECT_TRUE(eventually([this] { return bar_is_visible_over(kPicture); }));
-    // Nothing announces that nothing happens: look for longer than the bar would otherwise stay.
+    // Nothing signals that nothing happens: watch for longer than the bar would otherwise stay.
     EXPECT_FALSE(eventually([this] { return !bar_is_visible_over(kPicture); },
                             std::chrono::milliseconds(2500)));
     window->release_button(1);

@@ -31,7 +31,7 @@ class ExitMatrixTest : public PlayerTest {
         std::string& preloaded = environment["LD_PRELOAD"];
         preloaded.append(preloaded.empty() ? "" : ":").append(VESPER_SHUT_DOWN_PROBE);
         environment["VESPER_RENDERER_FILE"] = renderer_file();
-        // The drivers' own files stay out of the home folder of whoever runs the tests.
+        // Keeps the drivers' own files out of the user's home folder.
         environment["MESA_SHADER_CACHE_DISABLE"] = "true";
         // It writes lines of its own where its decorations are not installed.
         environment["SDL_VIDEO_WAYLAND_ALLOW_LIBDECOR"] = "0";
@@ -72,8 +72,8 @@ class ExitMatrix : public ExitMatrixTest,
     static std::string video_driver() { return std::get<0>(GetParam()); }
     static std::string renderer() { return std::get<1>(GetParam()); }
 
-    // Whatever runs and ends in this cell does so in the next one, too: that is checked all the
-    // same before the test is called skipped.
+    // What runs and ends in this cell does so in the next one, too. It is checked even so, before
+    // the test is reported as skipped.
     void TearDown() override {
         PlayerTest::TearDown();
         if (renderer() == kAsItComes) {

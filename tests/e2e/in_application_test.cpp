@@ -72,7 +72,7 @@ struct Stream {
         EXPECT_TRUE(parent.send(video.show(flat_picture(color)), port)) << name;
     }
 
-    // The decoder answers a stream's first frame with an error.
+    // The decoder reports an error for a stream's first frame.
     void expect_keyframe_request() {
         EXPECT_EQ(parent.next_message(), Message(kKeyframeRequest.begin(), kKeyframeRequest.end()))
             << name;
@@ -115,11 +115,11 @@ bool shows_overlay_over(const PlayerWindow& window, Color picture) {
 
 class InApplication : public PlayerTest {
   protected:
-    // Both streams on the screen side by side, as far as it goes: no window covers another.
+    // Both streams on the screen, side by side: no window covers another.
     void SetUp() override {
         player.emplace(std::vector<std::string>{program(), ann_.argument(), bob_.argument()},
                        environment);
-        // The application's loop runs once every window is there, and takes its datagrams then.
+        // The application's loop starts, and takes datagrams, once every window exists.
         ann_.signs_of_life.emplace(ann_.port);
         bob_.signs_of_life.emplace(bob_.port);
         ann_.window.emplace(display, player->pid(), "Stream: Ann");

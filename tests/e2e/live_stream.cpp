@@ -15,8 +15,8 @@ constexpr std::chrono::nanoseconds kFrameInterval =
     std::chrono::nanoseconds(std::chrono::seconds(1)) / 30;
 constexpr std::chrono::milliseconds kPacketInterval{20};
 
-// A stream this far behind no longer tries to catch up: the frames in between would come as a
-// storm.
+// A stream this far behind no longer tries to catch up: the frames in between would be sent in a
+// burst.
 constexpr std::chrono::seconds kHopelesslyLate{1};
 
 }  // namespace

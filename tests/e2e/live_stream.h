@@ -1,5 +1,5 @@
 // A parent application at work: pictures and sound in real time, keyframes when the player asks for
-// them, over a road that may lose or change what travels on it.
+// them, over a road (a network) that may lose or change what travels on it.
 #pragma once
 
 #include <chrono>
@@ -27,7 +27,7 @@ class LiveStream {
         std::uint64_t keyframe_requests = 0;  // and as many keyframes
         std::uint64_t sent = 0;               // datagrams that set out
         std::uint64_t impaired = 0;  // of these, all that did not arrive at once, once and whole
-        std::uint64_t late = 0;      // times that the stream fell behind and started afresh
+        std::uint64_t late = 0;      // times that the stream fell behind and restarted its clock
     };
 
     // For the player that listens on `player_port` and talks to `parent`, which outlives the
@@ -36,7 +36,7 @@ class LiveStream {
 
     // Streams for `time` over `road`. Each frame and packet leaves when it is due and the player
     // has taken what came before: a slow machine slows the stream down instead of losing more than
-    // the road does, so the same seed loses the same. False when the player takes nothing any more.
+    // the road does, so the same seed loses the same. False when the player stops taking datagrams.
     [[nodiscard]] bool run(std::chrono::milliseconds time, const Road& road);
 
     // Counts the keyframe requests that have come since.
@@ -60,7 +60,7 @@ class LiveStream {
     Counters counters_;
 };
 
-// The road on which nothing happens.
+// The road that changes nothing.
 [[nodiscard]] LiveStream::Road good_road();
 
 // What the tools' impairments do, all times left out.

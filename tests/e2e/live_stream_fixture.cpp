@@ -30,7 +30,7 @@ Point in_window(Point point, Extent size) {
             .y = point.y * size.height / kPictureSize.height};
 }
 
-// What FFmpeg's decoder answers to a frame that makes no sense: AVERROR_INVALIDDATA.
+// What FFmpeg's decoder returns for an invalid frame: AVERROR_INVALIDDATA.
 constexpr int kInvalidData = -1094995529;
 
 template <typename... Values>
@@ -64,7 +64,7 @@ bool is_broken_frame(const std::string& line) {
     return line == formatted("[VideoReceiver] VP8 receive_frame error: %d", kInvalidData);
 }
 
-// Dropped frames are possible on any network: a machine busy enough holds the player up between two
+// Dropped frames are possible on any network: a busy machine may delay the player between two
 // fragments for longer than it waits for the second.
 bool network_explains(const std::string& line) {
     return is_dropped_frame(line) || is_broken_frame(line) ||

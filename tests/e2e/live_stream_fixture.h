@@ -1,6 +1,6 @@
 // The fixture of the tests that stream for a while over a bad network. What exactly a player then
 // prints depends on the time that everything takes, but each line must be one of those that it may
-// print there, and each keyframe request must have been told to the parent as well.
+// print there, and each keyframe request must have reached the parent as well.
 #pragma once
 
 #include <chrono>
@@ -13,7 +13,7 @@
 
 namespace vesper::test {
 
-// What the player prints when it gives up a frame of `total` fragments.
+// What the player prints when it drops a frame of `total` fragments.
 [[nodiscard]] std::string dropped_frame_line(std::uint32_t frame_id, int received, int total);
 
 class LiveStreamTest : public PlayerTest {
@@ -27,22 +27,21 @@ class LiveStreamTest : public PlayerTest {
     // keyframe that arrives whole is shown whole.
     void start_stream();
 
-    // What is streamed, each picture another than the one before: random_picture() unless told
-    // otherwise.
+    // What is streamed, each picture different from the one before: by default random_picture().
     [[nodiscard]] virtual tools::Picture next_picture() { return random_picture(random); }
 
     // Streams for `time` over `road`.
     void stream(std::chrono::milliseconds time, const LiveStream::Road& road);
 
     // Sends a keyframe over a good road, and expects to see each of its fields in its colour,
-    // however large the window. A player that was held up for so long that it gave the keyframe up
+    // however large the window. A player that was delayed for so long that it dropped the keyframe
     // asks for another and gets it.
     void expect_good_picture();
 
     // Closes the window and expects a clean end: standard error begins with failure_text, and each
-    // line behind it tells of a frame that was dropped, could not be decoded or gave no picture, or
-    // of a keyframe that is wanted for a dropped one; standard output tells of as many keyframe
-    // requests as came.
+    // line after it reports a frame that was dropped, could not be decoded or gave no picture, or a
+    // keyframe wanted for a dropped one; standard output reports as many keyframe requests as
+    // arrived.
     void expect_explained_end();
 
     std::mt19937_64 random{20};

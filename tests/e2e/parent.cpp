@@ -13,7 +13,7 @@ namespace vesper::test {
 
 namespace {
 
-// Far below what a default receive buffer of 212992 bytes holds of full fragments.
+// Far fewer full fragments than fit a default receive buffer of 212992 bytes.
 constexpr std::size_t kBurst = 40;  // datagrams
 
 constexpr std::size_t kLongestMessage = 64;  // bytes, more than any message has

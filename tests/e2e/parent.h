@@ -14,19 +14,19 @@ using Message = std::vector<std::uint8_t>;
 
 class Parent {
   public:
-    // Throws std::runtime_error when no port is to be had.
+    // Throws std::runtime_error when no port is free.
     Parent();
 
     // Where the player's messages arrive.
     [[nodiscard]] std::uint16_t port() const { return port_; }
 
-    // The application is gone, and nobody listens on the port; a new one listens there again, and
-    // throws std::runtime_error when somebody else does.
+    // The application ends, and nothing listens on the port; a new one listens there again, and
+    // throws std::runtime_error if the port is taken.
     void die() { socket_.reset(); }
     void come_back();
 
-    // Sends to the player at `player_port`, in order, never more at once than a socket's default
-    // buffer holds; returns when the player has taken all of them. False when it does not.
+    // Sends to the player at `player_port`, in order, never more at once than fits a socket's
+    // default buffer; returns when the player has taken all of them. False when it does not.
     bool send(std::span<const tools::Datagram> datagrams, std::uint16_t player_port);
 
     // Sends without waiting for anything, for a player that is about to end.

@@ -108,7 +108,7 @@ TEST_F(Picture, FrameThatStaysIncompleteIsReportedAndAKeyframeRequested) {
     const std::string request = "[VideoReceiver] Requesting keyframe due to dropped frames\n";
     EXPECT_TRUE(eventually([&] { return player->err().ends_with(request); })) << player->err();
     failure_text = player->err();
-    // Where the machine stalls for 250 ms, the later frame goes with it, in either order.
+    // If the machine stalls for 250 ms, the later frame is dropped too, in either order.
     const std::string later =
         "(\\[VideoReceiver\\] Dropped frame 3: [0-9]+/1000 fragments received "
         "\\([0-9.]+% loss\\)\n)?";
@@ -121,7 +121,7 @@ TEST_F(Picture, FrameThatStaysIncompleteIsReportedAndAKeyframeRequested) {
     expect_keyframe_request();
 }
 
-// One datagram of every kind that must be dropped; all bytes that say nothing are random.
+// One datagram of every kind that must be dropped; all bytes without a meaning are random.
 std::vector<tools::Datagram> malformed_datagrams(std::mt19937& random) {
     const auto junk = [&random](std::size_t size, std::uint8_t flags) {
         tools::Datagram datagram(size);

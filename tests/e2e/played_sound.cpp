@@ -43,7 +43,8 @@ SoundBlocks PlayedSound::heard() const {
 }
 
 void PlayedSound::forget() {
-    // The driver goes on writing where it was: what lies before becomes a hole that takes no room.
+    // The driver continues to write where it was: everything before becomes a hole that takes no
+    // disk space.
     const std::uintmax_t size = std::filesystem::file_size(file_);
     begin_ = (size + sizeof(SoundBlock) - 1) / sizeof(SoundBlock) * sizeof(SoundBlock);
     std::filesystem::resize_file(file_, 0);

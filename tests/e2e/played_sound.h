@@ -1,5 +1,5 @@
-// What the player plays, heard where SDL's disk driver writes it: in a file instead of a sound
-// card.
+// What the player plays, read from the file that SDL's disk driver writes instead of driving a
+// sound card.
 #pragma once
 
 #include <cstdint>
@@ -22,13 +22,13 @@ class PlayedSound {
     // Has the player play into the file: to be called before it starts.
     void redirect(ChildProcess::Environment& environment) const;
 
-    // What SDL's driver then says on standard error.
+    // What SDL's driver then prints on standard error.
     [[nodiscard]] std::string driver_text() const;
 
     // Every block that sounds and was played since the last forget().
     [[nodiscard]] SoundBlocks heard() const;
 
-    // Gives the room on the disk back, too.
+    // Releases the disk space, too.
     void forget();
 
     [[nodiscard]] const std::filesystem::path& file() const { return file_; }

@@ -25,15 +25,15 @@
 
 namespace vesper::test {
 
-// What a player on `display` is to find in its environment: SDL's software renderer, and no GL
-// beneath it either: the same drawing calls, without a GL driver's threads on a machine that runs
-// many tests at once. Without sound hardware it plays into SDL's dummy. A sanitizer that reports
+// The environment of a player on `display`: SDL's software renderer, without GL beneath it, makes
+// the same drawing calls without a GL driver's threads, on a machine that runs many tests at once.
+// Without sound hardware it plays into SDL's dummy driver. A sanitizer that reports
 // something ends the player with status 99, which the player itself never does.
 [[nodiscard]] ChildProcess::Environment player_environment(const VirtualDisplay& display);
 
 class PlayerTest : public testing::Test {
   protected:
-    // `stream` says what `video` makes and what the player is told of it.
+    // `stream` describes what `video` makes, and is passed to the player.
     explicit PlayerTest(const tools::Vp8Settings& stream = kSmallStream);
     void TearDown() override;
 
@@ -57,8 +57,8 @@ class PlayerTest : public testing::Test {
     // Sends to the player, which has taken everything when the call returns.
     void send(const std::vector<tools::Datagram>& datagrams);
 
-    // Lets the player show the stream's first picture: its decoder answers the first frame with an
-    // error, because it gives out each picture one frame late, so a keyframe request comes along.
+    // Lets the player show the stream's first picture. The decoder delivers each picture one frame
+    // late and reports an error for the first, so a keyframe request arrives as well.
     void show_first_picture(const tools::Picture& picture);
     void show_picture(const tools::Picture& picture) { send(video.show(picture)); }
 
@@ -80,10 +80,10 @@ class PlayerTest : public testing::Test {
     [[nodiscard]] std::string start_up_text() const;
     [[nodiscard]] static std::string shut_down_text();
     // Of a live receiver; its window, renderer and texture are the `first_address`-th address of
-    // the whole text and the two behind it.
+    // the whole text and the two after it.
     [[nodiscard]] static std::string destructor_text(int uid = 0, int window_id = 1,
                                                      int first_address = 1);
-    // Of a receiver whose set-up failed behind its window.
+    // Of a receiver whose set-up failed after its window was made.
     [[nodiscard]] static std::string destructor_text_without_stream();
 
     VirtualDisplay display;

@@ -222,7 +222,7 @@ void PlayerWindow::wheel_down(Point point) const {
 }
 
 void PlayerWindow::press_key(const std::string& key) const {
-    // What a window manager does for the window in front, and nobody else does here.
+    // What a window manager does for the front window; here there is none to do it.
     XSetInputFocus(display_.connection(), id_, RevertToPointerRoot, CurrentTime);
     XSync(display_.connection(), False);
     display_.xdotool({"key", key});

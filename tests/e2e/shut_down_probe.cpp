@@ -1,6 +1,6 @@
 // Preloaded into the player where its end is tested. It writes the name of the renderer that SDL
 // really made to the file that VESPER_RENDERER_FILE names, and turns SIGUSR1 into a quit event: the
-// offscreen and dummy drivers have no window that somebody could close, and weston offers no way to
+// offscreen and dummy drivers have no window that could be closed, and weston offers no way to
 // close one without a mouse.
 #include <SDL2/SDL.h>
 #include <dlfcn.h>

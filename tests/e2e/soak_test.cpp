@@ -2,8 +2,8 @@
 // cent of its datagrams lost. Its memory stays what it is, it prints nothing that the loss does not
 // explain, and picture and sound are right at the end.
 //
-// One minute unless VESPER_SOAK_MINUTES says otherwise. Not built with sanitizers: they hold freed
-// memory back, so that it grows without a leak.
+// One minute unless VESPER_SOAK_MINUTES sets another time. Not built with sanitizers: they retain
+// freed memory, so that it grows without a leak.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -27,11 +27,11 @@ constexpr double kLoss = 2;  // per cent
 
 // What memory may grow by once everything that is made on demand has been made: decoder, converter,
 // queues and the allocator's arenas. A player without leaks stays within some sixty KiB. At the
-// stream's full rate this limit finds 1.7 KB left behind by a frame, or one by a sound packet, in
-// the one minute of every test run; in thirty minutes, 40 bytes.
+// stream's full rate this limit finds a leak of 1.7 KB per frame, or of 1 KB per sound packet, in
+// the one minute of every test run; in thirty minutes, of 40 bytes.
 constexpr long kGrowthLimit = 2048;  // KiB
 
-// How long that making takes at the most, a third of the soak where it is short.
+// How long that takes at most; a third of a short soak.
 constexpr seconds kSettlingTime{60};
 
 constexpr seconds kShortestInterval{10};
@@ -42,7 +42,7 @@ seconds soak_time() {
     return std::chrono::minutes(minutes == nullptr ? 1 : std::max(std::atoi(minutes), 1));
 }
 
-// Of a running process, in KiB; 0 when it cannot be told.
+// Of a running process, in KiB; 0 when it cannot be read.
 long resident_memory(pid_t pid) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
     long kibibytes = 0;
@@ -92,7 +92,7 @@ class Soak : public LiveStreamTest {
         return memory;
     }
 
-    // Lets the road be good, and expects the last second to hold the tone.
+    // Streams over a good road, and expects the tone in the last second.
     void expect_good_sound() {
         constexpr std::size_t kLastSecond = 50;  // blocks of 20 ms
         SoundBlocks heard;

@@ -181,7 +181,7 @@ TEST_F(Sound, UndecodablePacketIsSkipped) {
         play(packet);
         expected.push_back(reference_.decode(packet));
     }
-    play({0xFF, 0xFF, 0xFF});  // a frame count that its length cannot hold
+    play({0xFF, 0xFF, 0xFF});  // a frame count too high for its length
     for (const auto& packet : tone_.packets(5)) {
         play(packet);
         expected.push_back(reference_.decode(packet));

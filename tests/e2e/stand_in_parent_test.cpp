@@ -45,13 +45,13 @@ class StandInParent {
         return eventually([&] { return is_near(window_->screenshot().at(point), color); });
     }
 
-    // Whether the output comes to hold this.
+    // Whether the output contains this, now or soon.
     [[nodiscard]] bool says(const std::string& text) {
         return eventually([&] { return process_.out().find(text) != std::string::npos; });
     }
 
-    // The same for the test picture of 480x240: its six stripes, where nothing else stands for
-    // long.
+    // The same for the test picture of 480x240: its six stripes, at points that nothing else covers
+    // for long.
     [[nodiscard]] bool shows_test_picture() const {
         return shows({40, 230}, kRed) && shows({120, 230}, kGreen) && shows({200, 230}, kYellow) &&
                shows({280, 230}, kBlue) && shows({360, 230}, kMagenta) && shows({440, 230}, kCyan);
@@ -111,7 +111,7 @@ INSTANTIATE_TEST_SUITE_P(All, StandInParentWays,
                                               "--seed", "3", "--keyframe-interval", "10"}}),
                          [](const auto& way) { return way.param.name; });
 
-// The second run is told nothing about the picture: it is in the capture.
+// The second run has no options about the picture: the capture determines it.
 TEST(StandInParentTest, ShowsACapture) {
     const TemporaryFolder folder;
     const std::string path = folder.file("stream.pcap");

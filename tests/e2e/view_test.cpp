@@ -133,8 +133,8 @@ class Fullscreen : public View {
 
     void expect_window() {
         EXPECT_TRUE(eventually([this] { return has_saved_geometry(); })) << geometry();
-        // The window manager's answer may pass through the right geometry on its way to a wrong
-        // one: by the time the player shows its bar it has settled.
+        // The window manager may pass through the right geometry on the way to a wrong one: by the
+        // time the player shows its bar, the geometry has settled.
         window->move_pointer({.x = 100, .y = 100});
         EXPECT_TRUE(eventually([this] { return bar_is_visible_over(field_color(kBarPoint)); }));
         EXPECT_TRUE(has_saved_geometry()) << geometry();

@@ -44,7 +44,7 @@ auto datagram(std::uint16_t source_port, std::uint16_t destination_port, const D
 
 class Capture : public testing::Test {
   protected:
-    // A file with what a parent and a player could say to one another.
+    // A file with a possible conversation between a parent and a player.
     void write_conversation() const {
         CaptureWriter writer;
         ASSERT_TRUE(writer.open(path_));

@@ -95,7 +95,7 @@ TEST_F(TestPicture, IsTheSameEveryTime) {
     }
 }
 
-// The clock's lower line, where the counter stands, is in the top left corner.
+// The clock's lower line, which shows the counter, is in the top left corner.
 TEST_F(TestPicture, TheLargeCounterChangesWithEveryPicture) {
     ASSERT_TRUE(source_.open_test_picture({.width = 1280, .height = 720}));
     const auto counter = [this] {
@@ -230,7 +230,7 @@ TEST_F(FileSource, ACoverPictureIsNoVideo) {
               (Printed{.out = "", .err = path + " has no video\n"}));
 }
 
-// Long enough for libavformat to be sure that it is to be drawn.
+// Long enough for libavformat to be sure that it is text to draw.
 TEST_F(FileSource, ATextIsNoVideo) {
     const std::string path = folder_.file("notes.txt");
     std::ofstream(path) << std::string(1000, 'a');

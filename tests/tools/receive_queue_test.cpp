@@ -53,7 +53,7 @@ TEST_F(ReceiveQueueTest, ReportsWhatWaits) {
 }
 
 TEST_F(ReceiveQueueTest, CountsWhatFoundTheBufferFull) {
-    constexpr int kSent = 5000;  // more than any usual buffer holds
+    constexpr int kSent = 5000;  // more than fits any usual buffer
     send(kSent);
     const int received = receive_all();
     ASSERT_LT(received, kSent);

@@ -112,7 +112,7 @@ TEST_F(StreamerTest, EachPictureIsOneFrameUntilTheSourceEnds) {
     EXPECT_EQ(counters.frames + counters.skipped, 10U);
 }
 
-// Nobody listens there, so nothing ever waits to be taken.
+// Nothing listens there, so no datagram ever waits to be taken.
 TEST_F(StreamerTest, LowDelaySendsEachPictureTwice) {
     UDPSocket gone;
     ASSERT_TRUE(gone.bind(0));
