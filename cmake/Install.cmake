@@ -1,4 +1,4 @@
-# What `cmake --install` lays out, and vesper_install_library, which makes one room part of it.
+# What `cmake --install` installs, and vesper_install_library, which makes one room part of it.
 #
 #   bin/                         the programs
 #   share/man/man1/              their manual pages
@@ -12,7 +12,7 @@
 # means the same inside and outside of this tree, and so that directories of such common names as
 # net/ and client/ stay out of the system's own include directory.
 #
-# Two install components: `player` for who watches, `development` for who embeds.
+# Two install components: `player` for viewers, `development` for embedders.
 
 # Debian's directory for its architecture, whatever the prefix: compiler, CMake and pkg-config look
 # there under /usr and under /usr/local, and one build tree serves both.
@@ -30,7 +30,7 @@ set(VESPER_INSTALL_PCDIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 # vesper_install_library(NAME DESCRIPTION text HEADERS header... [REQUIRES pkg-config-module...])
 #
 # Installs and exports vesper::NAME with its public headers and its pkg-config file. REQUIRES names
-# everything that a program which links the room needs besides: the rooms are static libraries.
+# everything else that a program linking the room needs: the rooms are static libraries.
 function(vesper_install_library name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "DESCRIPTION" "HEADERS;REQUIRES")
     target_compile_features(vesper_${name} PUBLIC cxx_std_20)

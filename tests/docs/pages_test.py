@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Holds what the pages point at against the tree and the programs.
+"""Checks what the pages refer to against the tree and the programs.
 
     pages_test.py SOURCE_DIR BUILD_DIR [Pages.test_NAME]
 
-A command of a page is run where that is cheap; else its options are looked up in the program that it
-calls. A page that shows a new program needs a line in COMMANDS below.
+A command of a page is run if that is cheap; otherwise its options are looked up in the program that
+it calls. A page that shows a new program needs a line in COMMANDS below.
 """
 
 import fnmatch
@@ -37,8 +37,8 @@ def code_spans(page):
 
 
 def commands(page):
-    """Every command of the page's shell blocks, and those scripts and programs of ours that it names
-    with words behind them, each as a list of words."""
+    """Every command of the page's shell blocks, and every call of our scripts and programs with
+    arguments that it mentions, each as a list of words."""
     lines = [
         line
         for language, block in FENCED.findall(PAGES[page])

@@ -1,5 +1,5 @@
-// docs/protocol.md shows datagrams. In the page a comment in front of each such block names it;
-// here is made what it has to say. Where one differs, copy the expected text into the page.
+// docs/protocol.md shows datagrams. A comment before each such block of the page names it; its text
+// is generated here. If one differs, copy the expected text into the page.
 #include <gtest/gtest.h>
 
 extern "C" {
@@ -98,7 +98,7 @@ TEST(ProtocolPage, ShowsAnAudioStateAsThePlayerSendsIt) {
 
 TEST(ProtocolPage, ShowsARealKeyframe) {
     AVCodecContext* decoder = avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_VP8));
-    decoder->thread_count = 1;  // the picture comes out at once
+    decoder->thread_count = 1;  // delivers the picture at once
     ASSERT_EQ(avcodec_open2(decoder, nullptr, nullptr), 0);
     AVPacket* packet = av_packet_alloc();
     ASSERT_EQ(av_new_packet(packet, static_cast<int>(kKeyframe.size())), 0);

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Compares the tests that the page names as its proofs with those that there are.
+# Checks that the tests which the page names as evidence exist.
 #
 #   security_page_test.sh PAGE BUILD_DIR
 source "$(dirname "$0")/../packaging/expect.sh"
 page=$1 build=$2
 
-# Without the instance in front and the parameters behind, which say nothing of the rule.
+# Without the instance before the name and the parameters after it, which are not part of the rule.
 existing_tests() {
     ctest --test-dir "$build" --show-only |
         sed -n -e 's/^ *Test *#[0-9]*: *//' -e 's#^[A-Za-z0-9_]*/##' -e 's#[/ ].*##' -e '/\./p' |
@@ -18,7 +18,7 @@ named_tests() {
     grep -o '`[A-Z][A-Za-z0-9]*\.[A-Z][A-Za-z0-9_]*`' "$page" | tr -d '`' | LC_ALL=C sort -u
 }
 
-# Every row of a table of claims, but head and rule.
+# Every row of a table of claims, without its head.
 rows_without_test() {
     grep '^|' "$page" | grep -v '^| claim |\|^|---' | grep -v '`[A-Z][A-Za-z0-9]*\.[A-Z]' || true
 }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Compares a program with the code block of a page that shows it, behind the line
-# "<!-- checked: NAME -->". Where they differ, copy the program into the page.
+# Compares a program with the code block of a page that shows it, after the line
+# "<!-- checked: NAME -->". If they differ, copy the program into the page.
 #
 #   shown_program_test.sh PAGE PROGRAM
 source "$(dirname "$0")/../packaging/expect.sh"

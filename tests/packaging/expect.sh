@@ -1,4 +1,4 @@
-# Sourced by the shell tests: goes on after a failed comparison, and ends with status 1 if there was
+# Sourced by the shell tests: continues after a failed comparison, and ends with status 1 if there was
 # one.
 #
 #   expect_equal WHAT EXPECTED ACTUAL     compares two texts and shows where they differ

@@ -36,7 +36,7 @@ share/doc/vesper/examples/minimal_parent.py
 share/man/man1/vesper-parent.1
 share/man/man1/vesper-player.1" "$(cd "$work/staged/usr" && find . -type f -printf '%P\n' | LC_ALL=C sort)"
 
-# Nothing of it may name the place that it was built or installed in.
+# None of it may contain the path that it was built or installed in.
 mkdir "$work/moved"
 mv "$work/staged/usr" "$work/moved/vesper"
 prefix=$work/moved/vesper
@@ -61,7 +61,7 @@ for program in "$work/with_cmake/in_application" "$work/with_pkg_config"; do
         "$("$program" nonsense 2>&1 || true)"
 done
 
-# Each header is whole by itself with nothing but the flags of its own room.
+# Each header compiles by itself, with only the flags of its own room.
 for room in net audio client; do
     expect_equal "version of vesper-$room" "$version" "$(pkg-config --modversion "vesper-$room")"
     for header in "$prefix/include/vesper/$room"/*.h; do

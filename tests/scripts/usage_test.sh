@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Calls each script with words that it does not know: nothing may be installed, built or run then.
+# Calls each script with unknown words: nothing may then be installed, built or run.
 #
 #   usage_test.sh SCRIPTS_DIR
 source "$(dirname "$0")/../packaging/expect.sh"
