@@ -241,6 +241,11 @@ class Pages(unittest.TestCase):
         self.assertTrue((SOURCE / "fuzz" / f"{target}_fuzzer.cpp").exists())
         self.assertEqual(options(words), [])
 
+    def check_fuzzed_reassembly(self, words, preset):
+        self.assert_preset(preset)
+        accepted = re.findall(r"--[a-z-]+", output(BUILD / "bin/fuzz_reassembly", "--help"))
+        self.assertLessEqual(set(options(words)), set(accepted))
+
     def check_parent(self, words):
         accepted = re.findall(r"--[a-z-]+", output(BUILD / "bin/vesper-parent", "--help"))
         self.assertLessEqual(set(options(words)), set(accepted))
@@ -276,6 +281,7 @@ COMMANDS = [
     (r"cmake", Pages.check_cmake),
     (r"ctest", Pages.check_ctest),
     (r"build/(\w+)/bin/(\w+_test)", Pages.check_test_program),
+    (r"build/(\w+)/bin/fuzz_reassembly", Pages.check_fuzzed_reassembly),
     (r"build/fuzz/bin/fuzz_(\w+)", Pages.check_fuzzer),
     (r"vesper-parent", Pages.check_parent),
     (r"vesper-player", Pages.check_player),
