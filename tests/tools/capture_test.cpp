@@ -197,7 +197,7 @@ TEST_F(Capture, ThatIsMissingIsRefused) {
 TEST_F(Capture, ThatIsNoneIsRefused) {
     write_file({'D', 'K', 'I', 'F', 0, 0, 32, 0});
     EXPECT_EQ(refusal(),
-              (Printed{.out = "", .err = path_ + ": no capture: unknown file format\n"}));
+              (Printed{.out = "", .err = path_ + ": not a capture: unknown file format\n"}));
 }
 
 TEST_F(Capture, CutWithinItsHeaderIsRefused) {
@@ -205,7 +205,7 @@ TEST_F(Capture, CutWithinItsHeaderIsRefused) {
     std::filesystem::resize_file(path_, kFileHeaderSize - 1);
     EXPECT_EQ(refusal(),
               (Printed{.out = "",
-                       .err = path_ + ": no capture: truncated dump file; tried to read 24 "
+                       .err = path_ + ": not a capture: truncated dump file; tried to read 24 "
                                       "file header bytes, only got 19\n"}));
 }
 
@@ -214,7 +214,7 @@ TEST_F(Capture, CutWithinADatagramIsRefused) {
     std::filesystem::resize_file(path_, std::filesystem::file_size(path_) - 1);
     EXPECT_EQ(refusal(),
               (Printed{.out = "",
-                       .err = path_ + ": cut short or damaged after 3 datagrams: truncated dump "
+                       .err = path_ + ": truncated or damaged after 3 datagrams: truncated dump "
                                       "file; tried to read 37 captured bytes, only got 36\n"}));
 }
 
@@ -225,7 +225,7 @@ TEST_F(Capture, TakenWithASizeLimitIsRefused) {
     write_file(bytes);
     EXPECT_EQ(refusal(),
               (Printed{.out = "",
-                       .err = path_ + ": taken with too small a limit on the packets' size\n"}));
+                       .err = path_ + ": captured with too small a limit on the packets' size\n"}));
 }
 
 TEST_F(Capture, TakenFromARadioIsRefused) {
@@ -234,7 +234,7 @@ TEST_F(Capture, TakenFromARadioIsRefused) {
     bytes[20] = 105;  // the file header's link type: IEEE 802.11
     write_file(bytes);
     EXPECT_EQ(refusal(),
-              (Printed{.out = "", .err = path_ + ": not taken from a loopback interface\n"}));
+              (Printed{.out = "", .err = path_ + ": not captured on a loopback interface\n"}));
 }
 
 TEST_F(Capture, IntoAFolderThatDoesNotExistIsRefused) {

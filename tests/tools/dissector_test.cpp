@@ -219,11 +219,11 @@ TEST_F(Dissector, ExplainsWhyThePlayerDropsADatagram) {
               "Vesper|Video frame 1, fragment 0 of 1, 1401 bytes, interframe|"
               "The player drops this datagram: the payload size is not 1 to 1400\n"
               "Vesper|Video frame 1, fragment 0 of 1, 2 bytes|"
-              "The player drops this datagram: the payload is not all there\n"
+              "The player drops this datagram: the payload is truncated\n"
               "Vesper|Screen audio 1, 0 bytes|"
               "The player drops this datagram: the payload size is 0\n"
               "Vesper|Screen audio 1, 3 bytes|"
-              "The player drops this datagram: the payload is not all there\n");
+              "The player drops this datagram: the payload is truncated\n");
 }
 
 TEST_F(Dissector, LeavesDatagramsOfAnotherShapeAloneUnlessThePortIsConfigured) {

@@ -145,9 +145,9 @@ TEST(ParentOptions, HelpIsNoFailure) {
 }
 
 TEST(ParentOptions, SizesMustBeSizes) {
-    expect_refused({"--size", "12"}, "--size: \"12\" is no size like 1280x720");
-    expect_refused({"--size", "640x480p"}, "--size: \"640x480p\" is no size like 1280x720");
-    expect_refused({"--size", "big"}, "--size: \"big\" is no size like 1280x720");
+    expect_refused({"--size", "12"}, "--size: \"12\" is not a size like 1280x720");
+    expect_refused({"--size", "640x480p"}, "--size: \"640x480p\" is not a size like 1280x720");
+    expect_refused({"--size", "big"}, "--size: \"big\" is not a size like 1280x720");
 }
 
 TEST(ParentOptions, SizesMustBeEvenAndSuitVp8) {

@@ -375,14 +375,14 @@ TEST_F(ParentTest, BadInputIsOneLineAndStatusTwo) {
              {{"--file", song}, song + " has no video"},
              {{"--file", text}, text + " has no video"},
              {{"--screen", ":4711"}, "cannot grab the display \":4711\": Input/output error"},
-             {{"--player", "/dev/null"}, "vesper-parent: /dev/null is no program"},
+             {{"--player", "/dev/null"}, "vesper-parent: /dev/null cannot be executed"},
              {{"--player", missing}, "vesper-parent: --player: File does not exist: " + missing},
              {{"--size", "3x4"},
               "vesper-parent: --size: width and height must be even and from 2 to 16382, not 3x4"},
              {{"--replay", missing}, missing + ": No such file or directory"},
-             {{"--replay", text}, text + ": no capture: unknown file format"},
+             {{"--replay", text}, text + ": not a capture: unknown file format"},
              {{"--replay", cut_short},
-              cut_short + ": cut short or damaged after 1 datagrams: truncated dump file; tried to "
+              cut_short + ": truncated or damaged after 1 datagrams: truncated dump file; tried to "
                           "read 59 captured bytes, only got 58"},
              {{"--capture", folder_.path()}, std::string(folder_.path()) + ": Is a directory"},
          }) {

@@ -250,7 +250,7 @@ TEST_F(Replay, AtHighSpeedMakesTheTimeBetweenDatagramsShorter) {
 TEST_F(Replay, OfAFileThatIsNoCaptureFails) {
     std::ofstream(capture_) << "DKIF, and more that is no capture";
     EXPECT_EQ(run_parent("--replay '" + capture_ + "'"),
-              (Ending{.status = 2, .errors = capture_ + ": no capture: unknown file format\n"}));
+              (Ending{.status = 2, .errors = capture_ + ": not a capture: unknown file format\n"}));
     EXPECT_THAT(received(), testing::IsEmpty());
 }
 
@@ -260,7 +260,7 @@ TEST_F(Replay, OfACaptureThatIsCutShortFailsBeforeItSendsAnything) {
     EXPECT_EQ(run_parent("--replay '" + capture_ + "'"),
               (Ending{.status = 2,
                       .errors = capture_ +
-                                ": cut short or damaged after 2 datagrams: truncated dump file; "
+                                ": truncated or damaged after 2 datagrams: truncated dump file; "
                                 "tried to read 37 captured bytes, only got 36\n"}));
     EXPECT_THAT(received(), testing::IsEmpty());
 }
@@ -268,7 +268,7 @@ TEST_F(Replay, OfACaptureThatIsCutShortFailsBeforeItSendsAnything) {
 TEST_F(Replay, OfACaptureWithNothingForAPlayerFails) {
     write_capture({});
     EXPECT_EQ(run_parent("--replay '" + capture_ + "'"),
-              (Ending{.status = 2, .errors = capture_ + ": holds nothing for a player\n"}));
+              (Ending{.status = 2, .errors = capture_ + ": contains nothing for a player\n"}));
 }
 
 TEST_F(Replay, IntoItsOwnCaptureFailsAndLeavesItAlone) {

@@ -20,7 +20,7 @@ std::string read_size(const std::string& text, Vp8Settings& video) {
     int end = 0;
     if (std::sscanf(text.c_str(), "%5dx%5d%n", &video.width, &video.height, &end) != 2 ||
         static_cast<std::size_t>(end) != text.size()) {
-        return "\"" + text + "\" is no size like 1280x720";
+        return "\"" + text + "\" is not a size like 1280x720";
     }
     const auto fits = [](int side) { return side > 0 && side <= kMaxSide && side % 2 == 0; };
     if (!fits(video.width) || !fits(video.height)) {

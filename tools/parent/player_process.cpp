@@ -89,7 +89,7 @@ bool PlayerProcess::start(const std::vector<std::string>& command_line) {
     std::array<int, 2> output{};
     std::array<int, 2> errors{};
     if (pipe2(output.data(), O_CLOEXEC) < 0 || pipe2(errors.data(), O_CLOEXEC) < 0) {
-        std::fprintf(stderr, "vesper-parent: no pipe: %s\n", std::strerror(errno));
+        std::fprintf(stderr, "vesper-parent: cannot make a pipe: %s\n", std::strerror(errno));
         return false;
     }
     const pid_t self = getpid();
@@ -104,7 +104,7 @@ bool PlayerProcess::start(const std::vector<std::string>& command_line) {
     fcntl(output_.fd, F_SETFL, O_NONBLOCK);
     fcntl(errors_.fd, F_SETFL, O_NONBLOCK);
     if (pid_ < 0) {
-        std::fprintf(stderr, "vesper-parent: no process: %s\n", std::strerror(errno));
+        std::fprintf(stderr, "vesper-parent: cannot start a process: %s\n", std::strerror(errno));
         return false;
     }
     return true;

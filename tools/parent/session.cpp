@@ -96,7 +96,7 @@ bool Session::feed_finished() const {
 bool Session::start_player() {
     const std::string program = options_.player.empty() ? player_beside_us() : options_.player;
     if (access(program.c_str(), X_OK) != 0) {
-        std::fprintf(stderr, "vesper-parent: %s is no program\n", program.c_str());
+        std::fprintf(stderr, "vesper-parent: %s cannot be executed\n", program.c_str());
         return false;
     }
     const std::uint16_t port = free_port();

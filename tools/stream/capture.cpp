@@ -164,12 +164,12 @@ class CaptureFile {
         pcap_ = pcap_fopen_offline(file, error.data());
         if (pcap_ == nullptr) {
             std::fclose(file);
-            std::fprintf(stderr, "%s: no capture: %s\n", path_.c_str(), error.data());
+            std::fprintf(stderr, "%s: not a capture: %s\n", path_.c_str(), error.data());
             return false;
         }
         const auto header_size = link_header_size(pcap_datalink(pcap_));
         if (!header_size) {
-            std::fprintf(stderr, "%s: not taken from a loopback interface\n", path_.c_str());
+            std::fprintf(stderr, "%s: not captured on a loopback interface\n", path_.c_str());
             return false;
         }
         link_header_size_ = *header_size;
@@ -184,7 +184,7 @@ class CaptureFile {
         int result = 0;
         while ((result = pcap_next_ex(pcap_, &header, &data)) == 1) {
             if (header->caplen < header->len) {
-                std::fprintf(stderr, "%s: taken with too small a limit on the packets' size\n",
+                std::fprintf(stderr, "%s: captured with too small a limit on the packets' size\n",
                              path_.c_str());
                 return std::nullopt;
             }
@@ -198,7 +198,7 @@ class CaptureFile {
             }
         }
         if (result != PCAP_ERROR_BREAK) {
-            std::fprintf(stderr, "%s: cut short or damaged after %zu datagrams: %s\n",
+            std::fprintf(stderr, "%s: truncated or damaged after %zu datagrams: %s\n",
                          path_.c_str(), datagrams.size(), pcap_geterr(pcap_));
             return std::nullopt;
         }

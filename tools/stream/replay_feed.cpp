@@ -14,7 +14,7 @@ bool ReplayFeed::open(const std::string& path) {
     }
     stream_ = sent_to_player(std::move(*capture));
     if (stream_.empty()) {
-        std::fprintf(stderr, "%s: holds nothing for a player\n", path.c_str());
+        std::fprintf(stderr, "%s: contains nothing for a player\n", path.c_str());
         return false;
     }
     size_ = tools::picture_size(stream_).value_or(PictureSize{});

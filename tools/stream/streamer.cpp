@@ -55,7 +55,7 @@ bool Streamer::open(const StreamSettings& settings) {
         return false;
     }
     if (!sound_encoder_.init(kSoundRate, kSoundChannels, OPUS_APPLICATION_AUDIO)) {
-        std::fprintf(stderr, "libopus made no encoder\n");
+        std::fprintf(stderr, "libopus failed to make an encoder\n");
         return false;
     }
     sound_encoder_.set_bitrate(kSoundBitrate);

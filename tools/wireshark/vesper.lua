@@ -67,7 +67,7 @@ local fields = {
     vp8_frame_type = ProtoField.uint24("vesper.vp8.frame_type", "Frame type", base.DEC,
                                        FRAME_TYPES, 0x000001),
     vp8_version = ProtoField.uint24("vesper.vp8.version", "Version", base.DEC, nil, 0x00000E),
-    vp8_show = ProtoField.bool("vesper.vp8.show_frame", "To be shown", 24, nil, 0x000010),
+    vp8_show = ProtoField.bool("vesper.vp8.show_frame", "Shown", 24, nil, 0x000010),
     vp8_first_size = ProtoField.uint24("vesper.vp8.first_partition_size", "First partition size",
                                        base.DEC, nil, 0xFFFFE0),
     vp8_start_code = ProtoField.bytes("vesper.vp8.start_code", "Start code"),
@@ -168,7 +168,7 @@ local function dissect_video(buffer, tree)
     if size < 1 or size > MAX_FRAGMENT_PAYLOAD then
         drop(header, "the payload size is not 1 to " .. MAX_FRAGMENT_PAYLOAD)
     elseif present < size then
-        drop(header, "the payload is not all there")
+        drop(header, "the payload is truncated")
     end
     if present > 0 then
         local payload = buffer(VIDEO_PAYLOAD_OFFSET, present)
@@ -187,7 +187,7 @@ local function dissect_sound(buffer, tree)
     if size == 0 then
         drop(tree, "the payload size is 0")
     elseif present < size then
-        drop(tree, "the payload is not all there")
+        drop(tree, "the payload is truncated")
     end
     if present > 0 then
         local packet = tree:add(fields.opus_packet, buffer(PACKET_HEADER_SIZE, present))
