@@ -1,6 +1,8 @@
 // The player process: start-up, one single-threaded loop, shut-down. It ends with status 0 when the
 // user closes the window, and with status 1 when start-up fails.
 #include <SDL2/SDL.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 extern "C" {
 #include <libavutil/log.h>
@@ -36,12 +38,26 @@ constexpr std::uint32_t kBarStartLead = 3000;  // ms
 // Yields the processor once a pass, even when datagrams keep the receive from waiting.
 constexpr std::uint32_t kPassPause = 1;  // ms
 
+// A descriptor that the parent closed would be the next one that anything opens: the window
+// system's connection, into which our lines would then go. open() takes the lowest that is free.
+void fill_standard_descriptors() {
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(descriptor, F_GETFD) < 0) {
+            open("/dev/null", O_RDWR);
+        }
+    }
+}
+
 void prepare_process() {
+    fill_standard_descriptors();
     // A parent reads our output through a pipe, where it would be fully buffered.
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     // SIGINT and SIGTERM keep their default action; SDL would turn them into quit events,
     // and would let an environment variable outvote a hint of lower priority.
     SDL_SetHintWithPriority(SDL_HINT_NO_SIGNAL_HANDLERS, "1", SDL_HINT_OVERRIDE);
+    // Windows are seldom as large as their stream, and SDL's own default drops whole rows and
+    // columns. At default priority the variable in the environment wins.
+    SDL_SetHintWithPriority(SDL_HINT_RENDER_SCALE_QUALITY, "linear", SDL_HINT_DEFAULT);
     // libavcodec and libswscale would write lines of their own for every damaged frame.
     av_log_set_level(AV_LOG_QUIET);
 }

@@ -4,6 +4,7 @@
 
 #include "tests/e2e/player_fixture.h"
 #include "tests/support/numbered_addresses.h"
+#include "tools/stream/receive_queue.h"
 
 namespace vesper::test {
 
@@ -40,6 +41,26 @@ TEST_F(LifeCycle, LinesReachAPipeWhileThePlayerRuns) {
     EXPECT_TRUE(eventually([this] { return player->out() == start_up_text() + progress_text; }))
         << player->out();
     EXPECT_FALSE(player->ending());
+}
+
+// What is opened next would get the number of a closed descriptor: the connection to the X server,
+// with the player's lines in it.
+TEST_F(LifeCycle, ClosedStandardDescriptorsDisturbNothing) {
+    for (const std::string closed : {"<&-", ">&-", "2>&-", "<&- >&- 2>&-"}) {
+        player.emplace(std::vector<std::string>{"sh", "-c", "exec \"$@\" " + closed, "sh",
+                                                VESPER_PLAYER, "--port", std::to_string(port),
+                                                "--width", std::to_string(kPictureSize.width),
+                                                "--height", std::to_string(kPictureSize.height)},
+                       environment);
+        window.emplace(display, player->pid());
+        ASSERT_TRUE(eventually([this] { return tools::receive_queue(port).has_value(); }))
+            << "does not listen with " << closed;
+        constexpr Color kBlue{.red = 0, .green = 0, .blue = 200};
+        send(video.show(flat_picture(kBlue)));
+        expect_color({.x = 200, .y = 120}, kBlue);
+        window->close();
+        EXPECT_EQ(player->wait_for_end(), Ending{}) << "with " << closed;
+    }
 }
 
 TEST_F(LifeCycle, WithoutArgumentsUsageAndStatusOne) {

@@ -74,6 +74,62 @@ TEST_F(Picture, ResizedWindowIsFilledWithoutLetterbox) {
     EXPECT_EQ(window->size(), square);
 }
 
+// Three quarters of the picture's width: nearest neighbour leaves columns out and keeps the others
+// black and white, linear scaling mixes each with the next.
+class ScaledPicture : public PlayerTest, public testing::WithParamInterface<const char*> {
+  protected:
+    void SetUp() override { environment["SDL_RENDER_DRIVER"] = GetParam(); }
+
+    // Grey pixels in a row of the striped picture, once the window shows that.
+    int grey_pixels() {
+        start_player();
+        const Extent narrow{.width = kPictureSize.width * 3 / 4, .height = kPictureSize.height};
+        window->resize(narrow);
+        show_first_picture(striped_picture());
+        constexpr int kRow = 100;
+        int white = 0;
+        int grey = 0;
+        EXPECT_TRUE(eventually([&] {
+            const Screenshot shown = window->screenshot();
+            white = grey = 0;
+            for (int x = 0; x < narrow.width; ++x) {
+                const int value = shown.at({.x = x, .y = kRow}).green;
+                white += value > 190 ? 1 : 0;
+                grey += value > 60 && value <= 190 ? 1 : 0;
+            }
+            return shown.size == narrow && white + grey > narrow.width / 3;
+        })) << white << " white and " << grey << " grey pixels";
+        return grey;
+    }
+};
+
+TEST_P(ScaledPicture, IsSmooth) {
+    EXPECT_GT(grey_pixels(), kPictureSize.width / 3);
+}
+
+TEST_P(ScaledPicture, IsAsTheEnvironmentHasItWhereThatNamesAFilter) {
+    environment["SDL_RENDER_SCALE_QUALITY"] = "nearest";
+    EXPECT_LT(grey_pixels(), kPictureSize.width / 30);
+}
+
+INSTANTIATE_TEST_SUITE_P(, ScaledPicture, testing::Values("software", "opengl"),
+                         [](const auto& renderer) { return std::string(renderer.param); });
+
+TEST_P(ScaledPicture, AtItsOwnSizeIsTheSameWithEveryFilter) {
+    std::vector<Screenshot> shown;
+    for (const char* filter : {"linear", "nearest"}) {
+        environment["SDL_RENDER_SCALE_QUALITY"] = filter;
+        start_player();
+        show_first_picture(fields_picture());
+        expect_color({.x = 399, .y = 239}, field_color({.x = 399, .y = 239}));
+        shown.push_back(window->screenshot());
+        expect_clean_end();
+        progress_text.clear();
+        failure_text.clear();
+    }
+    EXPECT_TRUE(shown[0].pixels == shown[1].pixels);
+}
+
 TEST_F(Picture, FirstFrameMakesOneKeyframeRequest) {
     start_player();
     show_first_picture(flat_picture(kRed));

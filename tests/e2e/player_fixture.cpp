@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <concepts>
+#include <cstdlib>
 
 #include "net/stream_datagrams.h"
 #include "tests/support/numbered_addresses.h"
@@ -29,10 +30,13 @@ Color beneath_bar(Color picture) {
 }  // namespace
 
 ChildProcess::Environment player_environment(const VirtualDisplay& display) {
-    return {
+    // The suite runs once more with each renderer and the heap guard.
+    const char* const renderer = std::getenv("VESPER_E2E_RENDERER");
+    const char* const preload = std::getenv("VESPER_E2E_PRELOAD");
+    ChildProcess::Environment environment = {
         {"DISPLAY", display.name()},
         {"SDL_VIDEODRIVER", "x11"},
-        {"SDL_RENDER_DRIVER", "software"},
+        {"SDL_RENDER_DRIVER", renderer != nullptr ? renderer : "software"},
         {"SDL_FRAMEBUFFER_ACCELERATION", "0"},
         {"SDL_AUDIODRIVER", "dummy"},
         {"ASAN_OPTIONS", "exitcode=99:verify_asan_link_order=0"},
@@ -43,6 +47,10 @@ ChildProcess::Environment player_environment(const VirtualDisplay& display) {
         {"LD_PRELOAD", VESPER_E2E_PRELOAD},
 #endif
     };
+    if (preload != nullptr) {
+        environment["LD_PRELOAD"] = preload;
+    }
+    return environment;
 }
 
 PlayerTest::PlayerTest(const tools::Vp8Settings& stream)

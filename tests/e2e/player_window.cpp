@@ -44,6 +44,9 @@ Property read_property(Display* display, Window window, const char* name) {
     return property;
 }
 
+// Weston does not say on its window whose it is.
+constexpr pid_t kAnyProcess = 0;
+
 bool belongs_to(Display* display, Window window, pid_t pid) {
     const Property owner = read_property(display, window, "_NET_WM_PID");
     return owner.items == 1 && *reinterpret_cast<const long*>(owner.data.get()) == pid;
@@ -62,7 +65,7 @@ bool is_viewable(Display* display, Window window) {
 
 // Depth first below `window`; 0 when there is none. A window manager puts frames in between.
 Window find_window(Display* display, Window window, pid_t pid, const std::string& title) {
-    if (belongs_to(display, window, pid) && is_viewable(display, window) &&
+    if ((pid == kAnyProcess || belongs_to(display, window, pid)) && is_viewable(display, window) &&
         (title.empty() || title_of(display, window) == title)) {
         return window;
     }

@@ -16,6 +16,7 @@ struct Color {
     int red = 0;
     int green = 0;
     int blue = 0;
+    friend bool operator==(const Color&, const Color&) = default;
     friend std::ostream& operator<<(std::ostream& stream, const Color& color);
 };
 
@@ -33,8 +34,8 @@ struct Screenshot {
 
 class PlayerWindow {
   public:
-    // The window that process `pid` made on `display`, once it is on the screen: the one of that
-    // `title`, or whichever it finds first. Throws std::runtime_error when none comes.
+    // The window that process `pid` (0: any) made on `display`, once it is on the screen: the one
+    // of that `title`, or whichever it finds first. Throws std::runtime_error when none comes.
     PlayerWindow(const VirtualDisplay& display, pid_t pid, const std::string& title = {});
 
     [[nodiscard]] bool is_on_screen() const;

@@ -29,12 +29,13 @@ std::uint8_t chroma_red(Color c) {
 
 using Paint = std::function<Color(Point)>;
 
-// One plane, each value taken from the colour at its first pixel; `step` pixels to a value.
+// One plane, each value taken from the colour at its first pixel; `step` pixels to a value, and
+// what is left over at the right and the bottom has a value of its own.
 void paint_plane(AVFrame& frame, int plane, int step, const Paint& paint,
                  std::uint8_t (*component)(Color)) {
-    for (int y = 0; y < frame.height / step; ++y) {
+    for (int y = 0; y < (frame.height + step - 1) / step; ++y) {
         std::uint8_t* row = frame.data[plane] + std::ptrdiff_t{y} * frame.linesize[plane];
-        for (int x = 0; x < frame.width / step; ++x) {
+        for (int x = 0; x < (frame.width + step - 1) / step; ++x) {
             row[x] = component(paint({.x = x * step, .y = y * step}));
         }
     }
@@ -70,6 +71,15 @@ tools::Picture fields_picture(Extent size) {
         [size](Point p) {
             return field_color({.x = p.x * kPictureSize.width / size.width,
                                 .y = p.y * kPictureSize.height / size.height});
+        },
+        size);
+}
+
+tools::Picture striped_picture(Extent size) {
+    return painted(
+        [](Point p) {
+            const int grey = p.x % 2 == 0 ? 0 : 255;
+            return Color{.red = grey, .green = grey, .blue = grey};
         },
         size);
 }

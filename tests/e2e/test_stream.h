@@ -20,13 +20,16 @@ namespace vesper::test {
 // builds keep up. The volume slider has its full length of 300 pixels at this width.
 inline constexpr Extent kPictureSize{.width = 400, .height = 240};
 
-// A picture in one colour, of an even size.
+// A picture in one colour.
 [[nodiscard]] tools::Picture flat_picture(Color color, Extent size = kPictureSize);
 
 // Fields, five across and three down, no two of one colour; of 80x80 pixels in a picture of
 // kPictureSize.
 inline constexpr int kFieldSize = 80;
 [[nodiscard]] tools::Picture fields_picture(Extent size = kPictureSize);
+
+// Columns of one pixel, black and white in turn.
+[[nodiscard]] tools::Picture striped_picture(Extent size = kPictureSize);
 
 // Random blocks: every frame of such pictures takes several datagrams.
 [[nodiscard]] tools::Picture random_picture(std::mt19937_64& random);

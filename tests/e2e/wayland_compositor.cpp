@@ -16,11 +16,12 @@ constexpr auto kSocketName = "wayland-of-this-test";
 
 // In a window, because SDL 2.26 crashes in SDL_Init() where a compositor without a screen announces
 // neither mouse nor keyboard. By the processor alone: GL is the player's to try.
-WaylandCompositor::WaylandCompositor(const VirtualDisplay& display, const std::string& folder)
+WaylandCompositor::WaylandCompositor(const VirtualDisplay& display, const std::string& folder,
+                                     const std::string& shell)
     : environment_{{"XDG_RUNTIME_DIR", folder}, {"WAYLAND_DISPLAY", kSocketName}} {
     weston_.emplace(
         std::vector<std::string>{"weston", "--no-config", "--backend=x11-backend.so",
-                                 "--use-pixman", "--idle-time=0",
+                                 "--use-pixman", "--idle-time=0", "--shell=" + shell,
                                  std::string("--socket=").append(kSocketName)},
         ChildProcess::Environment{{"DISPLAY", display.name()}, {"XDG_RUNTIME_DIR", folder}},
         ChildProcess::Output::Merged);

@@ -12,15 +12,21 @@ namespace vesper::test {
 
 class WaylandCompositor {
   public:
-    // Starts weston on `display`, with its socket in `folder`, which must be nobody else's and
-    // outlive the object. Throws std::runtime_error when it does not come up.
-    WaylandCompositor(const VirtualDisplay& display, const std::string& folder);
+    // Starts weston in a window on `display`, with its socket in `folder`, which must be nobody
+    // else's and outlive the object, and with one of weston's shells: a desktop, or
+    // "kiosk-shell.so", which gives a client all of weston's window. Throws std::runtime_error when
+    // it does not come up.
+    WaylandCompositor(const VirtualDisplay& display, const std::string& folder,
+                      const std::string& shell = "desktop-shell.so");
     ~WaylandCompositor();
     WaylandCompositor(const WaylandCompositor&) = delete;
     WaylandCompositor& operator=(const WaylandCompositor&) = delete;
 
     // What a client needs to find it.
     [[nodiscard]] const ChildProcess::Environment& environment() const { return environment_; }
+
+    // Title of weston's own window on the X display, which shows what its clients show.
+    static constexpr auto kWindowTitle = "Weston Compositor - screen0";
 
   private:
     ChildProcess::Environment environment_;

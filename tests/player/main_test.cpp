@@ -433,7 +433,8 @@ TEST_F(PlayerMain, StartsLoopsAndShutsDownInOrder) {
     EXPECT_THAT(
         calls_,
         ElementsAre(
-            "SDL_SetHintWithPriority SDL_NO_SIGNAL_HANDLERS 1 2", "av_log_set_level -8",
+            "SDL_SetHintWithPriority SDL_NO_SIGNAL_HANDLERS 1 2",
+            "SDL_SetHintWithPriority SDL_RENDER_SCALE_QUALITY linear 0", "av_log_set_level -8",
             "out: [VideoPlayer] Starting on port 5000 for streamer 7 (Ann, 640x360, audio=yes)\n",
             "SDL_Init 48", "choose_renderer /dev", "init_for_udp 640 360", "enable_audio 1",
             "socket_init", "bind 5000", "out: [VideoPlayer] Listening on UDP port 5000\n",
@@ -451,18 +452,19 @@ TEST_F(PlayerMain, WithoutAudioTheVolumeIsStillSetAndTheBarDrawn) {
     EXPECT_EQ(run_plain(), 0);
     EXPECT_THAT(
         calls_,
-        ElementsAre("SDL_SetHintWithPriority SDL_NO_SIGNAL_HANDLERS 1 2", "av_log_set_level -8",
-                    "out: [VideoPlayer] Starting on port 5000 for streamer 0 (Unknown, 1280x720, "
-                    "audio=no)\n",
-                    "SDL_Init 48", "choose_renderer /dev", "init_for_udp 1280 720", "socket_init",
-                    "bind 5000", "out: [VideoPlayer] Listening on UDP port 5000\n",
-                    "set_audio_volume 1", "SDL_GetWindowFromID 77",
-                    "SDL_SetWindowTitle Stream: Unknown", "set_overlay_callback",
-                    "SDL_GetTicks",  //
-                    "SDL_PollEvent 1", "SDL_PollEvent 0", "recv 65536 5", "render",
-                    "render_audio_bar 640 360 audible 1 window", "SDL_GetTicks", "SDL_Delay 1",
-                    "out: [VideoPlayer] Shutting down\n", "socket_cleanup", "SDL_Quit",
-                    "~UDPSocket", "~VideoReceiver"));
+        ElementsAre(
+            "SDL_SetHintWithPriority SDL_NO_SIGNAL_HANDLERS 1 2",
+            "SDL_SetHintWithPriority SDL_RENDER_SCALE_QUALITY linear 0", "av_log_set_level -8",
+            "out: [VideoPlayer] Starting on port 5000 for streamer 0 (Unknown, 1280x720, "
+            "audio=no)\n",
+            "SDL_Init 48", "choose_renderer /dev", "init_for_udp 1280 720", "socket_init",
+            "bind 5000", "out: [VideoPlayer] Listening on UDP port 5000\n", "set_audio_volume 1",
+            "SDL_GetWindowFromID 77", "SDL_SetWindowTitle Stream: Unknown", "set_overlay_callback",
+            "SDL_GetTicks",  //
+            "SDL_PollEvent 1", "SDL_PollEvent 0", "recv 65536 5", "render",
+            "render_audio_bar 640 360 audible 1 window", "SDL_GetTicks", "SDL_Delay 1",
+            "out: [VideoPlayer] Shutting down\n", "socket_cleanup", "SDL_Quit", "~UDPSocket",
+            "~VideoReceiver"));
 }
 
 TEST_F(PlayerMain, NumbersOfTheStartUpLineAreUnsignedAndSigned) {
@@ -521,8 +523,9 @@ TEST_F(PlayerMainFailure, WithoutPortTheUsageIsPrinted) {
     EXPECT_EQ(run({"--has-audio"}), 1);
     EXPECT_THAT(
         calls_,
-        ElementsAre("SDL_SetHintWithPriority SDL_NO_SIGNAL_HANDLERS 1 2", "av_log_set_level -8",
-                    "err: Error: --port is required\n",
+        ElementsAre("SDL_SetHintWithPriority SDL_NO_SIGNAL_HANDLERS 1 2",
+                    "SDL_SetHintWithPriority SDL_RENDER_SCALE_QUALITY linear 0",
+                    "av_log_set_level -8", "err: Error: --port is required\n",
                     "err: Usage: the-player --port <PORT> [--streamer-id <ID>] [--width <W>] "
                     "[--height <H>] [--username <NAME>] [--has-audio]\n"));
 }

@@ -1,0 +1,227 @@
+// To load into a program before all its libraries: sets every heap block of 512 bytes and more
+// against a page that nobody may touch, and makes freed ones untouchable, so that whatever reads or
+// writes beyond a block, or after its end, ends the program with SIGSEGV. That holds for a
+// library's assembly, too, of which the sanitizers see nothing.
+//
+// A block is aligned as its caller asked, so that up to 15 bytes may lie between its end and the
+// page, or more where more alignment was asked for; they are filled and looked at again when the
+// block is freed. Smaller blocks are the C library's. Address space is never used twice.
+//
+// What SDL reads of a picture at its upload is checked, too: it gets a copy that ends at such a
+// page.
+#include <SDL2/SDL_render.h>
+#include <dlfcn.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+// The C library's own, by the names that it exports for allocators such as this one.
+// NOLINTBEGIN: the names are the library's.
+extern "C" {
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* block, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
+void __libc_free(void* block);
+}
+// NOLINTEND
+
+namespace {
+
+// glibc maps larger blocks one by one; smaller ones share pages, and there are too many of them.
+constexpr std::size_t kSmallestGuarded = 512;  // bytes
+
+constexpr std::size_t kPage = 4096;                         // bytes
+constexpr std::size_t kArena = std::size_t{1} << 40;        // bytes of address space
+constexpr std::size_t kUsualAlignment = 2 * sizeof(void*);  // what malloc() promises
+constexpr unsigned char kFilling = 0xC5;
+
+struct Arena {
+    unsigned char* begin;
+    std::size_t* sizes;  // of the block that begins in a page, by page
+    std::atomic<std::size_t> used;
+};
+
+unsigned char* reserve(std::size_t bytes, int protection) {
+    void* begin =
+        mmap(nullptr, bytes, protection, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    return begin == MAP_FAILED ? nullptr : static_cast<unsigned char*>(begin);
+}
+
+Arena& arena() {
+    // Before any constructor has run: the first block may be asked for by the loader.
+    static Arena arena = {.begin = reserve(kArena, PROT_NONE),
+                          .sizes = reinterpret_cast<std::size_t*>(reserve(
+                              kArena / kPage * sizeof(std::size_t), PROT_READ | PROT_WRITE)),
+                          .used = 0};
+    return arena;
+}
+
+std::size_t round_up(std::size_t size, std::size_t unit) {
+    return (size + unit - 1) / unit * unit;
+}
+
+bool is_guarded(const void* block) {
+    const auto* byte = static_cast<const unsigned char*>(block);
+    return byte >= arena().begin && byte < arena().begin + kArena;
+}
+
+std::size_t& size_of(const void* block) {
+    return arena()
+        .sizes[static_cast<std::size_t>(static_cast<const unsigned char*>(block) - arena().begin) /
+               kPage];
+}
+
+// Zeros; null where there is no memory, or too many blocks for the kernel.
+void* allocate(std::size_t size, std::size_t alignment) {
+    const std::size_t usable = round_up(size + alignment - 1, kPage);
+    const std::size_t offset = arena().used.fetch_add(usable + kPage);
+    if (offset + usable + kPage > kArena) {
+        return nullptr;
+    }
+    unsigned char* const begin = arena().begin + offset;
+    if (mprotect(begin, usable, PROT_READ | PROT_WRITE) != 0) {
+        return nullptr;
+    }
+    unsigned char* const end = begin + usable;
+    const auto address = reinterpret_cast<std::uintptr_t>(end - size);
+    unsigned char* const block = end - size - address % alignment;
+    std::fill(block + size, end, kFilling);
+    size_of(block) = size;
+    return block;
+}
+
+[[noreturn]] void die(const char* message) {
+    static_cast<void>(!write(STDERR_FILENO, message, std::strlen(message)));
+    std::abort();
+}
+
+void release(void* block) {
+    const std::size_t size = size_of(block);
+    if (size == 0) {
+        die("heap guard: freed twice, or not a block\n");
+    }
+    auto* const begin = static_cast<unsigned char*>(block);
+    auto* const end = reinterpret_cast<unsigned char*>(
+        round_up(reinterpret_cast<std::uintptr_t>(begin + size), kPage));
+    if (std::any_of(begin + size, end, [](unsigned char c) { return c != kFilling; })) {
+        die("heap guard: written past the end of a block\n");
+    }
+    size_of(block) = 0;
+    auto* const first_page =
+        reinterpret_cast<unsigned char*>(reinterpret_cast<std::uintptr_t>(begin) / kPage * kPage);
+    const auto bytes = static_cast<std::size_t>(end - first_page);
+    // Gives the memory back; the address stays taken.
+    madvise(first_page, bytes, MADV_DONTNEED);
+    mprotect(first_page, bytes, PROT_NONE);
+}
+
+template <typename Function>
+Function* next(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" {
+
+void* malloc(std::size_t size) {
+    void* block = size < kSmallestGuarded ? nullptr : allocate(size, kUsualAlignment);
+    return block != nullptr ? block : __libc_malloc(size);
+}
+
+void free(void* block) {
+    const int error = errno;  // which free() keeps
+    if (is_guarded(block)) {
+        release(block);
+    } else {
+        __libc_free(block);
+    }
+    errno = error;
+}
+
+void* calloc(std::size_t count, std::size_t size) {
+    std::size_t bytes = 0;
+    if (__builtin_mul_overflow(count, size, &bytes)) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    void* block = bytes < kSmallestGuarded ? nullptr : allocate(bytes, kUsualAlignment);
+    return block != nullptr ? block : __libc_calloc(count, size);
+}
+
+std::size_t malloc_usable_size(void* block) {
+    if (block != nullptr && is_guarded(block)) {
+        return size_of(block);
+    }
+    static auto* const real = next<std::size_t(void*)>("malloc_usable_size");
+    return real(block);
+}
+
+void* realloc(void* block, std::size_t size) {
+    if (block == nullptr) {
+        return malloc(size);
+    }
+    if (!is_guarded(block) && size < kSmallestGuarded) {
+        return __libc_realloc(block, size);
+    }
+    if (size == 0) {
+        free(block);
+        return nullptr;
+    }
+    void* moved = malloc(size);
+    if (moved != nullptr) {
+        std::memcpy(moved, block, std::min(size, malloc_usable_size(block)));
+        free(block);
+    }
+    return moved;
+}
+
+void* memalign(std::size_t alignment, std::size_t size) {
+    const bool guarded = size >= kSmallestGuarded && alignment <= kPage;
+    void* block = guarded ? allocate(size, std::max(alignment, kUsualAlignment)) : nullptr;
+    return block != nullptr ? block : __libc_memalign(alignment, size);
+}
+
+void* aligned_alloc(std::size_t alignment, std::size_t size) {
+    return memalign(alignment, size);
+}
+
+int posix_memalign(void** block, std::size_t alignment, std::size_t size) {
+    if (alignment % sizeof(void*) != 0 || (alignment & (alignment - 1)) != 0 || alignment == 0) {
+        return EINVAL;
+    }
+    void* const made = memalign(alignment, size);
+    if (made == nullptr) {
+        return ENOMEM;
+    }
+    *block = made;
+    return 0;
+}
+
+int SDL_UpdateTexture(SDL_Texture* texture, const SDL_Rect* area, const void* pixels, int pitch) {
+    static auto* const real =
+        next<int(SDL_Texture*, const SDL_Rect*, const void*, int)>("SDL_UpdateTexture");
+    static auto* const query =
+        next<int(SDL_Texture*, Uint32*, int*, int*, int*)>("SDL_QueryTexture");
+    int height = 0;
+    if (area != nullptr || pixels == nullptr || pitch <= 0 ||
+        query(texture, nullptr, nullptr, nullptr, &height) != 0) {
+        return real(texture, area, pixels, pitch);
+    }
+    const std::size_t bytes = static_cast<std::size_t>(pitch) * static_cast<std::size_t>(height);
+    void* const copy = allocate(bytes, 1);
+    std::memcpy(copy, pixels, bytes);
+    const int result = real(texture, area, copy, pitch);
+    free(copy);
+    return result;
+}
+
+}  // extern "C"
