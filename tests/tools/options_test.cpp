@@ -174,5 +174,24 @@ TEST(ParentOptions, UnknownWordsAreRefused) {
     expect_refused({"--fps"}, "--fps: 1 required INT:INT in [1 - 240] missing");
 }
 
+TEST(ParentOptions, AFileIsCopiedWhereAskedFor) {
+    EXPECT_FALSE(parsed({"--file", "a.webm"}).copy);
+    const Options options = parsed({"--file", "-", "--copy", "--no-restart"});
+    EXPECT_EQ(options.file, "-");
+    EXPECT_TRUE(options.copy);
+    EXPECT_FALSE(options.restart);
+    EXPECT_TRUE(parsed({"--file", "a.webm", "--copy"}).restart);
+}
+
+TEST(ParentOptions, OnlyAFileIsCopied) {
+    expect_refused({"--copy"}, "--copy requires --file");
+    expect_refused({"--file", "a.webm", "--no-restart"}, "--no-restart requires --copy");
+}
+
+TEST(ParentOptions, StandardInputFeedsOnePlayer) {
+    expect_refused({"--file", "-", "--copy", "--streams", "2"},
+                   "--streams: standard input can be read only once");
+}
+
 }  // namespace
 }  // namespace vesper::tools

@@ -50,6 +50,15 @@ TEST(StatusText, ReportsWhatThePlayersBufferHadNoRoomFor) {
         "0:01  30.0 fps  1000 kbit/s  100 sent, 0 dropped, 12 overflowed  0 KFRQ  volume 70 %");
 }
 
+TEST(StatusText, CountsTheRequestsThatNoKeyframeFollowed) {
+    Figures now = figures(1);
+    now.keyframe_requests = 3;
+    now.unanswered = 2;
+    EXPECT_EQ(status_text({}, now),
+              "0:01  30.0 fps  1000 kbit/s  100 sent, 0 dropped  3 KFRQ (2 unanswered)  "
+              "volume 70 %");
+}
+
 TEST(StatusText, NamesEachPlayersVolume) {
     Figures now = figures(1);
     now.audio = {AudioState{.muted = true, .volume = 1.0F}, std::nullopt};

@@ -78,6 +78,7 @@ class Run {
     CaptureWriter capture_;
     std::vector<std::unique_ptr<Session>> sessions_;
     std::optional<Clock::time_point> start_;
+    bool failed_ = false;  // something could not be started; a line says what
 };
 
 int Run::run() {
@@ -85,6 +86,9 @@ int Run::run() {
         return kBadUsage;
     }
     const int status = stream();
+    if (failed_) {
+        return kBadUsage;
+    }
     const Figures total = figures();
     end_players();
     reporter_.finish(total);
@@ -108,6 +112,11 @@ bool Run::open() {
 int Run::stream() {
     for (;;) {
         wait_for_news();
+        failed_ =
+            !std::ranges::all_of(sessions_, [](const auto& session) { return session->update(); });
+        if (failed_) {
+            return kBadUsage;
+        }
         if (const auto status = all_players_ended()) {
             return *status;
         }

@@ -9,8 +9,8 @@
 
 namespace vesper::tools {
 
-// What the options ask for, ready to start. `options` and `link` outlive it. Null, with a line on
-// standard error, when it cannot be opened.
+// What the options ask for, ready to start or on its way there. `link` outlives it. Null, with a
+// line on standard error, when it cannot be opened.
 [[nodiscard]] std::unique_ptr<Feed> open_feed(const Options& options, Link& link);
 
 }  // namespace vesper::tools

@@ -64,6 +64,15 @@ void add_source_options(CLI::App& app, Options& options) {
     app.add_flag("--loop", options.loop, "Start the file again at its end")
         ->needs(file)
         ->group("Source");
+    auto* copy = app.add_flag("--copy", options.copy,
+                              "Send the file's own VP8 and Opus packets, without encoding; FILE "
+                              "may also be -, an SDP file or an address")
+                     ->needs(file)
+                     ->group("Source");
+    app.add_flag("!--no-restart", options.restart,
+                 "Keep the player when the size of the pictures changes")
+        ->needs(copy)
+        ->group("Source");
     auto* replay = app.add_option("--replay", options.replay,
                                   "Send what this capture holds, in its own time and size")
                        ->excludes(file)
@@ -175,6 +184,9 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& sta
         std::error_code none_there;
         if (std::filesystem::equivalent(options.capture, options.replay, none_there)) {
             throw CLI::ValidationError("--capture", "would overwrite what --replay reads");
+        }
+        if (options.file == "-" && options.streams > 1) {
+            throw CLI::ValidationError("--streams", "standard input can be read only once");
         }
     } catch (const CLI::CallForHelp&) {
         std::cout << app.help();

@@ -14,6 +14,8 @@ namespace vesper::tools {
 struct Options {
     // What is streamed: the test picture, where neither is given.
     std::string file;                   // --file: this media file
+    bool copy = false;                  // --copy: its packets as they are, without encoding
+    bool restart = true;                // --no-restart: the player stays when the size changes
     bool loop = false;                  // --loop: again and again
     std::optional<std::string> screen;  // --screen: what this display shows
     bool sound = true;                  // --no-sound: nothing to hear

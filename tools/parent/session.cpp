@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <string>
+#include <utility>
 
 #include "net/stream_datagrams.h"
 #include "tools/parent/open_feed.h"
@@ -19,6 +21,9 @@ namespace {
 
 // What the player says as soon as a datagram sent to it is not lost.
 constexpr std::string_view kListeningLine = "[VideoPlayer] Listening on UDP port ";
+
+// Patience with a player that is to make place for another; then it is killed.
+constexpr auto kReplaceTimeout = std::chrono::seconds(5);
 
 // vesper-player in the folder that this program was started from.
 std::string player_beside_us() {
@@ -34,6 +39,12 @@ std::string source_name(const Options& options) {
         return "Screen " + *options.screen;
     }
     const std::filesystem::path file = options.replay.empty() ? options.file : options.replay;
+    if (file == "-") {
+        return "Standard input";
+    }
+    if (options.copy && options.file.find("://") != std::string::npos) {
+        return options.file;
+    }
     return file.empty() ? "Test picture" : file.filename().string();
 }
 
@@ -64,10 +75,36 @@ Session::~Session() {
 
 bool Session::open() {
     feed_ = open_feed(options_, link_);
-    if (!feed_) {
-        return false;
+    return feed_ && update();
+}
+
+bool Session::update() {
+    const Feed::State state =
+        feed_->state();  // before its lines, so that the last one is among them
+    for (const std::string& line : feed_->take_lines()) {
+        pass_on(stderr, line);
     }
+    if (!ready_) {
+        switch (state) {
+            case Feed::State::kOpening:
+                return true;
+            case Feed::State::kFailed:
+                return false;
+            case Feed::State::kReady:
+                ready_ = true;
+                return open_player();
+        }
+    }
+    return !feed_->needs_new_player() || replace_player();
+}
+
+bool Session::open_player() {
     if (options_.to_port == 0) {
+        const std::uint16_t port = free_port();
+        if (port == 0 || !link_.open(options_.listen_port, port)) {
+            return false;
+        }
+        audio_state_ = {.muted = options_.muted, .volume = options_.volume};
         return start_player();
     }
     if (!link_.open(options_.listen_port, options_.to_port)) {
@@ -93,37 +130,75 @@ bool Session::feed_finished() const {
     return started_ && link_.idle() && feed_->finished();
 }
 
+// On the port that the link sends to, as loud as the viewer set the one before.
 bool Session::start_player() {
     const std::string program = options_.player.empty() ? player_beside_us() : options_.player;
     if (access(program.c_str(), X_OK) != 0) {
         std::fprintf(stderr, "vesper-parent: %s cannot be executed\n", program.c_str());
         return false;
     }
-    const std::uint16_t port = free_port();
-    if (port == 0 || !link_.open(options_.listen_port, port)) {
+    AudioState sound;
+    {
+        const std::lock_guard lock(mutex_);
+        sound = audio_state_.value_or(AudioState{});
+    }
+    const PictureSize size = picture_size();
+    return player_.emplace().start(
+        command_line(program, {.port = link_.player_port(),
+                               .parent_port = link_.listen_port(),
+                               .streamer_id = static_cast<std::uint32_t>(number_),
+                               .username = username_of(options_, number_),
+                               .width = size.width,
+                               .height = size.height,
+                               .has_audio = has_sound(),
+                               .volume = sound.volume,
+                               .muted = sound.muted}));
+}
+
+// The old player's port is free, and its last words are read, once it has ended.
+bool Session::replace_player() {
+    if (!replacing_since_) {
+        if (player_->exit_status()) {
+            return true;  // it ended by itself, and so does the stream
+        }
+        replacing_since_ = Clock::now();
+        count_overflows();
+        overflowed_before_ = std::exchange(overflowed_, 0) + overflowed_before_;
+        player_->terminate();
+    }
+    read_player();
+    const bool has_ended = player_->exit_status() && player_->output() < 0 && player_->errors() < 0;
+    if (!has_ended && Clock::now() - *replacing_since_ < kReplaceTimeout) {
+        return true;
+    }
+    player_.reset();
+    if (!start_player()) {
         return false;
     }
-    audio_state_ = {.muted = options_.muted, .volume = options_.volume};
-    const PictureSize size = picture_size();
-    return player_.start(command_line(program, {.port = port,
-                                                .parent_port = link_.listen_port(),
-                                                .streamer_id = static_cast<std::uint32_t>(number_),
-                                                .username = username_of(options_, number_),
-                                                .width = size.width,
-                                                .height = size.height,
-                                                .has_audio = has_sound(),
-                                                .volume = options_.volume,
-                                                .muted = options_.muted}));
+    replacing_since_.reset();
+    return true;
+}
+
+std::optional<int> Session::player_exit_status() {
+    return player_ && !replacing_since_ ? player_->exit_status() : std::nullopt;
 }
 
 void Session::read_player() {
-    player_.read_output([this](std::string_view line) {
+    if (!player_) {
+        return;
+    }
+    player_->read_output([this](std::string_view line) {
         pass_on(stdout, line);
-        if (!started_ && line.starts_with(kListeningLine)) {
+        if (!line.starts_with(kListeningLine)) {
+            return;
+        }
+        if (started_) {
+            feed_->go_on();
+        } else {
             start_stream();
         }
     });
-    player_.read_errors([this](std::string_view line) { pass_on(stderr, line); });
+    player_->read_errors([this](std::string_view line) { pass_on(stderr, line); });
 }
 
 void Session::pass_on(std::FILE* stream, std::string_view line) {
@@ -165,23 +240,30 @@ void Session::stop() {
         feed_->stop();
     }
     link_.stop();
-    player_.terminate();
+    if (player_) {
+        player_->terminate();
+    }
 }
 
-void Session::add_to(Figures& figures) {
+void Session::count_overflows() {
     if (const auto queue = receive_queue(link_.player_port())) {
         overflowed_ = queue->lost;
     }
+}
+
+void Session::add_to(Figures& figures) {
+    count_overflows();
     const Feed::Counters fed = feed_->counters();
     const Link::Counters sent = link_.counters();
     figures.frames += fed.frames;
     figures.skipped += fed.skipped;
+    figures.unanswered += fed.unanswered;
     figures.bytes += sent.bytes_sent;
     figures.datagrams += sent.datagrams_sent;
     figures.send_failures += sent.send_failures;
     figures.keyframe_requests += sent.keyframe_requests;
     figures.impaired += sent.impaired;
-    figures.overflowed += overflowed_;
+    figures.overflowed += overflowed_before_ + overflowed_;
     const std::lock_guard lock(mutex_);
     figures.audio.push_back(audio_state_);
 }

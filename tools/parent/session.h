@@ -28,19 +28,23 @@ class Session {
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    // Opens the feed and the link, and starts the player unless one is to be fed that runs
-    // already. The stream starts once the player listens. False when anything failed.
+    // Opens the feed. False when that failed.
     [[nodiscard]] bool open();
+
+    // To be called every now and then: passes on what the feed has to say; once the feed is ready,
+    // starts the player or, where one is to be fed that runs already, the stream; starts another
+    // player where the feed needs one. False when the feed or a player failed to start.
+    [[nodiscard]] bool update();
 
     // Passes on what the player wrote, and starts the stream when it says that it listens.
     void read_player();
 
     // The player's output and errors, to wait for; -1 where there is none.
-    [[nodiscard]] int player_output() const { return player_.output(); }
-    [[nodiscard]] int player_errors() const { return player_.errors(); }
+    [[nodiscard]] int player_output() const { return player_ ? player_->output() : -1; }
+    [[nodiscard]] int player_errors() const { return player_ ? player_->errors() : -1; }
 
-    // Once the player that we started has ended: its exit status.
-    [[nodiscard]] std::optional<int> player_exit_status() { return player_.exit_status(); }
+    // Once the player that we started has ended by itself: its exit status.
+    [[nodiscard]] std::optional<int> player_exit_status();
 
     // Whether the stream has started, and whether the feed has come to its end and all of it has
     // left.
@@ -56,7 +60,10 @@ class Session {
   private:
     [[nodiscard]] bool has_sound() const;
     [[nodiscard]] PictureSize picture_size() const;
+    [[nodiscard]] bool open_player();
     [[nodiscard]] bool start_player();
+    [[nodiscard]] bool replace_player();
+    void count_overflows();
     void pass_on(std::FILE* stream, std::string_view line);
     void start_stream();
     void keep(Direction direction, std::span<const std::uint8_t> datagram);
@@ -65,15 +72,18 @@ class Session {
     int number_;
     StatusReporter& reporter_;
     CaptureWriter& capture_;
+    bool ready_ = false;  // the feed was, and the player or the stream was started
     bool started_ = false;
-    std::uint64_t overflowed_ = 0;  // as last seen: a player that has ended tells no more
+    std::optional<Clock::time_point> replacing_since_;  // the player is asked to make place
+    std::uint64_t overflowed_ = 0;         // as last seen: a player that has ended tells no more
+    std::uint64_t overflowed_before_ = 0;  // of the players that made place
 
     std::mutex mutex_;  // guards the next, which the link's thread writes once it is started
     std::optional<AudioState> audio_state_;
 
     Link link_;
     std::unique_ptr<Feed> feed_;  // null before open()
-    PlayerProcess player_;
+    std::optional<PlayerProcess> player_;
 };
 
 }  // namespace vesper::tools

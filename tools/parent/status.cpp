@@ -74,7 +74,9 @@ std::string status_text(const Figures& before, const Figures& now) {
            rates(now.frames - before.frames, now.bytes - before.bytes, now.time - before.time) +
            format("  %" PRIu64 " sent, %" PRIu64 " dropped", now.datagrams, now.impaired.lost) +
            (now.overflowed > 0 ? format(", %" PRIu64 " overflowed", now.overflowed) : "") +
-           format("  %" PRIu64 " KFRQ  ", now.keyframe_requests) + audio_text(now.audio);
+           format("  %" PRIu64 " KFRQ", now.keyframe_requests) +
+           (now.unanswered > 0 ? format(" (%" PRIu64 " unanswered)", now.unanswered) : "") + "  " +
+           audio_text(now.audio);
 }
 
 std::string summary_text(const Figures& figures) {
@@ -87,6 +89,7 @@ std::string summary_text(const Figures& figures) {
             text += format(", %" PRIu64 " %s", count, what);
         }
     };
+    add(figures.unanswered, "of them not sent");
     add(figures.impaired.lost, "dropped on purpose");
     add(figures.impaired.duplicated, "doubled");
     add(figures.impaired.reordered, "reordered");

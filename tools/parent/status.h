@@ -24,6 +24,7 @@ struct Figures {
     std::uint64_t send_failures = 0;
     std::uint64_t skipped = 0;            // pictures left out because encoding fell behind
     std::uint64_t keyframe_requests = 0;  // that players sent
+    std::uint64_t unanswered = 0;         // of these, those that no keyframe followed
     Impairments::Counters impaired;
     // Datagrams that found a player's receive buffer full, since it began to listen.
     std::uint64_t overflowed = 0;

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
+#include <vector>
 
 #include "tools/stream/vp8_frame.h"
 
@@ -14,13 +16,25 @@ namespace vesper::tools {
 class Feed {
   public:
     struct Counters {
-        std::uint64_t frames = 0;   // video frames on their way
-        std::uint64_t skipped = 0;  // pictures left out because encoding fell behind
+        std::uint64_t frames = 0;      // video frames on their way
+        std::uint64_t skipped = 0;     // pictures left out because sending fell behind
+        std::uint64_t unanswered = 0;  // requests for a keyframe that had none to answer with
+    };
+
+    enum class State {
+        kOpening,  // not yet known what the player is to be told
+        kReady,
+        kFailed,  // for good; the last line says why
     };
 
     virtual ~Feed() = default;
 
-    // What the player is told before it starts.
+    [[nodiscard]] virtual State state() const { return State::kReady; }
+
+    // What there is to say to whoever watches, a line each, since the last call.
+    [[nodiscard]] virtual std::vector<std::string> take_lines() { return {}; }
+
+    // What the player is told before it starts, once this is ready. 0x0 where no size is known.
     [[nodiscard]] virtual PictureSize picture_size() const = 0;
     [[nodiscard]] virtual bool has_sound() const = 0;
 
@@ -32,6 +46,12 @@ class Feed {
 
     // The link sent this to the player. The link's thread.
     virtual void datagram_sent(std::span<const std::uint8_t> /*datagram*/) {}
+
+    // Whether the stream goes on only with another player, because its pictures have another size
+    // from here on; picture_size() is that size. The feed waits until go_on() says that one
+    // listens.
+    [[nodiscard]] virtual bool needs_new_player() const { return false; }
+    virtual void go_on() {}
 
     // Whether everything has been handed to the link.
     [[nodiscard]] virtual bool finished() const = 0;

@@ -6,7 +6,6 @@ extern "C" {
 #include <libavfilter/buffersink.h>
 #include <libavformat/avformat.h>
 #include <libavutil/avstring.h>
-#include <libavutil/error.h>
 #include <libavutil/mem.h>
 }
 
@@ -14,6 +13,8 @@ extern "C" {
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+
+#include "tools/stream/libav.h"
 
 namespace vesper::tools {
 
@@ -31,15 +32,16 @@ constexpr int kThreads = 1;
 // asks for it is always late, so that it never waits and the picture is as new as can be.
 constexpr int kGrabRate = 1000;  // frames/s
 
-std::string size_of(const MediaSettings& settings) {
-    return std::to_string(settings.width) + "x" + std::to_string(settings.height);
+// What names an end of a graph's description.
+std::string picture_end() {
+    return "[" + std::string(kPictureEnd) + "]";
+}
+std::string sound_end() {
+    return "[" + std::string(kSoundEnd) + "]";
 }
 
-// Any sound into the frames that the Opus encoder takes.
-std::string sound_shape() {
-    return "aresample=" + std::to_string(kSoundRate) +
-           ",aformat=sample_fmts=s16:channel_layouts=stereo,asetnsamples=n=" +
-           std::to_string(kSoundFrameSamples) + ":p=1[" + std::string(kSoundEnd) + "]";
+std::string size_of(const MediaSettings& settings) {
+    return std::to_string(settings.width) + "x" + std::to_string(settings.height);
 }
 
 // testsrc2 writes clock and frame number 16 pixels high into its top left corner; a copy of that
@@ -57,14 +59,6 @@ std::string enlarged_clock(const MediaSettings& settings) {
            std::to_string(times) + ":flags=neighbor[clock];[whole][clock]overlay=0:0";
 }
 
-// Any picture into one of the settings' size, whole and undistorted.
-std::string picture_shape(const MediaSettings& settings) {
-    const std::string size = std::to_string(settings.width) + ":" + std::to_string(settings.height);
-    return "scale=" + size +
-           ":force_original_aspect_ratio=decrease:force_divisible_by=2,pad=" + size +
-           ":(ow-iw)/2:(oh-ih)/2,format=yuv420p[" + std::string(kPictureEnd) + "]";
-}
-
 // `text` as one value in a graph's description: escaped once for the filter's options and once for
 // the graph (libavfilter's manual, "Notes on filtergraph escaping").
 std::string escaped(std::string text) {
@@ -77,21 +71,6 @@ std::string escaped(std::string text) {
         av_free(result);
     }
     return text;
-}
-
-std::string reason(int error) {
-    std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
-    av_strerror(error, text.data(), text.size());
-    return text.data();
-}
-
-// libavformat also counts as video the cover picture of a sound file, and a text file, which it
-// draws as a terminal would. Nobody who streams such a file means that.
-bool is_video(const AVStream& stream) {
-    constexpr std::array kDrawnText = {AV_CODEC_ID_ANSI, AV_CODEC_ID_BINTEXT, AV_CODEC_ID_IDF,
-                                       AV_CODEC_ID_XBIN};
-    return (stream.disposition & AV_DISPOSITION_ATTACHED_PIC) == 0 &&
-           std::ranges::find(kDrawnText, stream.codecpar->codec_id) == kDrawnText.end();
 }
 
 // What a file offers.
@@ -135,15 +114,15 @@ void MediaSource::close() {
 bool MediaSource::open_test_picture(const MediaSettings& settings) {
     std::string graph = "testsrc2=size=" + size_of(settings) +
                         ":rate=" + std::to_string(settings.frames_per_second) + ",format=yuv420p" +
-                        enlarged_clock(settings) + "[" + std::string(kPictureEnd) + "]";
+                        enlarged_clock(settings) + picture_end();
     if (settings.sound) {
         graph += ";sine=frequency=440:beep_factor=4:sample_rate=" + std::to_string(kSoundRate) +
-                 "," + sound_shape();
+                 "," + sound_shape() + sound_end();
     }
     const int result = open_graph(graph);
     if (result < 0) {
         std::fprintf(stderr, "no test picture of %s: %s\n", size_of(settings).c_str(),
-                     reason(result).c_str());
+                     libav_error(result).c_str());
     }
     return result >= 0;
 }
@@ -151,7 +130,7 @@ bool MediaSource::open_test_picture(const MediaSettings& settings) {
 bool MediaSource::open_file(const MediaSettings& settings, const std::string& path, bool loop) {
     const Probe file = probe(path);
     if (file.error < 0) {
-        std::fprintf(stderr, "cannot read %s: %s\n", path.c_str(), reason(file.error).c_str());
+        std::fprintf(stderr, "cannot read %s: %s\n", path.c_str(), libav_error(file.error).c_str());
         return false;
     }
     if (!file.has_pictures) {
@@ -165,13 +144,13 @@ bool MediaSource::open_file(const MediaSettings& settings, const std::string& pa
         "movie=filename=" + escaped(path) + ":dec_threads=" + std::to_string(kThreads) +
         ":streams=dv" + (sound ? "+da" : "") + "[v]" + (sound ? "[a]" : "") +
         ";[v]tpad=stop=1:stop_mode=clone,fps=" + std::to_string(settings.frames_per_second) + "," +
-        picture_shape(settings);
+        picture_shape(settings) + picture_end();
     if (sound) {
-        graph += ";[a]" + sound_shape();
+        graph += ";[a]" + sound_shape() + sound_end();
     }
     const int result = open_graph(graph);
     if (result < 0) {
-        std::fprintf(stderr, "cannot play %s: %s\n", path.c_str(), reason(result).c_str());
+        std::fprintf(stderr, "cannot play %s: %s\n", path.c_str(), libav_error(result).c_str());
         return false;
     }
     looped_graph_ = loop ? graph : "";
@@ -182,10 +161,10 @@ bool MediaSource::open_screen(const MediaSettings& settings, const std::string& 
     avdevice_register_all();
     const int result = open_graph("movie=filename=" + escaped(display) + ":format_name=x11grab:" +
                                   "format_opts=framerate=" + std::to_string(kGrabRate) + "," +
-                                  picture_shape(settings));
+                                  picture_shape(settings) + picture_end());
     if (result < 0) {
         std::fprintf(stderr, "cannot grab the display \"%s\": %s\n", display.c_str(),
-                     reason(result).c_str());
+                     libav_error(result).c_str());
     }
     return result >= 0;
 }

@@ -1,0 +1,42 @@
+// Other people's programs, which make what the tests feed in.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/support/child_process.h"
+
+namespace vesper::test {
+
+// Runs a program to its end, which is to be a good one.
+inline void run_command(const std::vector<std::string>& words) {
+    ChildProcess process(words);
+    EXPECT_EQ(process.wait_for_end(), (Ending{.status = 0, .signal = 0}))
+        << words.front() << ": " << process.err();
+}
+
+// The words of a command line without quotes.
+[[nodiscard]] inline std::vector<std::string> split_words(const std::string& line) {
+    std::vector<std::string> words;
+    std::size_t begin = 0;
+    while ((begin = line.find_first_not_of(' ', begin)) != std::string::npos) {
+        const std::size_t end = std::min(line.find(' ', begin), line.size());
+        words.push_back(line.substr(begin, end - begin));
+        begin = end;
+    }
+    return words;
+}
+
+// Has ffmpeg write `file`: a moving picture and a tone of 440 Hz, with these options.
+inline void make_media(const std::string& options, const std::string& file) {
+    std::vector<std::string> words = {"ffmpeg", "-nostdin", "-y", "-loglevel", "error"};
+    for (const std::string& word : split_words(options)) {
+        words.push_back(word);
+    }
+    words.push_back(file);
+    run_command(words);
+}
+
+}  // namespace vesper::test

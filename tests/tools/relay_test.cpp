@@ -1,0 +1,649 @@
+#include "tools/stream/relay.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/log.h>
+}
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "audio/opus_codec.h"
+#include "net/stream_datagrams.h"
+#include "tests/support/eventually.h"
+#include "tests/support/temporary_folder.h"
+#include "tests/tools/command.h"
+#include "tests/tools/media_file.h"
+#include "tests/tools/stream_receiver.h"
+
+namespace vesper::tools {
+namespace {
+
+using std::chrono::duration_cast;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using test::eventually;
+using test::make_media;
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+using Bytes = std::vector<std::uint8_t>;
+
+const std::string kPicture = "-f lavfi -i testsrc2=size=320x240:rate=30 ";
+const std::string kTone = "-f lavfi -i sine=frequency=440:sample_rate=48000 ";
+const std::string kVp8 = "-c:v libvpx -b:v 300k -deadline realtime ";
+const std::string kOpus = "-c:a libopus ";
+
+// The packets of one kind in a file, as libavformat reads them.
+std::vector<Bytes> packets_of(const std::string& path, AVMediaType type) {
+    std::vector<Bytes> packets;
+    AVFormatContext* format = nullptr;
+    AVPacket* packet = av_packet_alloc();
+    EXPECT_GE(avformat_open_input(&format, path.c_str(), nullptr, nullptr), 0) << path;
+    while (format != nullptr && av_read_frame(format, packet) >= 0) {
+        if (format->streams[packet->stream_index]->codecpar->codec_type == type) {
+            packets.emplace_back(packet->data, packet->data + packet->size);
+        }
+        av_packet_unref(packet);
+    }
+    av_packet_free(&packet);
+    avformat_close_input(&format);
+    return packets;
+}
+
+// Writes VP8 frames of 320x240 to an IVF file, each stamped with its milliseconds: timestamps that
+// no muxer writes, and beginnings that no encoder makes.
+void write_ivf(const std::string& path, const std::vector<Bytes>& frames,
+               const std::function<std::uint64_t(std::size_t)>& timestamp) {
+    std::ofstream file(path, std::ios::binary);
+    const auto write = [&file](std::uint64_t value, int bytes) {
+        for (int i = 0; i < bytes; ++i) {
+            file.put(static_cast<char>(value >> (8 * i) & 0xFF));
+        }
+    };
+    file << "DKIF";
+    write(0, 2);   // version
+    write(32, 2);  // bytes of this header
+    file << "VP80";
+    write(320, 2);
+    write(240, 2);
+    write(1000, 4);  // timestamps to a second
+    write(1, 4);
+    write(frames.size(), 8);
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        write(frames[i].size(), 4);
+        write(timestamp(i), 8);
+        file.write(reinterpret_cast<const char*>(frames[i].data()),
+                   static_cast<std::streamsize>(frames[i].size()));
+    }
+}
+
+// 30 frames, of which the first is a keyframe.
+std::vector<Bytes> some_frames() {
+    const test::TemporaryFolder folder;
+    make_media(kPicture + "-t 1 -g 100 " + kVp8, folder.file("film.ivf"));
+    return packets_of(folder.file("film.ivf"), AVMEDIA_TYPE_VIDEO);
+}
+
+// Everything that left on the way to a player.
+struct Sent {
+    std::vector<Bytes> frames;
+    std::vector<std::uint32_t> frame_ids;
+    std::vector<Clock::time_point> frame_times;  // of the first fragments
+    std::vector<Bytes> sounds;
+    std::vector<std::uint32_t> sequences;
+};
+
+class RelayTest : public testing::Test {
+  protected:
+    RelayTest() { av_log_set_level(AV_LOG_QUIET); }
+
+    [[nodiscard]] std::string file(const std::string& name) const { return folder_.file(name); }
+
+    // Opens `settings.input`, without waiting for anything.
+    void open(RelaySettings settings) {
+        settings.stream.video.width = 320;
+        settings.stream.video.height = 240;
+        ASSERT_TRUE(link_.open(0, player_.port()));
+        relay_.emplace(std::move(settings), link_);
+        relay_->open();
+    }
+
+    [[nodiscard]] bool comes_to(Feed::State state) {
+        return eventually([&] { return relay_->state() == state; });
+    }
+
+    // What a session does once the relay is ready.
+    void start() {
+        link_.start({.keyframe_requested = [this] { relay_->request_keyframe(); },
+                     .datagram_passed =
+                         [this](Direction direction, std::span<const std::uint8_t> datagram) {
+                             if (direction == Direction::kToPlayer) {
+                                 keep(datagram);
+                             }
+                         }});
+        relay_->start();
+    }
+
+    // From the first packet to the last.
+    void relay(RelaySettings settings) {
+        open(std::move(settings));
+        ASSERT_TRUE(comes_to(Feed::State::kReady)) << testing::PrintToString(relay_->take_lines());
+        start();
+        wait_for_end();
+    }
+
+    void wait_for_end() {
+        ASSERT_TRUE(eventually([this] { return relay_->finished() && link_.idle(); }));
+        link_.stop();
+    }
+
+    [[nodiscard]] Sent sent() {
+        const std::lock_guard lock(mutex_);
+        return sent_;
+    }
+
+    // Whether this line is said, alone or after others.
+    [[nodiscard]] bool says(const std::string& line) {
+        return eventually([&] {
+            for (std::string& next : relay_->take_lines()) {
+                lines_.push_back(std::move(next));
+            }
+            return std::ranges::find(lines_, line) != lines_.end();
+        });
+    }
+
+    test::TemporaryFolder folder_;
+    test::StreamReceiver player_;
+    std::vector<std::string> lines_;
+    std::mutex mutex_;  // guards sent_
+    Sent sent_;
+    Link link_;
+    std::optional<Relay> relay_;
+
+  private:
+    void keep(std::span<const std::uint8_t> datagram) {
+        const std::lock_guard lock(mutex_);
+        const PacketHeader header = read_packet_header(datagram.data());
+        if ((header.flags & kScreenAudioFlag) != 0) {
+            sent_.sequences.push_back(header.sequence);
+            sent_.sounds.emplace_back(datagram.begin() + kPacketHeaderSize, datagram.end());
+            return;
+        }
+        const VideoFragmentHeader fragment = read_video_fragment_header(datagram.data());
+        if (fragment.fragment_index == 0) {
+            sent_.frames.emplace_back();
+            sent_.frame_ids.push_back(fragment.frame_id);
+            sent_.frame_times.push_back(Clock::now());
+        }
+        sent_.frames.back().insert(sent_.frames.back().end(),
+                                   datagram.begin() + kVideoPayloadOffset, datagram.end());
+    }
+};
+
+std::vector<std::uint32_t> numbers_to(std::size_t last) {
+    std::vector<std::uint32_t> numbers(last);
+    for (std::size_t i = 0; i < last; ++i) {
+        numbers[i] = static_cast<std::uint32_t>(i + 1);
+    }
+    return numbers;
+}
+
+// A way to make a file, of which every packet is to arrive as it is.
+struct Copied {
+    const char* name;
+    std::string options;
+    std::string file = "film.webm";
+    std::string first_pass = {};  // options of a run before it
+};
+
+void PrintTo(const Copied& copied, std::ostream* stream) {
+    *stream << copied.options;
+}
+
+class RelayCopies : public RelayTest, public testing::WithParamInterface<Copied> {};
+
+TEST_P(RelayCopies, EveryPacketBitForBit) {
+    const std::string path = file(GetParam().file);
+    if (!GetParam().first_pass.empty()) {
+        make_media(GetParam().first_pass + " -passlogfile " + file("log"), "/dev/null");
+        make_media(GetParam().options + " -passlogfile " + file("log"), path);
+    } else {
+        make_media(GetParam().options, path);
+    }
+    relay({.input = path});
+    const Sent all = sent();
+    EXPECT_THAT(relay_->take_lines(), IsEmpty());
+    EXPECT_EQ(all.frames, packets_of(path, AVMEDIA_TYPE_VIDEO));
+    EXPECT_EQ(all.sounds, packets_of(path, AVMEDIA_TYPE_AUDIO));
+    EXPECT_EQ(all.frame_ids, numbers_to(all.frames.size()));
+    EXPECT_EQ(all.sequences, numbers_to(all.sounds.size()));
+    EXPECT_EQ(relay_->counters().frames, all.frames.size());
+    EXPECT_THAT(all.frames, Not(IsEmpty()));
+}
+
+const std::string kTwoPass =
+    kPicture + "-t 1 -c:v libvpx -b:v 300k -auto-alt-ref 1 -lag-in-frames 16 -arnr-maxframes 7 ";
+
+INSTANTIATE_TEST_SUITE_P(
+    All, RelayCopies,
+    testing::Values(
+        Copied{"WebM", kPicture + kTone + "-t 1 " + kVp8 + kOpus},
+        Copied{"Matroska", kPicture + kTone + "-t 1 " + kVp8 + kOpus, "film.mkv"},
+        Copied{"Ivf", kPicture + "-t 1 " + kVp8, "film.ivf"},
+        Copied{"FramesThatAreNotShown", kTwoPass + "-pass 2", "film.webm",
+               kTwoPass + "-pass 1 -f null"},
+        Copied{"ErrorResilience",
+               kPicture + "-t 1 " + kVp8 + "-error-resilient default+partitions"},
+        Copied{"TokenPartitions", kPicture + "-t 1 " + kVp8 + "-slices 8"},
+        Copied{"TemporalLayers",
+               kPicture + "-t 1 " + kVp8 +
+                   "-ts-parameters ts_number_layers=3:ts_target_bitrate=100,200,300:"
+                   "ts_rate_decimator=4,2,1:ts_periodicity=4:ts_layer_id=0,2,1,2:"
+                   "ts_layering_mode=3"},
+        Copied{"OddSizes", "-f lavfi -i testsrc2=size=353x289:rate=30 -t 1 " + kVp8},
+        Copied{"FilmRate", "-f lavfi -i testsrc2=size=320x240:rate=24000/1001 -t 1 " + kVp8},
+        Copied{"VaryingRate", kPicture + "-t 1 -vf select=lt(mod(n\\,7)\\,3) -vsync vfr " + kVp8},
+        Copied{"Mono", kPicture + kTone + "-t 1 -ac 1 " + kVp8 + kOpus},
+        Copied{"ShortOpus", kPicture + kTone + "-t 1 " + kVp8 + kOpus + "-frame_duration 10"},
+        Copied{"OpusWithErrorCorrection", kPicture + kTone + "-t 1 " + kVp8 + kOpus +
+                                              "-application voip -fec 1 -packet_loss 20 -b:a 24k"},
+        Copied{"SilenceInOpus",
+               "-f lavfi -i testsrc2=size=320x240:rate=30 -f lavfi -i anullsrc=r=48000 -t 1 " +
+                   kVp8 + kOpus + "-application voip -dtx 1 -b:a 16k"}),
+    [](const auto& copied) { return copied.param.name; });
+
+// Two formats that hold sound alone.
+TEST_F(RelayTest, SoundAloneIsAStreamToo) {
+    for (const std::string name : {"song.opus", "song.ogg"}) {
+        make_media(kTone + "-t 1 " + kOpus, file(name));
+    }
+    relay({.input = file("song.opus")});
+    EXPECT_THAT(relay_->take_lines(), ElementsAre(file("song.opus") + ": has no video"));
+    EXPECT_EQ(sent().sounds, packets_of(file("song.opus"), AVMEDIA_TYPE_AUDIO));
+    EXPECT_EQ(relay_->picture_size(), PictureSize{});
+}
+
+TEST_F(RelayTest, WithoutSoundThePicturesAreLeft) {
+    make_media(kPicture + kTone + "-t 1 " + kVp8 + kOpus, file("film.webm"));
+    relay({.input = file("film.webm"), .sound = false});
+    EXPECT_FALSE(relay_->has_sound());
+    EXPECT_EQ(sent().frames, packets_of(file("film.webm"), AVMEDIA_TYPE_VIDEO));
+    EXPECT_THAT(sent().sounds, IsEmpty());
+}
+
+// Decoded as the player does: at most 20 ms a packet.
+std::vector<std::int16_t> decoded(const std::vector<Bytes>& packets, int max_samples) {
+    OpusDecoderWrapper decoder;
+    EXPECT_TRUE(decoder.init(kSoundRate, kSoundChannels));
+    std::vector<std::int16_t> sound;
+    for (const Bytes& packet : packets) {
+        std::array<std::int16_t, std::size_t{5760} * kSoundChannels> block{};
+        const int samples = decoder.decode(packet.data(), static_cast<int>(packet.size()),
+                                           block.data(), max_samples);
+        EXPECT_GT(samples, 0);
+        sound.insert(sound.end(), block.begin(),
+                     block.begin() + std::max(samples, 0) * kSoundChannels);
+    }
+    return sound;
+}
+
+class RelayOfLongOpus : public RelayTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(RelayOfLongOpus, IsSplitAndSoundsTheSame) {
+    const std::string path = file("film.webm");
+    make_media(kPicture + kTone + "-t 1 " + kVp8 + kOpus + "-b:a 96k -application lowdelay " +
+                   "-frame_duration " + GetParam(),
+               path);
+    relay({.input = path});
+    EXPECT_THAT(relay_->take_lines(), IsEmpty());
+    EXPECT_EQ(decoded(sent().sounds, kSoundFrameSamples),
+              decoded(packets_of(path, AVMEDIA_TYPE_AUDIO), 5760));
+    EXPECT_EQ(sent().sequences, numbers_to(sent().sounds.size()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, RelayOfLongOpus, testing::Values("40", "60"));
+
+// The mean of the samples' squares, and their passages through zero on the way up in a second.
+struct Tone {
+    double power = 0;
+    double frequency = 0;
+};
+
+Tone tone_of(const std::vector<std::int16_t>& sound) {
+    Tone tone;
+    int passages = 0;
+    int before = 0;
+    const std::size_t begin = sound.size() / 4;  // codecs need a moment
+    for (std::size_t i = begin; i < sound.size(); i += kSoundChannels) {
+        tone.power += static_cast<double>(sound[i]) * sound[i];
+        passages += before < 0 && sound[i] >= 0 ? 1 : 0;
+        before = sound[i];
+    }
+    const auto samples = static_cast<double>((sound.size() - begin) / kSoundChannels);
+    tone.power /= samples;
+    tone.frequency = passages / samples * kSoundRate;
+    return tone;
+}
+
+struct Encoded {
+    const char* name;
+    std::string options;
+    std::string line;
+};
+
+void PrintTo(const Encoded& encoded, std::ostream* stream) {
+    *stream << encoded.options;
+}
+
+class RelayEncodes : public RelayTest, public testing::WithParamInterface<Encoded> {};
+
+TEST_P(RelayEncodes, SoundThatThePlayerCannotTake) {
+    const std::string path = file("film.mkv");
+    make_media(kPicture + kTone + "-t 2 " + kVp8 + GetParam().options, path);
+    relay({.input = path});
+    EXPECT_THAT(relay_->take_lines(), ElementsAre(path + ": " + GetParam().line));
+    EXPECT_EQ(sent().frames, packets_of(path, AVMEDIA_TYPE_VIDEO));
+    EXPECT_NEAR(static_cast<double>(sent().sounds.size()), 100, 5);
+    const Tone tone = tone_of(decoded(sent().sounds, kSoundFrameSamples));
+    EXPECT_NEAR(tone.frequency, 440, 5);
+    EXPECT_GT(tone.power, 100 * 100);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, RelayEncodes,
+    testing::Values(
+        Encoded{"Vorbis", "-c:a libvorbis", "its sound is vorbis and not Opus: it is encoded anew"},
+        Encoded{"Surround", "-ac 6 -c:a libopus -mapping_family 1",
+                "its sound has more channels than two: it is encoded anew"},
+        Encoded{"LongFrames",
+                "-ac 1 -c:a libopus -application voip -frame_duration 60 -b:a 10k -cutoff 4000",
+                "its Opus frames are longer than 20 ms and cannot be split: it is encoded anew"}),
+    [](const auto& encoded) { return encoded.param.name; });
+
+TEST_F(RelayTest, VideoThatIsNoVp8IsEncodedInTheSizeAskedFor) {
+    const std::string path = file("film.mkv");
+    make_media("-f lavfi -i testsrc2=size=640x360:rate=20 " + kTone + "-t 1 -c:v mpeg4 " + kOpus,
+               path);
+    relay({.input = path});
+    EXPECT_THAT(relay_->take_lines(),
+                ElementsAre(path + ": its video is mpeg4 and not VP8: it is encoded anew"));
+    EXPECT_EQ(relay_->picture_size(), (PictureSize{.width = 320, .height = 240}));
+    EXPECT_EQ(sent().sounds, packets_of(path, AVMEDIA_TYPE_AUDIO));
+    ASSERT_FALSE(sent().frames.empty());
+    EXPECT_EQ(keyframe_size(sent().frames.front()), (PictureSize{.width = 320, .height = 240}));
+    const Feed::Counters counters = relay_->counters();
+    EXPECT_EQ(counters.frames, sent().frames.size());
+    EXPECT_EQ(counters.frames + counters.skipped, 20U);
+}
+
+// Timestamps are kept on the way to the clock: nothing leaves before its time, and the whole takes
+// as long as the film. How late a busy machine sends a frame is its own affair.
+TEST_F(RelayTest, FramesLeaveByTheirTimestamps) {
+    const std::string path = file("film.ivf");
+    // From 100 s on, with a second between the frames 14 and 15.
+    write_ivf(path, some_frames(),
+              [](std::size_t i) { return 100'000 + i * 100 / 3 + (i < 15 ? 0 : 1000); });
+    relay({.input = path});
+    const auto times = sent().frame_times;
+    ASSERT_THAT(times, SizeIs(30));
+    EXPECT_GE(duration_cast<milliseconds>(times[15] - times[0]), milliseconds(1500 - 1));
+    EXPECT_GE(duration_cast<milliseconds>(times[29] - times[0]), milliseconds(1967 - 1));
+    EXPECT_LT(duration_cast<seconds>(times[29] - times[0]), seconds(30)) << "not from 0 s on";
+}
+
+TEST_F(RelayTest, ALoopGoesOnWithGrowingNumbers) {
+    const std::string path = file("film.webm");
+    make_media(kPicture + kTone + "-t 0.5 " + kVp8 + kOpus, path);
+    const auto frames = packets_of(path, AVMEDIA_TYPE_VIDEO);
+    const auto sounds = packets_of(path, AVMEDIA_TYPE_AUDIO);
+    open({.input = path, .loop = true});
+    ASSERT_TRUE(comes_to(Feed::State::kReady));
+    start();
+    ASSERT_TRUE(eventually([&] { return sent().frames.size() > 3 * frames.size(); }));
+    relay_->stop();
+    link_.stop();
+    const Sent all = sent();
+    for (std::size_t i = 0; i + 1 < all.frames.size(); ++i) {
+        ASSERT_EQ(all.frames[i], frames[i % frames.size()]) << i;
+    }
+    for (std::size_t i = 0; i < all.sounds.size(); ++i) {
+        ASSERT_EQ(all.sounds[i], sounds[i % sounds.size()]) << i;
+    }
+    EXPECT_EQ(all.frame_ids, numbers_to(all.frame_ids.size()));
+    EXPECT_EQ(all.sequences, numbers_to(all.sequences.size()));
+    EXPECT_THAT(relay_->take_lines(), IsEmpty()) << "another round is no jump";
+}
+
+TEST_F(RelayTest, LowDelaySendsEachKeyframeTwice) {
+    const std::string path = file("film.webm");
+    make_media(kPicture + "-t 1 -g 10 -keyint_min 10 " + kVp8, path);
+    RelaySettings settings = {.input = path};
+    settings.stream.low_delay = true;
+    relay(settings);
+    std::vector<Bytes> expected;
+    for (const Bytes& frame : packets_of(path, AVMEDIA_TYPE_VIDEO)) {
+        expected.insert(expected.end(), keyframe_size(frame) ? 2 : 1, frame);
+    }
+    EXPECT_THAT(expected, SizeIs(33));
+    EXPECT_EQ(sent().frames, expected);
+    EXPECT_EQ(sent().frame_ids, numbers_to(33));
+}
+
+TEST_F(RelayTest, ACopiedStreamAnswersNoRequestForAKeyframe) {
+    const std::string path = file("film.webm");
+    make_media(kPicture + "-t 1 " + kVp8, path);
+    open({.input = path});
+    ASSERT_TRUE(comes_to(Feed::State::kReady));
+    start();
+    for (int i = 0; i < 3; ++i) {
+        relay_->request_keyframe();
+    }
+    wait_for_end();
+    EXPECT_EQ(sent().frames, packets_of(path, AVMEDIA_TYPE_VIDEO));
+    EXPECT_EQ(relay_->counters().unanswered, 3U);
+    EXPECT_THAT(relay_->take_lines(),
+                ElementsAre(path + ": the player asks for a keyframe; a copied stream has only "
+                                   "those that it brings"));
+}
+
+// The first answer leaves at once; all others within half a second of it are one.
+TEST_F(RelayTest, VideoThatIsEncodedAnswersOnceInHalfASecond) {
+    const std::string path = file("film.mkv");
+    make_media(kPicture + "-t 2 -c:v mpeg4", path);
+    open({.input = path});
+    ASSERT_TRUE(comes_to(Feed::State::kReady));
+    start();
+    const Clock::time_point begin = Clock::now();
+    ASSERT_TRUE(eventually([this] {
+        relay_->request_keyframe();
+        return relay_->finished();
+    }));
+    const auto half_seconds = (Clock::now() - begin) / milliseconds(500);
+    link_.stop();
+    const auto all = sent().frames;
+    const auto keyframes = std::ranges::count_if(
+        all, [](const Bytes& frame) { return keyframe_size(frame).has_value(); });
+    EXPECT_GE(keyframes, 3);
+    EXPECT_LE(keyframes, half_seconds + 2);  // the first frame is one unasked
+    EXPECT_EQ(relay_->counters().unanswered, 0U);
+}
+
+// A film of two sizes, as a sender makes it that joins two streams.
+void make_film_of_two_sizes(const test::TemporaryFolder& folder, const std::string& path) {
+    make_media(kPicture + "-t 0.5 " + kVp8, folder.file("small.ivf"));
+    make_media("-f lavfi -i testsrc2=size=480x360:rate=30 -t 0.5 " + kVp8,
+               folder.file("large.ivf"));
+    std::ofstream(folder.file("list")) << "file small.ivf\nfile large.ivf\n";
+    make_media("-f concat -safe 0 -i " + folder.file("list") + " -c copy", path);
+}
+
+TEST_F(RelayTest, AtAnotherSizeItWaitsForAnotherPlayer) {
+    const std::string path = file("film.webm");
+    make_film_of_two_sizes(folder_, path);
+    open({.input = path});
+    ASSERT_TRUE(comes_to(Feed::State::kReady));
+    EXPECT_EQ(relay_->picture_size(), (PictureSize{.width = 320, .height = 240}));
+    start();
+    ASSERT_TRUE(eventually([this] { return relay_->needs_new_player() && link_.idle(); }));
+    EXPECT_EQ(relay_->picture_size(), (PictureSize{.width = 480, .height = 360}));
+    EXPECT_THAT(sent().frames, SizeIs(15));
+    relay_->go_on();
+    wait_for_end();
+    EXPECT_EQ(sent().frames, packets_of(path, AVMEDIA_TYPE_VIDEO));
+    EXPECT_THAT(relay_->take_lines(), ElementsAre(path + ": pictures of 480x360 follow those of "
+                                                         "320x240: another player is started"));
+}
+
+TEST_F(RelayTest, AtAnotherSizeItGoesOnWhereThePlayerStays) {
+    const std::string path = file("film.webm");
+    make_film_of_two_sizes(folder_, path);
+    relay({.input = path, .new_player_for_new_size = false});
+    EXPECT_EQ(sent().frames, packets_of(path, AVMEDIA_TYPE_VIDEO));
+    EXPECT_THAT(relay_->take_lines(),
+                ElementsAre(path + ": pictures of 480x360 follow those of 320x240: the player "
+                                   "stays"));
+}
+
+TEST_F(RelayTest, TimestampsThatJumpBackAreReportedAndGoOn) {
+    const std::string path = file("film.ivf");
+    write_ivf(path, some_frames(),
+              [](std::size_t i) { return i * 100 / 3 + (i < 15 ? 3'600'000 : 0); });
+    relay({.input = path});
+    EXPECT_THAT(sent().frames, SizeIs(30));
+    EXPECT_THAT(relay_->take_lines(),
+                ElementsAre(path + ": its timestamps jump by -3600.0 s; the stream goes on "
+                                   "without a gap"));
+}
+
+TEST_F(RelayTest, TimestampsThatJumpByHoursAreNotWaitedFor) {
+    const std::string path = file("film.ivf");
+    write_ivf(path, some_frames(),
+              [](std::size_t i) { return i * 100 / 3 + (i < 15 ? 0 : 7'200'000); });
+    relay({.input = path});
+    EXPECT_THAT(sent().frames, SizeIs(30));
+    EXPECT_THAT(relay_->take_lines(),
+                ElementsAre(path + ": its timestamps jump by +7200.0 s; the stream goes on "
+                                   "without a gap"));
+}
+
+TEST_F(RelayTest, AFileCutShortIsSentAsFarAsItGoes) {
+    const std::string path = file("film.webm");
+    make_media(kPicture + kTone + "-t 3 " + kVp8 + kOpus, path);
+    const auto frames = packets_of(path, AVMEDIA_TYPE_VIDEO);
+    std::filesystem::resize_file(path, std::filesystem::file_size(path) / 2);
+    relay({.input = path});
+    const auto all = sent().frames;
+    ASSERT_LT(all.size(), frames.size());
+    EXPECT_TRUE(std::ranges::equal(all, std::span(frames).first(all.size())));
+    EXPECT_THAT(relay_->take_lines(), Contains(HasSubstr(" s of 3.0 s: it is cut short")));
+}
+
+TEST_F(RelayTest, AFrameCutShortIsLeftOut) {
+    const std::string path = file("film.ivf");
+    make_media(kPicture + "-t 1 " + kVp8, path);
+    const auto frames = packets_of(path, AVMEDIA_TYPE_VIDEO);
+    std::filesystem::resize_file(path, std::filesystem::file_size(path) - 10);
+    relay({.input = path});
+    const auto all = sent().frames;
+    ASSERT_THAT(all, SizeIs(frames.size() - 1));
+    EXPECT_TRUE(std::ranges::equal(all, std::span(frames).first(all.size())));
+    EXPECT_THAT(
+        relay_->take_lines(),
+        Contains(path + ": holds a packet that is damaged or cut short, which is left out"));
+}
+
+struct BadInput {
+    const char* name;
+    std::function<void(const std::string& path)> make;
+    std::string what;
+};
+
+void PrintTo(const BadInput& input, std::ostream* stream) {
+    *stream << input.name;
+}
+
+class RelayRefuses : public RelayTest, public testing::WithParamInterface<BadInput> {};
+
+TEST_P(RelayRefuses, WithOneLine) {
+    const std::string path = file("input");
+    GetParam().make(path);
+    open({.input = path});
+    ASSERT_TRUE(comes_to(Feed::State::kFailed));
+    EXPECT_THAT(relay_->take_lines(), ElementsAre("cannot relay " + path + ": " + GetParam().what));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, RelayRefuses,
+    testing::Values(
+        BadInput{"AFileThatIsMissing", [](const std::string&) {}, "No such file or directory"},
+        BadInput{"AFileOfNothing", [](const std::string& path) { std::ofstream(path).close(); },
+                 "Invalid data found when processing input"},
+        BadInput{"AFolder", [](const std::string& path) { mkdir(path.c_str(), 0700); },
+                 "Is a directory"},
+        BadInput{"AFileWithoutAKeyframe",
+                 [](const std::string& path) {
+                     auto frames = some_frames();
+                     frames.erase(frames.begin());
+                     write_ivf(path, frames, [](std::size_t i) { return i * 33; });
+                 },
+                 "it ends before its first keyframe"},
+        BadInput{"APlaylistThatNamesAnAddress",
+                 [](const std::string& path) {
+                     std::ofstream(path) << "#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXTINF:1,\n"
+                                            "http://127.0.0.1:9/film.ts\n";
+                 },
+                 "Invalid data found when processing input"}),
+    [](const auto& input) { return input.param.name; });
+
+TEST_F(RelayTest, WhatCannotBeReadTwiceIsNotLooped) {
+    const std::string path = file("fifo");
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    make_media(kPicture + "-t 1 " + kVp8 + "-f webm", file("film"));
+    open({.input = path, .loop = true});
+    test::run_command({"sh", "-c", "cat '" + file("film") + "' >'" + path + "' || true"});
+    ASSERT_TRUE(comes_to(Feed::State::kFailed));
+    EXPECT_THAT(relay_->take_lines(), ElementsAre("cannot relay " + path +
+                                                  ": it cannot be read twice, as --loop asks for"));
+}
+
+TEST_F(RelayTest, APipeIsReadToItsEnd) {
+    const std::string path = file("fifo");
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    make_media(kPicture + kTone + "-t 1 " + kVp8 + kOpus + "-f webm", file("film"));
+    open({.input = path});
+    test::ChildProcess writer({"sh", "-c", "cat '" + file("film") + "' >'" + path + "'"});
+    ASSERT_TRUE(comes_to(Feed::State::kReady));
+    start();
+    wait_for_end();
+    EXPECT_EQ(sent().frames, packets_of(file("film"), AVMEDIA_TYPE_VIDEO));
+    EXPECT_EQ(sent().sounds, packets_of(file("film"), AVMEDIA_TYPE_AUDIO));
+}
+
+// Whatever an input waits for, a stop does not wait with it.
+TEST_F(RelayTest, IsStoppedWhileItsInputIsSilent) {
+    const std::string path = file("fifo");
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    open({.input = path});
+    relay_->stop();
+    EXPECT_EQ(relay_->state(), Feed::State::kFailed);
+}
+
+}  // namespace
+}  // namespace vesper::tools

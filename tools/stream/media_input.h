@@ -1,0 +1,66 @@
+// Packets as somebody else encoded them, from whatever libavformat opens: a file, standard input,
+// the SDP file of an RTP stream, an address.
+//
+// What may be opened is a short list that depends on the name, since a file or an answer from the
+// network can name other files and addresses in turn (libavformat's protocol_whitelist):
+//
+//   "-", a FIFO         nothing else: it is read here, and not by libavformat
+//   a file              files; where it is an SDP file, RTP over UDP besides
+//   rtp:// udp://       RTP and UDP
+//   rtsp://             RTSP, RTP, UDP and TCP
+//   http:// https://    HTTP, TLS and TCP
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+struct AVFormatContext;
+struct AVPacket;
+struct AVStream;
+
+namespace vesper::tools {
+
+class PolledFile;
+
+// One thread at a time uses an input.
+class MediaInput {
+  public:
+    // `give_up` is asked at least some ten times a second while a call waits for data; once it says
+    // yes the call fails.
+    explicit MediaInput(std::function<bool()> give_up);
+    ~MediaInput();
+    MediaInput(const MediaInput&) = delete;
+    MediaInput& operator=(const MediaInput&) = delete;
+
+    // Opens `name`, closing what was open before. Empty when that worked; else what is wrong.
+    [[nodiscard]] std::string open(const std::string& name);
+
+    // The best stream of each kind; null where there is none. Until the next open().
+    [[nodiscard]] const AVStream* pictures() const { return pictures_; }
+    [[nodiscard]] const AVStream* sound() const { return sound_; }
+
+    // Whether packets come in their own time, wait for nobody, and are lost where nobody takes
+    // them.
+    [[nodiscard]] bool is_live() const;
+
+    // Whether open() can begin again at the start.
+    [[nodiscard]] bool is_repeatable() const { return !is_live() && !polled_; }
+
+    // Seconds that the input's own header claims; 0 where it does not.
+    [[nodiscard]] double claimed_seconds() const;
+
+    // The next packet of any stream. 0, or libavformat's error; AVERROR_EOF at the end.
+    [[nodiscard]] int read(AVPacket& packet);
+
+  private:
+    void close();
+
+    std::function<bool()> give_up_;
+    std::unique_ptr<PolledFile> polled_;
+    AVFormatContext* format_ = nullptr;
+    const AVStream* pictures_ = nullptr;
+    const AVStream* sound_ = nullptr;
+};
+
+}  // namespace vesper::tools
