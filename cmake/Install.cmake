@@ -6,17 +6,18 @@
 #   lib/libvesper-ROOM.a         the rooms an application links
 #   lib/cmake/vesper/            find_package(vesper): vesper::net, vesper::audio, vesper::client
 #   lib/pkgconfig/               vesper-net, vesper-audio, vesper-client
-#   share/doc/vesper/            for embedders: the manual, the examples
+#   share/doc/vesper/            for embedders: the manual, the wire, the examples
 #
 # The include path that users get is include/vesper, so that #include "client/video_receiver.h"
 # means the same inside and outside of this tree, and so that directories of such common names as
 # net/ and client/ stay out of the system's own include directory.
 #
-# Two install components: `player` for viewers, `development` for embedders.
+# Three install components: `player` for viewers, `parent` for authors of parent applications,
+# `development` for embedders. With VESPER_INSTALL off there are none.
 
 # Debian's directory for its architecture, whatever the prefix: compiler, CMake and pkg-config look
 # there under /usr and under /usr/local, and one build tree serves both.
-if(EXISTS /etc/debian_version AND CMAKE_LIBRARY_ARCHITECTURE)
+if(VESPER_INSTALL AND EXISTS /etc/debian_version AND CMAKE_LIBRARY_ARCHITECTURE)
     set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE} CACHE PATH
         "Where libraries go, under the prefix")
 endif()
@@ -37,6 +38,9 @@ function(vesper_install_library name)
     set_target_properties(vesper_${name} PROPERTIES OUTPUT_NAME vesper-${name})
     target_sources(vesper_${name} PUBLIC
         FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR} FILES ${arg_HEADERS})
+    if(NOT VESPER_INSTALL)
+        return()
+    endif()
     install(TARGETS vesper_${name} EXPORT vesper
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
         FILE_SET HEADERS DESTINATION ${VESPER_INSTALL_INCLUDEDIR} COMPONENT development)
@@ -53,13 +57,16 @@ function(vesper_install_library name)
         DESTINATION ${VESPER_INSTALL_PCDIR} COMPONENT development)
 endfunction()
 
-# vesper_install_program(NAME): installs the program NAME and its manual page, man/NAME.1.in.
-function(vesper_install_program name)
-    install(TARGETS ${name} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT player)
+# vesper_install_program(NAME COMPONENT): installs the program NAME and its manual page, man/NAME.1.in.
+function(vesper_install_program name component)
+    if(NOT VESPER_INSTALL)
+        return()
+    endif()
+    install(TARGETS ${name} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${component})
     configure_file(${PROJECT_SOURCE_DIR}/man/${name}.1.in
                    ${PROJECT_BINARY_DIR}/install/${name}.1 @ONLY)
     install(FILES ${PROJECT_BINARY_DIR}/install/${name}.1
-        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT player)
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT ${component})
 endfunction()
 
 # Installs what describes the whole: the CMake package and the documents. Once, after the rooms.
@@ -78,8 +85,8 @@ function(vesper_install_package)
         ${PROJECT_BINARY_DIR}/install/vesper-config.cmake
         ${PROJECT_BINARY_DIR}/install/vesper-config-version.cmake
         DESTINATION ${VESPER_INSTALL_CMAKEDIR} COMPONENT development)
-    # Placed as in this tree, so that its links to the examples lead there.
-    install(FILES ${PROJECT_SOURCE_DIR}/docs/embedding.md
+    # Placed as in this tree, so that their links lead there, too.
+    install(FILES ${PROJECT_SOURCE_DIR}/docs/embedding.md ${PROJECT_SOURCE_DIR}/docs/protocol.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT development)
     install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples
         DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)

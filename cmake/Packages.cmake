@@ -1,7 +1,10 @@
 # Debian packages, made by `cpack` from a release build tree:
 #
-#   vesper          the programs and their manual pages       (install component player)
+#   vesper          the player and its manual page            (install component player)
+#   vesper-parent   the stand-in parent and its manual page   (install component parent)
 #   libvesper-dev   what one needs to embed the receiver      (install component development)
+#
+# The stand-in parent reads films and captures, with libraries that the player has no use for.
 #
 # Packages install under /usr whatever the tree's own prefix is.
 
@@ -11,7 +14,10 @@ set(CPACK_PACKAGE_CONTACT "Vesper authors <vesper@example.org>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has its own
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
-set(CPACK_COMPONENTS_ALL player development)
+set(CPACK_COMPONENTS_ALL player parent development)
+if(NOT TARGET vesper-parent)
+    list(REMOVE_ITEM CPACK_COMPONENTS_ALL parent)
+endif()
 
 # One package for each component.
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -30,10 +36,17 @@ set(CPACK_COMPONENT_PLAYER_DESCRIPTION "window for one live stream
 vesper-player shows one live stream in a window of its own. A parent
 application starts it, sends it VP8 video and Opus sound as datagrams on the
 loopback address, and hears from it when a keyframe is needed or the volume
-was changed.
-.
-vesper-parent stands in for that application, to try the player and to
-develop with it.")
+was changed.")
+
+set(CPACK_DEBIAN_PARENT_PACKAGE_NAME vesper-parent)
+set(CPACK_DEBIAN_PARENT_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_PARENT_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PARENT_PACKAGE_DEPENDS "vesper (= ${PROJECT_VERSION})")
+set(CPACK_COMPONENT_PARENT_DESCRIPTION "stand-in parent application for vesper-player
+vesper-parent stands in for the application that starts vesper-player, to try
+the player and to develop with it: it sends test pictures and sound, a film,
+the screen or a stored capture, over a good network or a bad one, and shows
+what the player reports.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libvesper-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)

@@ -38,4 +38,7 @@ function(finish_component component package)
 endfunction()
 
 finish_component(player ${CPACK_DEBIAN_PLAYER_PACKAGE_NAME})
+if(EXISTS ${CPACK_TEMPORARY_DIRECTORY}/parent)
+    finish_component(parent ${CPACK_DEBIAN_PARENT_PACKAGE_NAME})
+endif()
 finish_component(development ${CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME})

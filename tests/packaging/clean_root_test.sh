@@ -40,7 +40,7 @@ make_root() {
         --skip=cleanup/apt/lists "" "$root" - \
         <"$work/sources.list" >"$work/make_root.log" 2>&1
     local package
-    for package in vesper libvesper-dev; do
+    for package in vesper vesper-parent libvesper-dev; do
         cp "$packages/$package"_*.deb "$root/tmp/$package.deb"
     done
 }
@@ -162,7 +162,7 @@ as_user=(chroot --userspec=nobody:nogroup "$root"
          env -i PATH=/usr/bin:/bin HOME=/tmp "DISPLAY=$DISPLAY")
 
 make_root
-install_in_root /tmp/vesper.deb
+install_in_root /tmp/vesper.deb /tmp/vesper-parent.deb
 play_test_stream
 
 install_in_root /tmp/libvesper-dev.deb g++ cmake make

@@ -29,6 +29,7 @@ $libdir/pkgconfig/vesper-audio.pc
 $libdir/pkgconfig/vesper-client.pc
 $libdir/pkgconfig/vesper-net.pc
 share/doc/vesper/docs/embedding.md
+share/doc/vesper/docs/protocol.md
 share/doc/vesper/examples/CMakeLists.txt
 share/doc/vesper/examples/in_application.cpp
 share/doc/vesper/examples/minimal_application.cpp

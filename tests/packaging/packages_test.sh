@@ -9,6 +9,7 @@ architecture=$(dpkg --print-architecture)
 (cd "$build" && rm -rf packages && cpack -G DEB >packages.log 2>&1) || { cat "$build/packages.log"; exit 1; }
 
 player=$build/packages/vesper_${version}_$architecture.deb
+parent=$build/packages/vesper-parent_${version}_$architecture.deb
 development=$build/packages/libvesper-dev_${version}_$architecture.deb
 
 # Mode, owner and path of everything but directories.
@@ -20,25 +21,35 @@ field() {
     dpkg-deb --field "$1" "$2"
 }
 
-# Names of the packages that hold the shared libraries which the programs were linked with.
+# Names of the packages that hold the shared libraries which a program was linked with.
 needed_packages() {
-    readelf -d "$build/bin/vesper-player" "$build/bin/vesper-parent" |
+    readelf -d "$build/bin/$1" |
         sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort -u |
         while read -r library; do
             dpkg --search "*/$library" | sed -n "s/:$architecture: .*//p"
         done | LC_ALL=C sort -u
 }
 
+# Without versions, one a line.
+dependencies() {
+    field "$1" Depends | sed 's/ ([^)]*)//g; s/, /\n/g' | LC_ALL=C sort
+}
+
 expect_equal "packages" "$development
+$parent
 $player" "$(LC_ALL=C ls "$build"/packages/*.deb)"
 
 expect_equal "contents of vesper" "\
--rwxr-xr-x root/root ./usr/bin/vesper-parent
 -rwxr-xr-x root/root ./usr/bin/vesper-player
 -rw-r--r-- root/root ./usr/share/doc/vesper/changelog.gz
 -rw-r--r-- root/root ./usr/share/doc/vesper/copyright
--rw-r--r-- root/root ./usr/share/man/man1/vesper-parent.1.gz
 -rw-r--r-- root/root ./usr/share/man/man1/vesper-player.1.gz" "$(contents "$player")"
+
+expect_equal "contents of vesper-parent" "\
+-rwxr-xr-x root/root ./usr/bin/vesper-parent
+-rw-r--r-- root/root ./usr/share/doc/vesper-parent/changelog.gz
+-rw-r--r-- root/root ./usr/share/doc/vesper-parent/copyright
+-rw-r--r-- root/root ./usr/share/man/man1/vesper-parent.1.gz" "$(contents "$parent")"
 
 expect_equal "contents of libvesper-dev" "\
 -rw-r--r-- root/root ./usr/include/vesper/audio/opus_codec.h
@@ -61,17 +72,19 @@ expect_equal "contents of libvesper-dev" "\
 -rw-r--r-- root/root ./usr/share/doc/libvesper-dev/changelog.gz
 -rw-r--r-- root/root ./usr/share/doc/libvesper-dev/copyright
 -rw-r--r-- root/root ./usr/share/doc/vesper/docs/embedding.md
+-rw-r--r-- root/root ./usr/share/doc/vesper/docs/protocol.md
 -rw-r--r-- root/root ./usr/share/doc/vesper/examples/CMakeLists.txt
 -rw-r--r-- root/root ./usr/share/doc/vesper/examples/in_application.cpp
 -rw-r--r-- root/root ./usr/share/doc/vesper/examples/minimal_application.cpp
 -rw-r--r-- root/root ./usr/share/doc/vesper/examples/minimal_parent.py" "$(contents "$development")"
 
-expect_equal "dependencies of vesper" "$(needed_packages)" \
-    "$(field "$player" Depends | sed 's/ ([^)]*)//g; s/, /\n/g' | LC_ALL=C sort)"
+expect_equal "dependencies of vesper" "$(needed_packages vesper-player)" "$(dependencies "$player")"
+expect_equal "dependencies of vesper-parent" \
+    "$({ needed_packages vesper-parent; echo vesper; } | LC_ALL=C sort)" "$(dependencies "$parent")"
 expect_equal "dependencies of libvesper-dev" "libavcodec-dev, libavutil-dev, libopus-dev, \
 libsdl2-dev, libswscale-dev, pkg-config" "$(field "$development" Depends)"
 
-for package in "$player" "$development"; do
+for package in "$player" "$parent" "$development"; do
     expect_equal "version of $package" "$version" "$(field "$package" Version)"
     expect_equal "maintainer of $package" "Vesper authors <vesper@example.org>" \
         "$(field "$package" Maintainer)"
