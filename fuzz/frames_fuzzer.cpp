@@ -3,7 +3,7 @@
 // flags, u16 length, that many bytes.
 #include <array>
 
-#include "fuzz/support/frame_flags.h"
+#include "fuzz/support/frames_input.h"
 #include "fuzz/support/input.h"
 #include "fuzz/support/live_receiver.h"
 #include "tools/stream/packetizer.h"
@@ -12,9 +12,14 @@ using namespace vesper::fuzz;
 
 namespace {
 
-// The stream's own size, larger, smaller, and shapes at which a row ends in the middle of a vector.
+// The stream's own size, larger, smaller, and extreme shapes.
 constexpr std::array<std::array<int, 2>, 8> kReceiverSizes = {
     {{64, 40}, {160, 90}, {16, 16}, {1, 1}, {33, 17}, {3, 200}, {200, 3}, {127, 65}}};
+
+std::array<int, 2> receiver_size(std::uint8_t choice) {
+    return (choice & kEveryRemainder) != 0 ? size_with_remainders(choice)
+                                           : kReceiverSizes[choice % kReceiverSizes.size()];
+}
 
 }  // namespace
 
@@ -25,8 +30,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     InputReader input(data, size);
-    const auto [width, height] =
-        kReceiverSizes[input.number<std::uint8_t>() % kReceiverSizes.size()];
+    const auto [width, height] = receiver_size(input.number<std::uint8_t>());
     LiveReceiver live(width, height);
     vesper::tools::VideoPacketizer packetizer;
     while (!input.done()) {

@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "fuzz/support/datagram_steps.h"
-#include "fuzz/support/frame_flags.h"
+#include "fuzz/support/frames_input.h"
 #include "fuzz/support/good_stream.h"
 #include "fuzz/support/input.h"
 #include "fuzz/support/input_steps.h"
@@ -73,6 +73,16 @@ Frames encode(int width, int height, int count, int bitrate = 200'000) {
     }
     // libvpx may drop a frame to keep to the bitrate.
     std::erase_if(frames, [](const auto& frame) { return frame.empty(); });
+    return frames;
+}
+
+// `frames` with a keyframe that declares fewer pixels of the same macroblocks: width and height are
+// 14 bits each, little-endian, after frame tag and start code (RFC 6386, section 9.1).
+Frames declaring(int width, int height, Frames frames) {
+    frames[0][6] = static_cast<std::uint8_t>(width);
+    frames[0][7] = static_cast<std::uint8_t>(width >> 8);
+    frames[0][8] = static_cast<std::uint8_t>(height);
+    frames[0][9] = static_cast<std::uint8_t>(height >> 8);
     return frames;
 }
 
@@ -228,6 +238,16 @@ void make_frames(const Corpus& corpus) {
     corpus.add("shrinks", frames_input(0, joined({larger, small, smaller})).input());
     corpus.add("turns", frames_input(1, joined({larger, tall, larger})).input());
     corpus.add("no-keyframe", frames_input(0, Frames(small.begin() + 1, small.end())).input());
+
+    const Frames whole_macroblocks = encode(64, 48, 3);
+    for (int remainder = 0; remainder < kRemainders; ++remainder) {
+        const auto choice = static_cast<std::uint8_t>(kEveryRemainder | remainder);
+        const auto [width, height] = size_with_remainders(choice);
+        const std::string size = std::to_string(width) + "x" + std::to_string(height);
+        corpus.add(("scaled-to-" + size).c_str(), frames_input(choice, small).input());
+        corpus.add(("unscaled-" + size).c_str(),
+                   frames_input(choice, declaring(width, height, whole_macroblocks)).input());
+    }
 }
 
 // ---- args ----

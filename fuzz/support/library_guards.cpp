@@ -13,6 +13,7 @@ extern "C" {
 #include <atomic>
 #include <bit>
 #include <cstring>
+#include <map>
 #include <vector>
 
 #include "client/picture_format.h"
@@ -26,18 +27,27 @@ namespace {
 // of this size does not.
 constexpr std::int64_t kMaxPixels = 512 * 512;
 
-// After the converted picture; longer than any vector register.
+// After what the converter may write: the picture, and the overrun that has room behind it.
 constexpr std::size_t kGuardBytes = 256;
 constexpr std::uint8_t kGuardValue = 0xC5;
 
 constexpr SDL_AudioDeviceID kSoundCard = 2;
 constexpr int kChannels = 2;
 
-// Written by the decode thread, read by the fuzzer's.
+// Sizes in pixels that a converter was made for.
+struct Conversion {
+    int source_width;
+    int source_height;
+    int width;
+    int height;
+};
+
+// The decode thread's: a receiver's picture has one converter, the right edge of it another.
+std::map<const SwsContext*, Conversion> conversions;
+
+// Of the first converter, the picture's. Written by the decode thread, read by the fuzzer's.
 std::atomic<int> converter_width{0};
 std::atomic<int> converter_height{0};
-std::atomic<int> destination_width{0};
-std::atomic<int> destination_height{0};
 
 std::uint64_t sound_bytes = 0;
 
@@ -57,11 +67,11 @@ void count_picture_size(int stride, int rows) {
 }
 
 // A row of the converter's source width has to lie inside each plane's stride: libswscale reads it.
-void check_source(const int strides[]) {
-    const int chroma_width = (converter_width + 1) / 2;
-    require(
-        strides[0] >= converter_width && strides[1] >= chroma_width && strides[2] >= chroma_width,
-        "the converter reads no further than the picture's rows");
+void check_source(const Conversion& conversion, const int strides[]) {
+    const int chroma_width = (conversion.source_width + 1) / 2;
+    require(strides[0] >= conversion.source_width && strides[1] >= chroma_width &&
+                strides[2] >= chroma_width,
+            "the converter reads no further than the picture's rows");
 }
 
 }  // namespace
@@ -100,12 +110,20 @@ SwsContext* __wrap_sws_getContext(int source_width, int source_height, AVPixelFo
                                   int width, int height, AVPixelFormat format, int flags,
                                   SwsFilter* source_filter, SwsFilter* filter,
                                   const double* parameters) {
-    converter_width = source_width;
-    converter_height = source_height;
-    destination_width = width;
-    destination_height = height;
-    return __real_sws_getContext(source_width, source_height, source_format, width, height, format,
-                                 flags, source_filter, filter, parameters);
+    SwsContext* const context =
+        __real_sws_getContext(source_width, source_height, source_format, width, height, format,
+                              flags, source_filter, filter, parameters);
+    if (context != nullptr) {
+        conversions[context] = {.source_width = source_width,
+                                .source_height = source_height,
+                                .width = width,
+                                .height = height};
+        if (converter_width == 0) {
+            converter_width = source_width;
+            converter_height = source_height;
+        }
+    }
+    return context;
 }
 
 int __real_sws_scale(SwsContext* context, const std::uint8_t* const source[], const int strides[],
@@ -115,18 +133,21 @@ int __real_sws_scale(SwsContext* context, const std::uint8_t* const source[], co
 int __wrap_sws_scale(SwsContext* context, const std::uint8_t* const source[], const int strides[],
                      int first_row, int rows, std::uint8_t* const destination[],
                      const int destination_strides[]) {
-    check_source(strides);
+    const Conversion& conversion = conversions.at(context);
+    check_source(conversion, strides);
     count_picture_size(strides[0], rows);
-    const std::size_t size = vesper::client::picture_size(destination_width, destination_height);
+    const std::size_t size = vesper::client::picture_size(conversion.width, conversion.height);
+    const std::size_t writable = size + vesper::client::kConverterOverrun;
     std::vector<std::uint8_t> guarded(destination[0], destination[0] + size);
-    guarded.resize(size + kGuardBytes, kGuardValue);
+    guarded.resize(writable);
+    guarded.resize(writable + kGuardBytes, kGuardValue);
     std::uint8_t* const planes[4] = {guarded.data()};
     const int result =
         __real_sws_scale(context, source, strides, first_row, rows, planes, destination_strides);
-    const auto guard = guarded.begin() + static_cast<std::ptrdiff_t>(size);
+    const auto guard = guarded.begin() + static_cast<std::ptrdiff_t>(writable);
     require(std::all_of(guard, guarded.end(), [](std::uint8_t b) { return b == kGuardValue; }),
-            "the converter writes no further than the picture");
-    std::copy(guarded.begin(), guard, destination[0]);
+            "the converter writes no further than the picture and its room");
+    std::copy_n(guarded.begin(), size, destination[0]);
     return result;
 }
 
