@@ -162,6 +162,10 @@ class VideoReceiver {
 
     // ---- queries ----
 
+    // Whether render() and update() would show a picture that they have not shown yet: an
+    // application that draws only what is new asks before it draws. Any thread.
+    [[nodiscard]] bool has_new_picture() const { return running && picture_ready; }
+
     [[nodiscard]] int frame_width() const { return frame_width_; }    // stream pixels
     [[nodiscard]] int frame_height() const { return frame_height_; }  // stream pixels
 

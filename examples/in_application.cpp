@@ -1,11 +1,14 @@
 // Shows several live streams inside one application: a window of its own and, for each stream, a
 // socket and a receiver with a window. The rules behind it are in docs/embedding.md.
 //
-//   in_application PORT:REPLY_PORT:NAME...
+//   in_application [--size WIDTHxHEIGHT] PORT:REPLY_PORT:NAME...
 //
 // Receives the stream of NAME on 127.0.0.1:PORT and asks 127.0.0.1:REPLY_PORT for keyframes (0:
 // nobody). The application's window has a field for each stream, green while it is live and grey
 // once it is over. Closing a stream's window ends that stream, closing the application's ends all.
+//
+// Every pass takes all that has arrived and draws only what has changed, so a pass with nothing to
+// do costs next to nothing and the passes can follow each other closely.
 #include <SDL2/SDL.h>
 
 #include <array>
@@ -15,6 +18,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -27,9 +31,11 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Size of every stream here; a real application is told it together with the stream.
-constexpr int kStreamWidth = 640;   // pixels
-constexpr int kStreamHeight = 360;  // pixels
+// Of every stream here; a real application is told it together with the stream.
+struct StreamSize {
+    int width = 640;   // pixels
+    int height = 360;  // pixels
+};
 
 // A stream says nothing of its end. Even a still picture sends many datagrams a second, so after
 // this long nobody is sending any more.
@@ -39,8 +45,9 @@ constexpr auto kSilence = std::chrono::seconds(3);
 // hiccup, and an end, so that a flood on one stream does not starve the others.
 constexpr int kDatagramsPerPass = 200;
 
-// Leaves the processor to others between two passes, and answers within one picture at 60 Hz.
-constexpr std::uint32_t kPassPause = 5;  // ms
+// Leaves the processor to others between two passes. A datagram and a decoded picture each wait for
+// the next pass, so this is short.
+constexpr std::uint32_t kPassPause = 1;  // ms
 
 struct Source {
     std::uint16_t port = 0;
@@ -66,9 +73,9 @@ class WatchedStream {
 
     // Opens the stream's window, without taking the keyboard from `application_window`. False, with
     // a line on standard error, when there is no port or no window to be had.
-    [[nodiscard]] bool open(std::uint32_t uid, SDL_Window* application_window) {
+    [[nodiscard]] bool open(std::uint32_t uid, StreamSize size, SDL_Window* application_window) {
         if (!socket_.bind(source_.port) ||
-            !receiver_.start(uid, source_.name, kStreamWidth, kStreamHeight, application_window)) {
+            !receiver_.start(uid, source_.name, size.width, size.height, application_window)) {
             return false;
         }
         receiver_.enable_audio(true);  // without a sound device the picture still plays
@@ -99,15 +106,25 @@ class WatchedStream {
         if (!ended_ && last_datagram_ && Clock::now() - *last_datagram_ > kSilence) {
             receiver_.mark_stream_ended();
             ended_ = true;
+            redraw_ = true;
         }
     }
 
-    void update() { receiver_.update(); }
+    // The window shows something else, or the system has lost what it showed.
+    void redraw() { redraw_ = true; }
+
+    void update() {
+        if (redraw_ || receiver_.has_new_picture()) {
+            redraw_ = false;
+            receiver_.update();
+        }
+    }
 
     // From here on update() leaves the receiver alone; it dies at the end of the pass.
     void give_up() {
         receiver_.set_condemned(true);
         given_up_ = true;
+        redraw_ = true;
     }
 
     [[nodiscard]] bool given_up() const { return given_up_; }
@@ -132,6 +149,7 @@ class WatchedStream {
     std::optional<Clock::time_point> last_datagram_;
     bool ended_ = false;
     bool given_up_ = false;
+    bool redraw_ = true;
 };
 
 class Application {
@@ -142,7 +160,7 @@ class Application {
         SDL_DestroyWindow(window_);
     }
 
-    [[nodiscard]] bool open(const std::vector<Source>& sources) {
+    [[nodiscard]] bool open(const std::vector<Source>& sources, StreamSize size) {
         if (SDL_CreateWindowAndRenderer(320, 100, 0, &window_, &renderer_) < 0) {
             std::fprintf(stderr, "No window: %s\n", SDL_GetError());
             return false;
@@ -150,7 +168,7 @@ class Application {
         SDL_SetWindowTitle(window_, "Streams");
         for (const Source& source : sources) {
             auto stream = std::make_unique<WatchedStream>(source);
-            if (!stream->open(++last_uid_, window_)) {
+            if (!stream->open(++last_uid_, size, window_)) {
                 return false;
             }
             streams_.push_back(std::move(stream));
@@ -167,7 +185,11 @@ class Application {
                 stream->update();
             }
             std::erase_if(streams_, [](const auto& stream) { return stream->given_up(); });
-            draw();
+            if (std::vector<bool> fields = fields_now(); redraw_ || fields != drawn_fields_) {
+                drawn_fields_ = std::move(fields);
+                redraw_ = false;
+                draw();
+            }
             SDL_Delay(kPassPause);
         }
     }
@@ -178,32 +200,43 @@ class Application {
         while (SDL_PollEvent(&event) != 0) {
             if (event.type == SDL_QUIT) {
                 quit_ = true;
-            } else if (event.type == SDL_WINDOWEVENT &&
-                       event.window.event == SDL_WINDOWEVENT_CLOSE) {
-                on_close(event.window.windowID);
+            } else if (event.type == SDL_WINDOWEVENT) {
+                on_window_event(event.window);
             }
         }
     }
 
-    // A stream is only given up here, because more events for its window may wait in the queue.
-    void on_close(std::uint32_t window_id) {
-        if (window_id == SDL_GetWindowID(window_)) {
-            quit_ = true;
-            return;
+    // Any other event of a window may mean that it has to be drawn again. A stream is only given up
+    // here, because more events for its window may wait in the queue.
+    void on_window_event(const SDL_WindowEvent& event) {
+        const bool closed = event.event == SDL_WINDOWEVENT_CLOSE;
+        if (event.windowID == SDL_GetWindowID(window_)) {
+            quit_ = quit_ || closed;
+            redraw_ = true;
         }
         for (const auto& stream : streams_) {
-            if (stream->window_id() == window_id) {
-                stream->give_up();
+            if (stream->window_id() == event.windowID) {
+                closed ? stream->give_up() : stream->redraw();
             }
         }
+    }
+
+    // For each stream whether it is over: what the window shows.
+    [[nodiscard]] std::vector<bool> fields_now() const {
+        std::vector<bool> fields;
+        fields.reserve(streams_.size());
+        for (const auto& stream : streams_) {
+            fields.push_back(stream->ended());
+        }
+        return fields;
     }
 
     void draw() {
         SDL_SetRenderDrawColor(renderer_, 30, 30, 30, 255);
         SDL_RenderClear(renderer_);
         SDL_Rect field{.x = 10, .y = 10, .w = 80, .h = 80};
-        for (const auto& stream : streams_) {
-            const std::uint8_t red_and_blue = stream->ended() ? 160 : 0;
+        for (const bool ended : drawn_fields_) {
+            const std::uint8_t red_and_blue = ended ? 160 : 0;
             SDL_SetRenderDrawColor(renderer_, red_and_blue, 160, red_and_blue, 255);
             SDL_RenderFillRect(renderer_, &field);
             field.x += 100;
@@ -215,27 +248,41 @@ class Application {
     SDL_Renderer* renderer_ = nullptr;
     std::uint32_t last_uid_ = 0;
     std::vector<std::unique_ptr<WatchedStream>> streams_;
+    std::vector<bool> drawn_fields_;
+    bool redraw_ = true;
     bool quit_ = false;
 };
 
-bool show(const std::vector<Source>& sources) {
+bool show(const std::vector<Source>& sources, StreamSize size) {
     Application application;
-    if (!application.open(sources)) {
+    if (!application.open(sources, size)) {
         return false;
     }
     application.run();
     return true;
 }
 
+int print_usage(const char* command) {
+    std::fprintf(stderr, "Usage: %s [--size WIDTHxHEIGHT] PORT:REPLY_PORT:NAME...\n", command);
+    return 2;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    StreamSize size;
+    int first = 1;
+    if (argc > 2 && std::string_view(argv[1]) == "--size") {
+        if (std::sscanf(argv[2], "%dx%d", &size.width, &size.height) != 2) {
+            return print_usage(argv[0]);
+        }
+        first = 3;
+    }
     std::vector<Source> sources;
-    for (int i = 1; i < argc; ++i) {
+    for (int i = first; i < argc; ++i) {
         const std::optional<Source> source = parse_source(argv[i]);
         if (!source) {
-            std::fprintf(stderr, "Usage: %s PORT:REPLY_PORT:NAME...\n", argv[0]);
-            return 2;
+            return print_usage(argv[0]);
         }
         sources.push_back(*source);
     }
@@ -245,7 +292,7 @@ int main(int argc, char** argv) {
     }
     vesper::client::choose_renderer();  // for this application's own window, too
     socket_init();
-    const bool shown = show(sources);  // the receivers are gone before SDL is
+    const bool shown = show(sources, size);  // the receivers are gone before SDL is
     socket_cleanup();
     SDL_Quit();
     return shown ? 0 : 1;

@@ -60,18 +60,12 @@ void wait_until_taken(std::uint16_t port) {
 }
 
 void send(Subject& subject, const StreamPicture& picture) {
-    for (const auto& frame : picture.frames) {
-        subject.wire().send(frame, {});
-    }
+    subject.wire().send(picture.frame, {}, {});
 }
 
 int datagrams_of(const StreamPicture& picture) {
-    int count = 0;
-    for (const auto& frame : picture.frames) {
-        count += (static_cast<int>(frame.size()) + vesper::kMaxFragmentPayload - 1) /
-                 vesper::kMaxFragmentPayload;
-    }
-    return count;
+    return (static_cast<int>(picture.frame.size()) + vesper::kMaxFragmentPayload - 1) /
+           vesper::kMaxFragmentPayload;
 }
 
 void show_opening(Subject& subject, const MarkedStream& stream, const WindowWatch& watch) {
@@ -106,7 +100,7 @@ int main(int argc, char** argv) {
     std::string name = "player";
     int kilobits = 2500;
     int bursts = 15;
-    app.add_option("--subject", name)->check(CLI::IsMember({"player", "player_software"}));
+    app.add_option("--subject", name)->check(CLI::IsMember({"player", "player_opengl"}));
     app.add_option("--kilobits", kilobits, "A second")
         ->capture_default_str()
         ->check(CLI::Range(100, 20'000));

@@ -8,6 +8,7 @@
 
 #include "tools/stream/media_source.h"
 #include "tools/stream/vp8_encoder.h"
+#include "tools/stream/vp8_repeat.h"
 
 namespace vesper::bench {
 
@@ -56,27 +57,17 @@ void fill(AVFrame& picture, int x, int y, int width, int height, const Yuv& colo
     std::exit(EXIT_FAILURE);
 }
 
-std::vector<EncodedFrame> encode(tools::Vp8Encoder& encoder, const tools::Picture& picture,
-                                 bool keyframe, bool low_delay) {
-    std::vector<EncodedFrame> frames = {encoder.encode(picture, keyframe)};
-    if (low_delay) {
-        frames.push_back(encoder.encode(picture, false));
-    }
-    return frames;
-}
-
 }  // namespace
 
 MarkedStream encode_marked_stream(const MarkedStreamSettings& settings) {
     tools::MediaSource source;
     tools::Vp8Encoder encoder;
-    const int frames_per_second = settings.frames_per_second * (settings.low_delay ? 2 : 1);
     if (!source.open_test_picture({.width = kWidth, .height = kHeight, .sound = false}) ||
         !encoder.open({.width = kWidth,
                        .height = kHeight,
-                       .frames_per_second = frames_per_second,
+                       .frames_per_second = settings.frames_per_second,
                        .bitrate = settings.bitrate,
-                       .keyframe_interval = kKeyframeInterval * frames_per_second})) {
+                       .keyframe_interval = kKeyframeInterval * settings.frames_per_second})) {
         fail("no test picture or no encoder");
     }
     MarkedStream stream;
@@ -86,23 +77,24 @@ MarkedStream encode_marked_stream(const MarkedStreamSettings& settings) {
     }
     fill(*opening, 0, 0, kWidth, kHeight, kOpeningColor);
     for (int i = 0; i < kOpeningFrames; ++i) {
-        stream.opening.push_back({.frames = encode(encoder, opening, true, settings.low_delay),
-                                  .mark = 0,
-                                  .is_flip = false});
+        stream.opening.push_back(
+            {.frame = encoder.encode(opening, true), .mark = 0, .is_flip = false});
     }
+    const int frames_per_mark = settings.frames_per_second / kMarksPerSecond;
     for (int i = 0; i < kLoopSeconds * settings.frames_per_second; ++i) {
         const tools::Picture picture = source.next_picture();
         if (!picture || av_frame_make_writable(picture.get()) < 0) {
             fail("the test picture ended");
         }
-        const int mark = i / kFramesPerMark % kMarks;
+        const int mark = i / frames_per_mark % kMarks;
         fill(*picture, (kWidth - kSquareSize) / 2, (kHeight - kSquareSize) / 2, kSquareSize,
              kSquareSize,
              {.y = kMarkLuma[static_cast<std::size_t>(mark)], .u = kNeutral, .v = kNeutral});
-        stream.loop.push_back({.frames = encode(encoder, picture, i == 0, settings.low_delay),
+        stream.loop.push_back({.frame = encoder.encode(picture, i == 0),
                                .mark = mark,
-                               .is_flip = i % kFramesPerMark == 0});
+                               .is_flip = i % frames_per_mark == 0});
     }
+    stream.repeat = tools::make_repeat_frame(kWidth, kHeight);
     return stream;
 }
 

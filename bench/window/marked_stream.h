@@ -10,18 +10,16 @@ namespace vesper::bench {
 
 using EncodedFrame = std::vector<std::uint8_t>;
 
-inline constexpr int kWidth = 1280;       // pixels
-inline constexpr int kHeight = 720;       // pixels
-inline constexpr int kFramesPerMark = 6;  // the square keeps its grey for 200 ms at 30 frames/s
+inline constexpr int kWidth = 1280;  // pixels
+inline constexpr int kHeight = 720;  // pixels
+inline constexpr int kMarksPerSecond = 5;
 
-// Four greys in turn: a picture may be up to 800 ms late (at 30 frames/s) and can still be told
-// apart from its successors.
+// Four greys in turn: a picture may be up to 800 ms late and can still be told apart from its
+// successors.
 inline constexpr int kMarks = 4;
 
-// One picture; with low delay it is encoded twice, and the copy pushes it out of a decoder that
-// delays each picture until the next frame.
 struct StreamPicture {
-    std::vector<EncodedFrame> frames;
+    EncodedFrame frame;
     int mark;      // grey of the square, 0 to kMarks - 1
     bool is_flip;  // the first picture with this grey
 };
@@ -31,12 +29,14 @@ struct MarkedStream {
     std::vector<StreamPicture> opening;
     // Eight seconds that can be repeated indefinitely; the first frame is a keyframe.
     std::vector<StreamPicture> loop;
+    // Shows the frame before it once more, and may follow any: with low delay it pushes the picture
+    // out of a decoder that holds each one back until the next frame.
+    EncodedFrame repeat;
 };
 
 struct MarkedStreamSettings {
-    int frames_per_second = 30;
-    int bitrate = 600'000;  // bit/s
-    bool low_delay = false;
+    int frames_per_second = 30;  // a multiple of the marks a second
+    int bitrate = 600'000;       // bit/s
 };
 
 // Ends the process, with a line, when there is no encoder.

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "bench/window/marked_stream.h"
 #include "bench/support/processor_time.h"
+#include "bench/window/marked_stream.h"
 
 namespace vesper::bench {
 
@@ -78,19 +78,34 @@ std::vector<std::string> command_of(const std::string& name, std::uint16_t port,
                 "ximagesink",
                 "sync=false"};
     }
-    return {VESPER_PLAYER,          "--port",   std::to_string(port),   "--width",
-            std::to_string(kWidth), "--height", std::to_string(kHeight)};
+    const std::string width = std::to_string(kWidth);
+    const std::string height = std::to_string(kHeight);
+    if (name == "floor") {
+        return {VESPER_FLOOR, std::to_string(port), width, height};
+    }
+    if (name.starts_with("in_application")) {
+        return {VESPER_IN_APPLICATION, "--size", width + "x" + height,
+                std::to_string(port) + ":0:bench"};
+    }
+    return {VESPER_PLAYER, "--port", std::to_string(port), "--width", width, "--height", height};
 }
 
+// Takes our datagrams, and not RTP.
 bool is_ours(const std::string& name) {
-    return name.starts_with("player");
+    return name.starts_with("player") || name.starts_with("in_application") || name == "floor";
 }
 
 }  // namespace
 
 std::vector<std::string> subject_names() {
-    return {"player", "player_low_delay", "player_software", "player_software_low_delay", "ffplay",
-            "mpv",    "gstreamer"};
+    std::vector<std::string> names = {"floor", "ffplay", "mpv", "gstreamer"};
+    for (const char* program : {"player", "in_application"}) {
+        for (const char* renderer : {"", "_opengl"}) {
+            names.push_back(std::string(program) + renderer);
+            names.push_back(names.back() + "_low_delay");
+        }
+    }
+    return names;
 }
 
 bool sends_twice(const std::string& name) {
@@ -103,8 +118,8 @@ Subject::Subject(const std::string& name) {
     }
     wire_ = is_ours(name) ? make_stream_wire(port_) : make_rtp_wire(port_);
     test::ChildProcess::Environment environment = {{"SDL_AUDIODRIVER", "dummy"}};
-    if (name.starts_with("player_software")) {
-        environment["SDL_RENDER_DRIVER"] = "software";
+    if (name.find("_opengl") != std::string::npos) {
+        environment["SDL_RENDER_DRIVER"] = "opengl";
     }
     process_ =
         std::make_unique<test::ChildProcess>(command_of(name, port_, session_file_), environment);

@@ -11,9 +11,11 @@
 
 namespace vesper::bench {
 
-// "player" and its peers "ffplay", "mpv", "gstreamer". The player's name may end in "_software"
-// (SDL draws without OpenGL, as the peers mpv and gstreamer do here), then in "_low_delay" (each
-// picture is sent twice).
+// "player" and "in_application", the example of the receiver in an application, which takes all
+// datagrams in every pass and draws only new pictures. To either name may be added "_opengl" (SDL
+// draws with OpenGL, also where there is no graphics device), then "_low_delay" (each picture is
+// sent twice while the program keeps up). "floor" does the least that any program must (floor.cpp).
+// The peers: "ffplay", "mpv", "gstreamer".
 [[nodiscard]] std::vector<std::string> subject_names();
 [[nodiscard]] bool sends_twice(const std::string& name);
 

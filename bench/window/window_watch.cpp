@@ -77,6 +77,9 @@ std::optional<Rgb> middle_of(Display* display, const Watched& window) {
     if (XGetWindowAttributes(display, window.id, &attributes) == 0) {
         return false;
     }
+    // Without a window manager a program's other windows may lie above it, and pixels beneath them
+    // cannot be read.
+    XRaiseWindow(display, window.id);
     window.width = attributes.width;
     window.height = attributes.height;
     return true;

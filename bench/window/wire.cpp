@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <thread>
 #include <vector>
 
 #include "net/stream_datagrams.h"
@@ -30,12 +31,33 @@ class BoundSocket {
     std::uint16_t to_port_;
 };
 
+// When each datagram of a frame is due.
+class Pace {
+  public:
+    Pace(std::ptrdiff_t datagrams, Wire::Clock::duration spread) : spacing_(spread / datagrams) {}
+
+    void wait() {
+        if (spacing_ > Wire::Clock::duration::zero()) {
+            std::this_thread::sleep_until(due_);
+            due_ += spacing_;
+        }
+    }
+
+  private:
+    Wire::Clock::duration spacing_;
+    Wire::Clock::time_point due_ = Wire::Clock::now();
+};
+
 class StreamWire : public Wire {
   public:
     explicit StreamWire(std::uint16_t port) : socket_(port) {}
 
-    void send(std::span<const std::uint8_t> frame, std::chrono::milliseconds) override {
-        for (const tools::Datagram& datagram : packetizer_.packetize(frame)) {
+    void send(std::span<const std::uint8_t> frame, std::chrono::milliseconds,
+              Clock::duration spread) override {
+        const std::vector<tools::Datagram> datagrams = packetizer_.packetize(frame);
+        Pace pace(std::ssize(datagrams), spread);
+        for (const tools::Datagram& datagram : datagrams) {
+            pace.wait();
             socket_.send(datagram);
         }
     }
@@ -49,10 +71,13 @@ class RtpWire : public Wire {
   public:
     explicit RtpWire(std::uint16_t port) : socket_(port) {}
 
-    void send(std::span<const std::uint8_t> frame, std::chrono::milliseconds media_time) override {
+    void send(std::span<const std::uint8_t> frame, std::chrono::milliseconds media_time,
+              Clock::duration spread) override {
         constexpr std::size_t kPayload = kMaxFragmentPayload;  // the same cuts as the stream's
         const auto timestamp = static_cast<std::uint32_t>(media_time.count() * kTicksPerMs);
+        Pace pace(static_cast<std::ptrdiff_t>((frame.size() + kPayload - 1) / kPayload), spread);
         for (std::size_t at = 0; at < frame.size(); at += kPayload) {
+            pace.wait();
             const auto part = frame.subspan(at, std::min(kPayload, frame.size() - at));
             socket_.send(packet(part, timestamp, at == 0, at + part.size() == frame.size()));
         }

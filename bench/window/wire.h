@@ -12,9 +12,12 @@ class Wire {
   public:
     virtual ~Wire() = default;
 
-    // Sends one frame at once, all its datagrams. Returns when the last one has left.
-    virtual void send(std::span<const std::uint8_t> frame,
-                      std::chrono::milliseconds media_time) = 0;
+    using Clock = std::chrono::steady_clock;
+
+    // Sends one frame, all its datagrams, spread evenly over `spread`: at once where that is zero.
+    // Returns when the last one has left.
+    virtual void send(std::span<const std::uint8_t> frame, std::chrono::milliseconds media_time,
+                      Clock::duration spread) = 0;
 };
 
 // To 127.0.0.1:`port`. Ends the process, with a line, when there is no socket.

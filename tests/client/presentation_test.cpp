@@ -209,6 +209,19 @@ TEST_F(Presentation, RenderPresentsTheTextureAgainWithoutANewPicture) {
     EXPECT_EQ(transcript.take(), kWholePicture);
 }
 
+TEST_F(Presentation, APictureIsNewUntilItIsShownOrTheStreamHasEnded) {
+    EXPECT_FALSE(receiver.has_new_picture());
+    for (const bool with_update : {false, true}) {
+        peer.picture_ready() = true;
+        EXPECT_TRUE(receiver.has_new_picture());
+        with_update ? receiver.update() : receiver.render();
+        EXPECT_FALSE(receiver.has_new_picture());
+    }
+    peer.picture_ready() = true;
+    peer.running() = false;
+    EXPECT_FALSE(receiver.has_new_picture());
+}
+
 TEST_F(Presentation, RenderUploadsANewPictureOnceUnderItsLock) {
     peer.picture_ready() = true;
     receiver.render();

@@ -58,7 +58,7 @@ export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
 
 # Bad usage needs neither display nor port, and shows that the program loads.
 for program in "$work/with_cmake/in_application" "$work/with_pkg_config"; do
-    expect_equal "usage of $program" "Usage: $program PORT:REPLY_PORT:NAME..." \
+    expect_equal "usage of $program" "Usage: $program [--size WIDTHxHEIGHT] PORT:REPLY_PORT:NAME..." \
         "$("$program" nonsense 2>&1 || true)"
 done
 

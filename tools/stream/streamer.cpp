@@ -26,11 +26,6 @@ constexpr int kMaxOpusPacket = 4000;  // bytes
 constexpr std::size_t kMaxFrame =
     std::size_t{kMaxFragmentsPerFrame} * kMaxFragmentPayload;  // bytes
 
-// Fraction of the time until the next frame over which a frame's datagrams are spread. The rest is
-// for the player to take the last ones, so that it is ready for the next frame, and a keyframe does
-// not delay the frame after it.
-constexpr double kSpread = 0.75;
-
 // A stream that is later than this no longer tries to catch up: better late than a burst of frames.
 constexpr auto kHopelesslyLate = std::chrono::seconds(1);
 
