@@ -98,13 +98,14 @@ class ScaledPicture : public PlayerTest, public testing::WithParamInterface<cons
                 grey += value > 60 && value <= 190 ? 1 : 0;
             }
             return shown.size == narrow && white + grey > narrow.width / 3;
-        })) << white << " white and " << grey << " grey pixels";
+        })) << white
+            << " white and " << grey << " grey pixels";
         return grey;
     }
 };
 
 TEST_P(ScaledPicture, IsSmooth) {
-    EXPECT_GT(grey_pixels(), kPictureSize.width / 3);
+    EXPECT_GT(grey_pixels(), kPictureSize.width / 6);
 }
 
 TEST_P(ScaledPicture, IsAsTheEnvironmentHasItWhereThatNamesAFilter) {
