@@ -6,6 +6,15 @@ set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
+# Where ccache is installed, what did not change is not compiled again. It takes precompiled headers for
+# what they are only when it may trust them (its manual, "Precompiled headers").
+find_program(VESPER_CCACHE ccache)
+mark_as_advanced(VESPER_CCACHE)
+if(VESPER_CCACHE AND (NOT CMAKE_CXX_COMPILER_LAUNCHER OR CMAKE_CXX_COMPILER_LAUNCHER MATCHES "ccache$"))
+    set(CMAKE_CXX_COMPILER_LAUNCHER
+        env CCACHE_SLOPPINESS=pch_defines,time_macros ${VESPER_CCACHE})
+endif()
+
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)
 # The presets ask for it. Elsewhere a compiler newer than ours must not end the build.
 option(VESPER_WARNINGS_AS_ERRORS "Let every warning fail the build" OFF)

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <concepts>
 #include <cstdlib>
+#include <stdexcept>
 
 #include "net/stream_datagrams.h"
 #include "tests/support/numbered_addresses.h"
@@ -41,8 +42,8 @@ ChildProcess::Environment player_environment(const VirtualDisplay& display) {
         {"SDL_AUDIODRIVER", "dummy"},
         {"ASAN_OPTIONS", "exitcode=99:verify_asan_link_order=0"},
         {"UBSAN_OPTIONS", "print_stacktrace=1"},
-        {"LSAN_OPTIONS", "print_suppressions=0:suppressions=" VESPER_E2E_SOURCES "/lsan.supp"},
-        {"TSAN_OPTIONS", "exitcode=99:suppressions=" VESPER_E2E_SOURCES "/tsan.supp"},
+        {"LSAN_OPTIONS", "print_suppressions=0:suppressions='" VESPER_SUPPRESSIONS "/lsan.supp'"},
+        {"TSAN_OPTIONS", "exitcode=99:suppressions='" VESPER_SUPPRESSIONS "/tsan.supp'"},
 #ifdef VESPER_E2E_PRELOAD
         {"LD_PRELOAD", VESPER_E2E_PRELOAD},
 #endif
@@ -72,7 +73,7 @@ void PlayerTest::run_player(const std::vector<std::string>& arguments,
 }
 
 void PlayerTest::start_player(const std::vector<std::string>& more) {
-    ASSERT_NO_FATAL_FAILURE(start_player_anywhere(more));
+    start_player_anywhere(more);
     // Not earlier: SDL replaces the window when the renderer wants another kind of it.
     window.emplace(display, player->pid());
 }
@@ -87,7 +88,9 @@ void PlayerTest::start_player_anywhere(const std::vector<std::string>& more) {
     arguments.insert(arguments.end(), more.begin(), more.end());
     has_audio = std::ranges::find(more, "--has-audio") != more.end();
     run_player(arguments);
-    ASSERT_TRUE(eventually([this] { return player->out() == start_up_text(); })) << player->out();
+    if (!eventually([this] { return player->out() == start_up_text(); })) {
+        throw std::runtime_error("the player did not start: " + player->out() + player->err());
+    }
 }
 
 void PlayerTest::expect_clean_end() {

@@ -42,7 +42,8 @@ class PlayerTest : public testing::Test {
                     ChildProcess::Output output = ChildProcess::Output::Separate);
 
     // Runs the player for a stream of stream_size with `more` arguments, and waits until it
-    // listens and its window is on the screen.
+    // listens and its window is on the screen. Throws std::runtime_error when it does not come to
+    // that: nothing that a test does next would make sense.
     void start_player(const std::vector<std::string>& more = {});
 
     // The same for any window system: waits only until the player listens.
