@@ -70,8 +70,8 @@ auto* const kTexture = reinterpret_cast<SDL_Texture*>(0x3000);
 constexpr std::uint32_t kWindowId = 5;
 constexpr std::uint32_t kUid = 7;
 
-// The long sleep of the join's watchdog, which the tests block or wait out: a watchdog may outlive
-// the receiver, but not the test.
+// The long sleep of the join's watchdog, which the tests block: a watchdog may outlive the
+// receiver, but not the test.
 class Watchdogs {
   public:
     // Whether a sleep of `duration` is a watchdog's.
@@ -79,8 +79,8 @@ class Watchdogs {
 
     void started() { ++started_; }
 
-    // On the watchdog's thread: sleeps until let go of, or, in real time, for as long as asked.
-    int sleep(const timespec* duration, timespec* rest) {
+    // On the watchdog's thread: sleeps until let go of, however long that takes.
+    int sleep() {
         // Destroyed when the watchdog's thread ends.
         struct AtEnd {
             std::atomic<int>* ended;
@@ -88,31 +88,30 @@ class Watchdogs {
         };
         thread_local std::optional<AtEnd> at_end;
         at_end.emplace(&ended_);
-        if (real_time_) {
-            return __real_nanosleep(duration, rest);
-        }
         std::unique_lock lock(mutex_);
-        let_go_.wait(lock, [this] { return !held_; });
+        released_.wait(lock, [this] { return !held_; });
         return 0;
     }
 
-    void keep_real_time() { real_time_ = true; }
-
-    // Ends the blocked sleeps and waits for every watchdog's end.
-    void finish() {
+    // Ends the blocked sleeps.
+    void let_go() {
         {
             const std::lock_guard lock(mutex_);
             held_ = false;
         }
-        real_notify_all(&let_go_);
+        real_notify_all(&released_);
+    }
+
+    // The same, and waits for every watchdog's end.
+    void finish() {
+        let_go();
         EXPECT_TRUE(eventually([this] { return ended_ == started_; }));
     }
 
   private:
     std::mutex mutex_;
-    std::condition_variable let_go_;
+    std::condition_variable released_;
     bool held_ = true;
-    std::atomic<bool> real_time_{false};
     std::atomic<int> started_{0};
     std::atomic<int> ended_{0};
 };
@@ -139,7 +138,7 @@ class ReceiverTearDown : public HookedTest {
                 return __real_nanosleep(duration, rest);
             }
             watchdog_duration = duration->tv_sec;
-            return watchdogs.sleep(duration, rest);
+            return watchdogs.sleep();
         };
         hook_SDL_WasInit = [](Uint32 flags) { return flags & SDL_INIT_VIDEO; };
         hook_sdl_objects();
@@ -478,15 +477,13 @@ TEST_F(ReceiverTearDown, SecondStopOfTheDecoderReturnsAtOnceWhileTheFirstStillJo
 
 // ---- the watchdog ----
 
-TEST_F(ReceiverTearDown, JoinOfADecodeThreadStuckForSixSecondsIsReportedOnceAndCompletes) {
-    watchdogs.keep_real_time();
+TEST_F(ReceiverTearDown, JoinThatOutlastsTheWatchdogsSleepIsReportedOnceAndCompletes) {
     go_live();
     get_decoder_stuck();
     std::thread unstick;
     at_join = [&] {
         unstick = std::thread([this] {
-            const timespec stuck_for{.tv_sec = 6, .tv_nsec = 0};
-            __real_nanosleep(&stuck_for, nullptr);
+            watchdogs.let_go();
             EXPECT_TRUE(eventually([this] { return transcript.contains("ERROR"); }));
             decoder_stuck = false;
         });

@@ -150,8 +150,11 @@ TEST(StandInParentTest, DescribesTheStreamToThePlayer) {
 }
 
 TEST(StandInParentTest, EndsThePlayerAfterTheSecondsAskedFor) {
-    StandInParent parent({"--size", "480x240", "--seconds", "5"});
-    EXPECT_EQ(parent.process().wait_for_end(), (Ending{.status = 0, .signal = 0}));
+    const VirtualDisplay display;
+    ChildProcess parent({VESPER_PARENT, "--size", "480x240", "--seconds", "1"},
+                        player_environment(display));
+    EXPECT_EQ(parent.wait_for_end(), (Ending{.status = 0, .signal = 0}));
+    EXPECT_NE(parent.out().find("[VideoPlayer] Listening on UDP port "), std::string::npos);
 }
 
 TEST(StandInParentTest, ShowsAFile) {

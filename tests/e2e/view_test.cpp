@@ -115,6 +115,8 @@ class Fullscreen : public View {
   protected:
     void SetUp() override {
         display.run_window_manager();
+        // Two clicks are a double click however long the player takes from one to the other.
+        environment["SDL_MOUSE_DOUBLE_CLICK_TIME"] = "600000";  // ms
         start_player_with_fields();
         saved_size_ = window->size();
         saved_position_ = window->position();

@@ -19,21 +19,23 @@ int ignore_x_error(Display*, XErrorEvent*) {
     return 0;
 }
 
-// A window manager announces itself by this property of the root window (Extended Window Manager
-// Hints, section "Root Window Properties").
+// A window manager lists its windows in this property of the root window (Extended Window Manager
+// Hints, section "Root Window Properties"). openbox announces itself earlier, by
+// _NET_SUPPORTING_WM_CHECK, before it takes requests to map windows: one that comes in between is
+// never mapped.
 bool window_manager_is_up(Display* display) {
-    const Atom property = XInternAtom(display, "_NET_SUPPORTING_WM_CHECK", False);
+    const Atom property = XInternAtom(display, "_NET_CLIENT_LIST", False);
     Atom type = None;
     int format = 0;
     unsigned long items = 0;
     unsigned long rest = 0;
     unsigned char* data = nullptr;
-    XGetWindowProperty(display, DefaultRootWindow(display), property, 0, 1, False, XA_WINDOW, &type,
+    XGetWindowProperty(display, DefaultRootWindow(display), property, 0, 0, False, XA_WINDOW, &type,
                        &format, &items, &rest, &data);
     if (data != nullptr) {
         XFree(data);
     }
-    return items == 1;
+    return type == XA_WINDOW;  // the list is empty, but there
 }
 
 }  // namespace

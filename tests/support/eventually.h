@@ -6,8 +6,8 @@
 
 namespace vesper::test {
 
-// Long enough for a sanitizer build on a busy machine; reached only by a test that fails.
-inline constexpr std::chrono::milliseconds kPatience = std::chrono::seconds(60);
+// Long enough for a sanitizer build beside many busy processes; reached only by a test that fails.
+inline constexpr std::chrono::milliseconds kPatience = std::chrono::minutes(3);
 
 inline constexpr std::chrono::milliseconds kPollInterval{5};
 

@@ -25,6 +25,7 @@ extern "C" {
 #include "tests/tools/stream_receiver.h"
 #include "tools/parent/player_process.h"
 #include "tools/stream/capture.h"
+#include "tools/stream/free_port.h"
 #include "tools/stream/packetizer.h"
 #include "tools/stream/vp8_encoder.h"
 
@@ -142,7 +143,7 @@ std::set<int> open_files(pid_t pid) {
 }
 
 // The first moment of a stream; false when a library refuses.
-bool write_capture(const std::string& path, const Vp8Settings& video, bool sound) {
+bool write_capture(const std::string& path, const Vp8Settings& video, int sound_packets) {
     Vp8Encoder encoder;
     CaptureWriter capture;
     const Picture picture = test::make_grey_picture(video.width, video.height);
@@ -153,8 +154,9 @@ bool write_capture(const std::string& path, const Vp8Settings& video, bool sound
     for (const Datagram& datagram : VideoPacketizer().packetize(encoder.encode(picture, true))) {
         capture.write(kPort, kPort + 1, datagram);
     }
-    if (sound) {
-        capture.write(kPort, kPort + 1, AudioPacketizer().packetize(Datagram(3)));
+    AudioPacketizer sound;
+    for (int i = 0; i < sound_packets; ++i) {
+        capture.write(kPort, kPort + 1, sound.packetize(Datagram(3)));
     }
     return true;
 }
@@ -169,17 +171,19 @@ bool ended(pid_t pid) {
 }
 
 TEST_F(ParentTest, PassesEverythingToThePlayerOnItsCommandLine) {
+    const std::string listen_port = std::to_string(free_port());
     Parent parent({"--player", talkative_player(), "--username", "Ann B", "--volume", "0.5",
-                   "--muted", "--listen", "45678"});
+                   "--muted", "--listen", listen_port});
     EXPECT_EQ(parent.status(), 0);
     std::vector<std::string> words = parent.out();
     ASSERT_GT(words.size(), 2U);
     words.pop_back();  // the summary
     EXPECT_GT(std::stoi(words.at(1)), 0);
     words.at(1) = "PORT";
-    EXPECT_THAT(words, ElementsAre("--port", "PORT", "--streamer-id", "1", "--username", "Ann B",
-                                   "--width", "320", "--height", "240", "--parent-port", "45678",
-                                   "--audio-volume", "0.500000", "--has-audio", "--audio-muted"));
+    EXPECT_THAT(
+        words, ElementsAre("--port", "PORT", "--streamer-id", "1", "--username", "Ann B", "--width",
+                           "320", "--height", "240", "--parent-port", listen_port, "--audio-volume",
+                           "0.500000", "--has-audio", "--audio-muted"));
 }
 
 TEST_F(ParentTest, StartsThePlayerWithoutSoundWhenThereIsNone) {
@@ -198,7 +202,7 @@ TEST_F(ParentTest, ThePlayersStreamerIsTheFileWhereNoNameIsGiven) {
 
 TEST_F(ParentTest, StartsThePlayerWithTheSizeAndSoundOfACapture) {
     const std::string file = folder_.file("loud.pcap");
-    ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, true));
+    ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, 1));
     Parent parent({"--player", talkative_player(), "--replay", file}, {});
     EXPECT_EQ(parent.status(), 0);
     EXPECT_THAT(parent.out(), IsSupersetOf({"loud.pcap", "322", "182", "--has-audio"}));
@@ -206,7 +210,7 @@ TEST_F(ParentTest, StartsThePlayerWithTheSizeAndSoundOfACapture) {
 
 TEST_F(ParentTest, CountsTheFramesOfACapture) {
     const std::string file = folder_.file("short.pcap");
-    ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, true));
+    ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, 1));
     Parent parent({"--player", patient_player(), "--replay", file}, {});
     EXPECT_EQ(parent.status(), 0);
     EXPECT_THAT(parent.out().back(), HasSubstr("  1 frames in 2 datagrams, "));
@@ -214,7 +218,7 @@ TEST_F(ParentTest, CountsTheFramesOfACapture) {
 
 TEST_F(ParentTest, StartsThePlayerWithoutSoundForASilentCapture) {
     const std::string file = folder_.file("silent.pcap");
-    ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, false));
+    ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, 0));
     Parent parent({"--player", talkative_player(), "--replay", file}, {});
     EXPECT_EQ(parent.status(), 0);
     EXPECT_THAT(parent.out(), Not(Contains("--has-audio")));
@@ -222,7 +226,7 @@ TEST_F(ParentTest, StartsThePlayerWithoutSoundForASilentCapture) {
 
 TEST_F(ParentTest, StartsThePlayerWithTheSizeAskedForInsteadOfTheCaptures) {
     const std::string file = folder_.file("large.pcap");
-    ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, false));
+    ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, 0));
     Parent parent({"--player", talkative_player(), "--replay", file}, {"--size", "642x362"});
     EXPECT_EQ(parent.status(), 0);
     EXPECT_THAT(parent.out(), IsSupersetOf({"642", "362"}));
@@ -303,11 +307,13 @@ TEST_F(ParentTest, EndsWithItsFile) {
 
 TEST_F(ParentTest, FeedsAPlayerThatRunsAlready) {
     test::StreamReceiver receiver;
-    Parent parent({"--to", std::to_string(receiver.port()), "--listen", "45679"});
+    const std::uint16_t listen_port = free_port();
+    Parent parent(
+        {"--to", std::to_string(receiver.port()), "--listen", std::to_string(listen_port)});
     EXPECT_TRUE(test::is_keyframe(receiver.next_frame()));
-    receiver.send(kKeyframeRequest, 45679);
+    receiver.send(kKeyframeRequest, listen_port);
     EXPECT_TRUE(parent.mentions("  1 KFRQ  volume not reported"));
-    receiver.send(make_audio_state({.muted = true, .volume = 0.25F}), 45679);
+    receiver.send(make_audio_state({.muted = true, .volume = 0.25F}), listen_port);
     EXPECT_TRUE(parent.mentions("  1 KFRQ  volume 25 % muted"));
     parent.send_signal(SIGTERM);
     EXPECT_EQ(parent.status(), 128 + SIGTERM);
@@ -328,15 +334,20 @@ TEST_F(ParentTest, ReportsWhatThePlayersBufferHadNoRoomFor) {
 }
 
 TEST_F(ParentTest, FullLossLetsNothingThrough) {
-    Parent parent({"--player", patient_player(), "--loss", "100", "--seconds", "1"});
+    const std::string file = folder_.file("loud.pcap");
+    ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, 10));
+    Parent parent({"--player", patient_player(), "--replay", file, "--loss", "100"}, {});
     EXPECT_EQ(parent.status(), 0);
     EXPECT_THAT(parent.out().back(),
-                ContainsRegex("  0 kbit/s .* in 0 datagrams, .*, [1-9][0-9]* dropped on purpose"));
+                ContainsRegex("  0 kbit/s .* in 0 datagrams, .*, 11 dropped on purpose"));
 }
 
 TEST_F(ParentTest, EachImpairmentIsCounted) {
-    Parent parent({"--player", patient_player(), "--duplicate", "50", "--reorder", "50",
-                   "--corrupt", "50", "--truncate", "50", "--jitter", "5", "--seconds", "1"});
+    const std::string file = folder_.file("loud.pcap");
+    ASSERT_TRUE(write_capture(file, {.width = 322, .height = 182}, 50));
+    Parent parent({"--player", patient_player(), "--replay", file, "--duplicate", "50", "--reorder",
+                   "50", "--corrupt", "50", "--truncate", "50", "--jitter", "5"},
+                  {});
     EXPECT_EQ(parent.status(), 0);
     EXPECT_THAT(parent.out().back(),
                 ContainsRegex("for, [1-9][0-9]* doubled, [1-9][0-9]* reordered, [1-9][0-9]* "
@@ -363,7 +374,7 @@ TEST_F(ParentTest, BadInputIsOneLineAndStatusTwo) {
     const std::string text = folder_.file("notes.txt");
     std::ofstream(text) << std::string(1000, 'a');
     const std::string cut_short = folder_.file("cut short.pcap");
-    ASSERT_TRUE(write_capture(cut_short, {.width = 320, .height = 240}, true));
+    ASSERT_TRUE(write_capture(cut_short, {.width = 320, .height = 240}, 1));
     std::filesystem::resize_file(cut_short, std::filesystem::file_size(cut_short) - 1);
 
     struct Case {
