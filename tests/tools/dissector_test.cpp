@@ -1,11 +1,14 @@
 // Lets Wireshark's command-line sister read a capture through tools/wireshark/vesper.lua.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -63,7 +66,12 @@ const std::string kWithPort = "-o vesper.ports:" + std::to_string(kPlayerPort);
 
 class Dissector : public testing::Test {
   protected:
-    void SetUp() override { ASSERT_TRUE(writer_.open(folder_.file("capture.pcap"))); }
+    void SetUp() override {
+        ASSERT_TRUE(writer_.open(folder_.file("capture.pcap")));
+        namespace fs = std::filesystem;
+        fs::copy_file(VESPER_SOURCE_FOLDER "/tools/wireshark/vesper.lua", script_);
+        fs::permissions(script_, fs::perms::others_read, fs::perm_options::add);
+    }
 
     void to_player(const Datagram& datagram, std::uint16_t port = kPlayerPort) {
         writer_.write(kParentPort, port, datagram);
@@ -73,17 +81,21 @@ class Dissector : public testing::Test {
     }
 
     // What tshark prints of each datagram: a line of the fields' values, with bars between them,
-    // nothing where a datagram has no such field.
+    // nothing where a datagram has no such field, 1 for a true one and 0 for a false one.
+    //
+    // Since Wireshark 4.2 it runs no script for root, who therefore has nobody run it, and as
+    // nobody may not look into the folder gets both files open.
     [[nodiscard]] std::string dissected(const Names& fields, const std::string& options = "") {
-        std::string command = "WIRESHARK_CONFIG_DIR='" + folder_.path().string() +
-                              "' tshark -n -r '" + folder_.file("capture.pcap") +
-                              "' -X 'lua_script:" VESPER_SOURCE_FOLDER
-                              "/tools/wireshark/vesper.lua' -T fields -E 'separator=|' " +
-                              options;
+        std::string command = "HOME=/nonexistent WIRESHARK_CONFIG_DIR=/nonexistent ";
+        if (geteuid() == 0) {
+            command += "setpriv --reuid=nobody --regid=nogroup --clear-groups ";
+        }
+        command += "tshark -n -r - -X lua_script:/dev/fd/3 -T fields -E 'separator=|' " + options;
         for (const std::string& field : fields) {
             command += " -e " + field;
         }
-        command += " 2>'" + folder_.file("errors") + "'";
+        command += " <'" + folder_.file("capture.pcap") + "' 3<'" + script_ + "' 2>'" +
+                   folder_.file("errors") + "'";
         std::FILE* tshark = popen(command.c_str(), "r");
         if (tshark == nullptr) {
             ADD_FAILURE() << "no process";
@@ -95,16 +107,24 @@ class Dissector : public testing::Test {
         }
         EXPECT_EQ(pclose(tshark), 0) << errors();
         EXPECT_THAT(errors(), Not(HasSubstr("Lua")));
-        return printed;
+        return with_digits_for_truths(printed);
     }
 
   private:
+    // As Wireshark printed truths before 4.2.
+    static std::string with_digits_for_truths(const std::string& lines) {
+        const std::string digits =
+            std::regex_replace(lines, std::regex(R"((^|\||\n)True(?=\||\n))"), "$011");
+        return std::regex_replace(digits, std::regex(R"((^|\||\n)False(?=\||\n))"), "$010");
+    }
+
     [[nodiscard]] std::string errors() const {
         std::ifstream file(folder_.file("errors"));
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
     test::TemporaryFolder folder_;
+    const std::string script_ = folder_.file("vesper.lua");
     CaptureWriter writer_;
 };
 
