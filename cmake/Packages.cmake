@@ -53,7 +53,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 # The libraries are static, so a program that embeds them links everything that they use; the
 # CMake package asks pkg-config where that is.
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-    "libavcodec-dev, libavutil-dev, libopus-dev, libsdl2-dev, libswscale-dev, pkg-config")
+    "libavcodec-dev, libavutil-dev, libopus-dev, libsdl2-dev, libswscale-dev, pkgconf")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "live streams in windows of your application (development files)
 Static libraries and headers of the receiver that vesper-player is made of:
 reassembly of VP8 frames out of datagrams, decoding, presentation in an SDL

@@ -82,7 +82,7 @@ expect_equal "dependencies of vesper" "$(needed_packages vesper-player)" "$(depe
 expect_equal "dependencies of vesper-parent" \
     "$({ needed_packages vesper-parent; echo vesper; } | LC_ALL=C sort)" "$(dependencies "$parent")"
 expect_equal "dependencies of libvesper-dev" "libavcodec-dev, libavutil-dev, libopus-dev, \
-libsdl2-dev, libswscale-dev, pkg-config" "$(field "$development" Depends)"
+libsdl2-dev, libswscale-dev, pkgconf" "$(field "$development" Depends)"
 
 for package in "$player" "$parent" "$development"; do
     expect_equal "version of $package" "$version" "$(field "$package" Version)"
