@@ -44,13 +44,17 @@ class HookedTest : public testing::Test {
 
 }  // namespace vesper::test
 
+// The two functions get their names by asm labels, and not by C linkage, because what they stand
+// for may be a C++ function whose types C does not have.
+//
 // NOLINTBEGIN: the names are the linker's.
 #define VESPER_HOOK(name, result, parameters, arguments)                      \
-    extern "C" result __real_##name parameters;                               \
+    result __real_##name parameters __asm__("__real_" #name);                 \
     static std::function<result parameters> hook_##name;                      \
     static const vesper::test::HookRegistration registration_##name(          \
         [] { hook_##name = nullptr; });                                       \
-    extern "C" result __wrap_##name parameters {                              \
+    result __wrap_##name parameters __asm__("__wrap_" #name);                 \
+    result __wrap_##name parameters {                                         \
         return hook_##name ? hook_##name arguments : __real_##name arguments; \
     }
 // NOLINTEND
