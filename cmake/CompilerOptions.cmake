@@ -16,7 +16,8 @@ if(VESPER_CCACHE AND (NOT CMAKE_CXX_COMPILER_LAUNCHER OR CMAKE_CXX_COMPILER_LAUN
 endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)
-# The presets ask for it. Elsewhere a compiler newer than ours must not end the build.
+# The presets that developers test with ask for it. Elsewhere a compiler newer than ours must not end
+# the build.
 option(VESPER_WARNINGS_AS_ERRORS "Let every warning fail the build" OFF)
 if(VESPER_WARNINGS_AS_ERRORS)
     add_compile_options(-Werror)
