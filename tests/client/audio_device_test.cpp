@@ -8,8 +8,10 @@
 #include <chrono>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/captured_output.h"
@@ -220,7 +222,8 @@ TEST_F(AudioDeviceTest, DestructorClosesTheDevice) {
 }
 
 TEST_F(AudioDeviceTest, DestructorOfAClosedDeviceDoesNothing) {
-    { const AudioDevice never_opened; }
+    std::optional<AudioDevice> never_opened(std::in_place);
+    never_opened.reset();
     EXPECT_THAT(calls, IsEmpty());
 }
 

@@ -579,7 +579,8 @@ constexpr int chroma(int pixels) {
 // Left over red, right over green; left under blue, right under white.
 tools::Picture four_colours(int width, int height) {
     tools::Picture picture = tools::make_picture(width, height);
-    const auto fill = [&](int plane, int w, int h, std::uint8_t Colour::*component) {
+    using Component = std::uint8_t Colour::*;
+    const auto fill = [&](int plane, int w, int h, Component component) {
         for (int y = 0; y < h; ++y) {
             for (int x = 0; x < w; ++x) {
                 const Colour& colour =

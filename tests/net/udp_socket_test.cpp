@@ -127,7 +127,8 @@ TEST_F(UdpSocket, DestructorClosesTheDescriptor) {
 TEST_F(UdpSocket, DestructorOfAnUnboundSocketClosesNothing) {
     int closed = 0;
     hook_close = [&](int) { return closed++; };
-    { const UDPSocket socket; }
+    std::optional<UDPSocket> socket(std::in_place);
+    socket.reset();
     EXPECT_EQ(closed, 0);
 }
 

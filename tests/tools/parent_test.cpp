@@ -240,10 +240,11 @@ TEST_F(ParentTest, ThePlayersInheritOnlyInputAndOutputs) {
         ASSERT_TRUE(parent.says(number + kListening));
         const pid_t player = pid_of(parent, number);
         // While it starts it opens files of its own for a moment.
-        EXPECT_TRUE(eventually([player] {
+        const auto has_only_those = [player] {
             return open_files(player) == std::set<int>({0, 1, 2});
-        })) << number
-            << testing::PrintToString(open_files(player));
+        };
+        EXPECT_TRUE(eventually(has_only_those))
+            << number << testing::PrintToString(open_files(player));
     }
     parent.send_signal(SIGTERM);
     EXPECT_EQ(parent.status(), 128 + SIGTERM);
