@@ -53,7 +53,8 @@ options_of_player() {
         "$(grep -o '^[^= ]*' <<<"$options")"
 }
 
-# "--fps=30 (1 to 240)" of "  --fps INT:INT in [1 - 240]=30"; or the text behind an option has
+# "--fps=30 (1 to 240)" of "  --fps INT:INT in [1 - 240]=30", or, since CLI11 2.4, of
+# "  --fps INT:INT in [1 - 240] [30] "; or the text behind an option has
 # "(default: 30)" and "1 to 240". The range of a PERCENT goes without saying.
 options_of_parent() {
     options=$("$1" --help | awk "$gather"'
@@ -65,6 +66,11 @@ options_of_parent() {
             sub(/  .*/, "", specification)
             sub(/ (Excludes|Needs): .*/, "", specification)
             if (match(specification, /=[^=]*$/)) standard = substr(specification, RSTART)
+            if (match(specification, / \[[^]]*\] *$/)) {
+                standard = substr(specification, RSTART + 2)
+                sub(/\] *$/, "", standard)
+                standard = "=" standard
+            }
         }
         { look_for_range() }
         match($0, /\(default: [^)]*\)/) { standard = "=" substr($0, RSTART + 10, RLENGTH - 11) }' | sort)
