@@ -13,37 +13,12 @@ if [ "$(id -u)" -ne 0 ]; then
     exec sudo -n "$0" "$@"
 fi
 source "$(dirname "$0")/expect.sh"
+source "$(dirname "$0")/perceived.sh"
 source "$(dirname "$0")/../../scripts/setup.sh"
+source scripts/roots.sh
 packages=$1 work=$2
 
 readonly limit=60  # seconds, for what takes a moment on a machine with nothing else to do
-
-# The test picture's six stripes, each as red, green and blue, on or off.
-readonly stripes="100 010 110 001 101 011"
-
-# Debian's own among the sources of this machine's apt, one a line.
-debian_sources() {
-    # shellcheck disable=SC2016 # apt fills them in
-    apt-get indextargets --format 'deb $(REPO_URI) $(RELEASE) $(COMPONENT)' \
-        'Created-By: Packages' 'Origin: Debian'
-}
-
-# The smallest Debian with apt, which fetches as this machine's does: same sources, same proxies.
-make_root() {
-    debian_sources >"$work/sources.list"
-    if [ ! -s "$work/sources.list" ]; then
-        echo "This machine's apt has no list of Debian's packages; run apt-get update."
-        return 1
-    fi
-    apt-config dump Acquire >"$work/apt.conf"
-    mmdebstrap --variant=apt --aptopt="$work/apt.conf" \
-        --skip=cleanup/apt/lists "" "$root" - \
-        <"$work/sources.list" >"$work/make_root.log" 2>&1
-    local package
-    for package in vesper vesper-parent libvesper-dev; do
-        cp "$packages/$package"_*.deb "$root/tmp/$package.deb"
-    done
-}
 
 install_in_root() {
     chroot "$root" env DEBIAN_FRONTEND=noninteractive \
@@ -75,23 +50,10 @@ move_window() {
     timeout "$limit" xdotool search --sync --onlyvisible --name "^$1\$" windowmove "$2" "$3"
 }
 
-# colors_on_screen FILE X,Y...: takes a screenshot and names its colours at these points, each as red,
-# green and blue, on or off.
+# colors_on_screen FILE X,Y...: takes a screenshot and names its colours at these points.
 colors_on_screen() {
-    local point format=
-    for point in "${@:2}"; do
-        format+="%[fx:p{$point}.r>0.5]%[fx:p{$point}.g>0.5]%[fx:p{$point}.b>0.5] "
-    done
     import -window root "$1"
-    identify -format "$format" "$1" | sed 's/ $//'
-}
-
-# Frequency and level of the last second that was played; without the tone's higher beep.
-tone() {
-    sox "${played_sound[@]}" "$root/tmp/sound.raw" -n remix 1 trim -1 sinc -1000 stat 2>&1 |
-        awk '/^Rough +frequency/ { frequency = $NF }
-             /^RMS +amplitude/ { level = $NF }
-             END { printf "%.0f0 Hz, %.0f %%\n", frequency / 10, 100 * level }'
+    colors_of "$@"
 }
 
 play_test_stream() {
@@ -100,9 +62,11 @@ play_test_stream() {
         vesper-parent --size 640x360 --player /usr/bin/vesper-player >"$work/player.log" 2>&1 &
     local parent=$!
     move_window "Stream: Test picture" 0 0
-    expect_at_last "picture of the player" "$stripes" colors_on_screen "$work/player.png" \
-        53,350 160,350 267,350 373,350 480,350 587,350
-    expect_at_last "sound of the player" "440 Hz, 6 %" tone
+    # shellcheck disable=SC2046 # points are words
+    expect_at_last "picture of the player" "$stripes" \
+        colors_on_screen "$work/player.png" $(stripe_points 640 360)
+    expect_at_last "sound of the player" "$tone" \
+        tone_of "${played_sound[@]}" "$root/tmp/sound.raw"
     terminate "$parent"
     expect_equal "status of vesper-parent after SIGTERM" 143 "$status"
     sox "${played_sound[@]}" "$root/tmp/sound.raw" "$work/player.wav"
@@ -125,9 +89,10 @@ show_two_streams() {
     move_window "Stream: Grace" 640 0
     move_window "Streams" 0 360
     # Ada's stripes, the same in Grace's picture, and two green fields in the application's window.
+    # shellcheck disable=SC2046 # points are words
     expect_at_last "streams of $name" "$stripes $stripes 010 010" \
         colors_on_screen "$work/$name.png" \
-        53,350 160,350 267,350 373,350 480,350 587,350 \
+        $(stripe_points 640 360) \
         667,175 720,175 773,175 827,175 880,175 933,175 \
         50,410 150,410
     terminate "$application"  # SDL makes the wish to quit of it
@@ -161,7 +126,10 @@ trap clean_up EXIT
 as_user=(chroot --userspec=nobody:nogroup "$root"
          env -i PATH=/usr/bin:/bin HOME=/tmp "DISPLAY=$DISPLAY")
 
-make_root
+make_root "$(debian_release)" "$root" "$work"
+for package in vesper vesper-parent libvesper-dev; do
+    cp "$packages/$package"_*.deb "$root/tmp/$package.deb"
+done
 install_in_root /tmp/vesper.deb /tmp/vesper-parent.deb
 play_test_stream
 
