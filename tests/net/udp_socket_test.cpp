@@ -40,6 +40,14 @@ VESPER_HOOK(recvfrom, ssize_t,
             (fd, buffer, capacity, flags, address, size))
 VESPER_HOOK(poll, int, (pollfd * descriptors, nfds_t count, int timeout_ms),
             (descriptors, count, timeout_ms))
+// What poll() becomes where the compiler leaves it to the C library to check the array's size.
+// NOLINTBEGIN: the names are the linker's.
+extern "C" int __wrap___poll_chk(pollfd* descriptors, nfds_t count, int timeout_ms,
+                                 std::size_t bytes) {
+    EXPECT_LE(count * sizeof(pollfd), bytes);
+    return __wrap_poll(descriptors, count, timeout_ms);
+}
+// NOLINTEND
 VESPER_HOOK(setsockopt, int, (int fd, int level, int name, const void* value, socklen_t size),
             (fd, level, name, value, size))
 VESPER_HOOK(close, int, (int fd), (fd))

@@ -708,7 +708,9 @@ TEST_F(LeftClick, TheMuteButtonReachesFromTheLeftEdgeTo43) {
         EXPECT_EQ(state_.muted, muted);
         EXPECT_EQ(applied_volume(), muted ? 0.0F : 0.5F);
         EXPECT_EQ(applied_when_reported_, applied_volume());
-        EXPECT_THAT(take_reports(), ElementsAre(Report{muted, 0.5F}));
+        // Of a variable flag and a constant volume clang++ 19.1.7 makes a report of another volume:
+        // to the constant's bits it adds those of an old stack slot.
+        EXPECT_THAT(take_reports(), ElementsAre(muted ? Report{true, 0.5F} : Report{false, 0.5F}));
         EXPECT_THAT(take_calls(), ElementsAre("SDL_GetWindowSize", "sendto"));
     }
     EXPECT_EQ(state_.volume, 0.5F);
