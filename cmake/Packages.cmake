@@ -23,10 +23,18 @@ endif()
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+if(CMAKE_CROSSCOMPILING)
+    # CPack would ask dpkg, which knows what this machine is, and not what the programs are for.
+    execute_process(
+        COMMAND dpkg-architecture --host-type ${CMAKE_LIBRARY_ARCHITECTURE} --query DEB_HOST_ARCH
+        OUTPUT_VARIABLE CPACK_DEBIAN_PACKAGE_ARCHITECTURE OUTPUT_STRIP_TRAILING_WHITESPACE
+        ERROR_QUIET)
+endif()
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 # Adds what Debian asks of every package, strips the binaries and compresses the manual pages.
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/debian/FinishStaging.cmake)
+set(CPACK_VESPER_STRIP ${CMAKE_STRIP})
 set(CPACK_VESPER_DEBIAN_DIR ${PROJECT_SOURCE_DIR}/cmake/debian)
 
 set(CPACK_DEBIAN_PLAYER_PACKAGE_NAME vesper)

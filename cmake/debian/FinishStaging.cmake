@@ -4,7 +4,7 @@
 # Takes out of a binary what only a debugger would read.
 function(strip_sections file)
     execute_process(
-        COMMAND strip ${ARGN} --remove-section=.comment --remove-section=.note ${file}
+        COMMAND ${CPACK_VESPER_STRIP} ${ARGN} --remove-section=.comment --remove-section=.note ${file}
         COMMAND_ERROR_IS_FATAL ANY)
 endfunction()
 

@@ -18,8 +18,6 @@ source "$(dirname "$0")/../../scripts/setup.sh"
 source scripts/roots.sh
 packages=$1 work=$2
 
-readonly limit=60  # seconds, for what takes a moment on a machine with nothing else to do
-
 install_in_root() {
     chroot "$root" env DEBIAN_FRONTEND=noninteractive \
         apt-get install -q -y --no-install-recommends "$@" >>"$work/install.log" 2>&1
@@ -32,22 +30,8 @@ terminate() {
     wait "$1" || status=$?
 }
 
-# expect_at_last WHAT EXPECTED COMMAND...: compares what the command prints once it prints that, or
-# at the end of patience.
-expect_at_last() {
-    local actual end=$((SECONDS + limit))
-    while true; do
-        actual=$("${@:3}" || true)
-        if [ "$actual" = "$2" ] || [ $SECONDS -ge $end ]; then
-            break
-        fi
-        sleep 0.2
-    done
-    expect_equal "$1" "$2" "$actual"
-}
-
 move_window() {
-    timeout "$limit" xdotool search --sync --onlyvisible --name "^$1\$" windowmove "$2" "$3"
+    timeout "$patience" xdotool search --sync --onlyvisible --name "^$1\$" windowmove "$2" "$3"
 }
 
 # colors_on_screen FILE X,Y...: takes a screenshot and names its colours at these points.
@@ -75,14 +59,16 @@ play_test_stream() {
 # The first stream is the test picture, the second what the screen shows, half as large: on its left
 # the first.
 show_two_streams() {
-    local name=$1 program=$2 application feeders=() feeder
-    "${as_user[@]}" SDL_AUDIODRIVER=dummy "$program" 5000:5001:Ada 5002:5003:Grace \
+    local name=$1 program=$2 application feeders=() feeder ports
+    read -ra ports < <(free_ports 4)
+    "${as_user[@]}" SDL_AUDIODRIVER=dummy "$program" \
+        "${ports[0]}:${ports[1]}:Ada" "${ports[2]}:${ports[3]}:Grace" \
         >"$work/$name.log" 2>&1 &
     application=$!
-    "${as_user[@]}" vesper-parent --to 5000 --listen 5001 --size 640x360 \
+    "${as_user[@]}" vesper-parent --to "${ports[0]}" --listen "${ports[1]}" --size 640x360 \
         >"$work/$name.ada.log" 2>&1 &
     feeders+=($!)
-    "${as_user[@]}" vesper-parent --to 5002 --listen 5003 --size 640x360 --screen \
+    "${as_user[@]}" vesper-parent --to "${ports[2]}" --listen "${ports[3]}" --size 640x360 --screen \
         >"$work/$name.grace.log" 2>&1 &
     feeders+=($!)
     move_window "Stream: Ada" 0 0

@@ -2,6 +2,9 @@
 # one.
 #
 #   expect_equal WHAT EXPECTED ACTUAL     compares two texts and shows where they differ
+#   expect_at_last WHAT EXPECTED COMMAND...
+#                                         compares what the command prints once it prints that, or at the
+#                                         end of $patience
 #
 # shellcheck shell=bash
 set -euo pipefail
@@ -20,4 +23,18 @@ expect_equal() {
         diff -u <(echo "$expected") <(echo "$actual") | tail -n +3 || true
         expectations_failed=1
     fi
+}
+
+readonly patience=300  # seconds, for what takes a moment on a machine with nothing else to do
+
+expect_at_last() {
+    local actual end=$((SECONDS + patience))
+    while true; do
+        actual=$("${@:3}" || true)
+        if [ "$actual" = "$2" ] || [ $SECONDS -ge $end ]; then
+            break
+        fi
+        sleep 0.2
+    done
+    expect_equal "$1" "$2" "$actual"
 }

@@ -6,6 +6,7 @@
 #   $tone                   the tone
 #   tone_of WORD...         prints frequency and level of the last second of a recording, which sox is
 #                           told of in these words, without the tone's higher beep
+#   free_ports COUNT        prints UDP ports of the loopback address that nobody has
 #
 # shellcheck shell=bash
 
@@ -32,4 +33,13 @@ tone_of() {
         awk '/^Rough +frequency/ { frequency = $NF }
              /^RMS +amplitude/ { level = $NF }
              END { printf "%.0f0 Hz, %.0f %%\n", frequency / 10, 100 * level }'
+}
+
+free_ports() {
+    python3 -c '
+import socket, sys
+sockets = [socket.socket(type=socket.SOCK_DGRAM) for _ in range(int(sys.argv[1]))]
+for one in sockets:
+    one.bind(("127.0.0.1", 0))
+print(*(one.getsockname()[1] for one in sockets))' "$1"
 }
