@@ -1,5 +1,5 @@
-// vesper-parent: stands in for the application that starts the player, for engineers who write that
-// application and for whoever wants to see the player at work.
+// vesper-parent: stands in for the application that starts the player, for engineers who write such
+// an application and for anyone who wants to try the player.
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -34,13 +34,13 @@ namespace {
 constexpr int kBadUsage = 2;
 constexpr int kSignalBase = 128;  // exit status after a signal, as shells have it
 
-// Longest wait for something to happen before the clock is looked at again.
+// Longest wait for something to happen before the clock is checked again.
 constexpr int kWait = 100;  // ms
 
 // Patience with a player that was asked to end.
 constexpr auto kEndTimeout = std::chrono::seconds(5);
 
-// A descriptor that tells of the signals that end us. They are blocked in all threads from here on.
+// A descriptor for the signals that end us. They are blocked in all threads from here on.
 int watch_signals() {
     sigset_t signals;
     sigemptyset(&signals);
@@ -78,7 +78,7 @@ class Run {
     CaptureWriter capture_;
     std::vector<std::unique_ptr<Session>> sessions_;
     std::optional<Clock::time_point> start_;
-    bool failed_ = false;  // something could not be started; a line says what
+    bool failed_ = false;  // something could not be started; a line names it
 };
 
 int Run::run() {
@@ -214,7 +214,7 @@ int main(int argc, char** argv) {
         return status;
     }
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
-    av_log_set_level(AV_LOG_QUIET);  // one line of our own tells what went wrong
+    av_log_set_level(AV_LOG_QUIET);  // one line of our own reports what went wrong
     socket_init();
     status = Run(*options).run();
     socket_cleanup();

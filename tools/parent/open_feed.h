@@ -1,4 +1,4 @@
-// From the command line to what is sent.
+// From the command line to the feed.
 #pragma once
 
 #include <memory>

@@ -15,7 +15,7 @@ constexpr int kBadUsage = 2;
 // Largest side that a VP8 frame header can name (RFC 6386, section 9.1: 14 bits).
 constexpr int kMaxSide = 16'383;  // pixels
 
-// "1280x720" into `video`; the text says what is wrong, and is empty when nothing is.
+// "1280x720" into `video`; returns what is wrong, or an empty text.
 std::string read_size(const std::string& text, Vp8Settings& video) {
     int end = 0;
     if (std::sscanf(text.c_str(), "%5dx%5d%n", &video.width, &video.height, &end) != 2 ||

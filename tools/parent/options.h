@@ -18,8 +18,8 @@ struct Options {
     bool restart = true;                // --no-restart: the player stays when the size changes
     bool loop = false;                  // --loop: again and again
     std::optional<std::string> screen;  // --screen: what this display shows
-    bool sound = true;                  // --no-sound: nothing to hear
-    std::string replay;                 // --replay: what this capture holds, without encoding
+    bool sound = true;                  // --no-sound: no sound
+    std::string replay;                 // --replay: the stream in this capture, without encoding
     double speed = 1.0;                 // --speed: so many times as fast as it was captured
 
     bool has_size = false;  // --size was given

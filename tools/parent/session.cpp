@@ -19,7 +19,7 @@ namespace vesper::tools {
 
 namespace {
 
-// What the player says as soon as a datagram sent to it is not lost.
+// The line that the player prints once datagrams sent to it arrive.
 constexpr std::string_view kListeningLine = "[VideoPlayer] Listening on UDP port ";
 
 // Patience with a player that is to make place for another; then it is killed.

@@ -31,30 +31,29 @@ class Session {
     // Opens the feed. False when that failed.
     [[nodiscard]] bool open();
 
-    // To be called every now and then: passes on what the feed has to say; once the feed is ready,
-    // starts the player or, where one is to be fed that runs already, the stream; starts another
-    // player where the feed needs one. False when the feed or a player failed to start.
+    // Call it regularly. Passes on the feed's messages; once the feed is ready, starts the player
+    // or, if the player runs already, the stream; starts another player if the feed needs one.
+    // False when the feed or a player failed to start.
     [[nodiscard]] bool update();
 
-    // Passes on what the player wrote, and starts the stream when it says that it listens.
+    // Passes on the player's output, and starts the stream when the player reports that it listens.
     void read_player();
 
-    // The player's output and errors, to wait for; -1 where there is none.
+    // The player's output and errors, to wait for; -1 if there is none.
     [[nodiscard]] int player_output() const { return player_ ? player_->output() : -1; }
     [[nodiscard]] int player_errors() const { return player_ ? player_->errors() : -1; }
 
     // Once the player that we started has ended by itself: its exit status.
     [[nodiscard]] std::optional<int> player_exit_status();
 
-    // Whether the stream has started, and whether the feed has come to its end and all of it has
-    // left.
+    // Whether the stream has started, and whether the feed has ended and all of it has been sent.
     [[nodiscard]] bool started() const { return started_; }
     [[nodiscard]] bool feed_finished() const;
 
     // Ends the stream and asks the player to end.
     void stop();
 
-    // Adds this stream's figures to those of the others; the time is left alone.
+    // Adds this stream's figures to those of the others; leaves the time unchanged.
     void add_to(Figures& figures);
 
   private:
@@ -75,7 +74,7 @@ class Session {
     bool ready_ = false;  // the feed was, and the player or the stream was started
     bool started_ = false;
     std::optional<Clock::time_point> replacing_since_;  // the player is asked to make place
-    std::uint64_t overflowed_ = 0;         // as last seen: a player that has ended tells no more
+    std::uint64_t overflowed_ = 0;         // as last read: gone once the player has ended
     std::uint64_t overflowed_before_ = 0;  // of the players that made place
 
     std::mutex mutex_;  // guards the next, which the link's thread writes once it is started

@@ -23,7 +23,7 @@ template <typename... Values>
 }
 
 // What the terminal shows of `text` in one line: carriage return and erasing work on one only. The
-// last column stays free, because some terminals go on to the next line behind it.
+// last column stays free, because some terminals move on to the next line after it.
 [[nodiscard]] std::string_view one_line(std::string_view text) {
     winsize terminal{};
     const bool is_terminal = ioctl(STDOUT_FILENO, TIOCGWINSZ, &terminal) == 0;
@@ -35,7 +35,7 @@ template <typename... Values>
     return format("%" PRId64 ":%02" PRId64, seconds / 60, seconds % 60);
 }
 
-// Frames and kilobits a second of what came in `time`.
+// Frames and kilobits per second over `time`.
 [[nodiscard]] std::string rates(std::uint64_t frames, std::uint64_t bytes,
                                 std::chrono::duration<double> time) {
     const double seconds = time.count() > 0 ? time.count() : 1;
@@ -61,7 +61,7 @@ template <typename... Values>
            (!a || (a->muted == b->muted && a->volume == b->volume));
 }
 
-// Whether a player said something in between.
+// Whether a player reported something in between.
 [[nodiscard]] bool heard_something(const Figures& before, const Figures& now) {
     return before.keyframe_requests != now.keyframe_requests ||
            !std::ranges::equal(before.audio, now.audio, same);

@@ -1,5 +1,5 @@
-// What vesper-parent tells while it runs: one status line that a terminal shows in place, the lines
-// of the players above it, and a summary at the end.
+// What vesper-parent prints while it runs: one status line that a terminal shows in place, the
+// lines of the players above it, and a summary at the end.
 #pragma once
 
 #include <chrono>
@@ -44,7 +44,7 @@ struct Figures {
 // Prints on standard output. One thread uses it.
 class StatusReporter {
   public:
-    // `in_place`: the status line stays in its place, as a terminal can, and is cut at its edge.
+    // `in_place`: the status line is updated in place, as a terminal allows, and cut at its edge.
     // Otherwise each is a line of its own.
     explicit StatusReporter(bool in_place) : in_place_(in_place) {}
 
@@ -54,7 +54,7 @@ class StatusReporter {
     // A line of its own on `stream`, above the status line.
     void print(std::FILE* stream, std::string_view line);
 
-    // Takes the status line away for good and prints the summary.
+    // Removes the status line for good and prints the summary.
     void finish(const Figures& figures);
 
   private:

@@ -129,7 +129,7 @@ bool Decoder::fits_graph(const AVFrame& frame) const {
            channels_of(*like_) == channels_of(frame);
 }
 
-// What an earlier graph still holds, less than a block of sound, is lost.
+// The rest in an earlier graph, less than a block of sound, is lost.
 bool Decoder::open_graph(const AVFrame& frame) {
     close_graph();
     graph_ = avfilter_graph_alloc();

@@ -1,4 +1,4 @@
-// Decodes the packets of one stream of an input and brings what is in them into another shape.
+// Decodes the packets of one stream of an input and converts the result to a given format.
 #pragma once
 
 #include <string>
@@ -26,11 +26,11 @@ class Decoder {
     // in and one out. False when libavcodec has no decoder for it.
     [[nodiscard]] bool open(const AVCodecParameters& parameters, std::string shape);
 
-    // What `packet`, which is stamped in microseconds, makes come out: pictures, or blocks of
-    // sound, each stamped in microseconds. A packet that is damaged makes nothing come out.
+    // Decodes `packet`, stamped in microseconds, and returns what is ready: pictures, or blocks of
+    // sound, each stamped in microseconds. For a damaged packet, nothing.
     [[nodiscard]] std::vector<Picture> decode(const AVPacket& packet);
 
-    // What the decoder still holds when no packet follows. After this the stream may begin again.
+    // The rest of the decoder's output when no packet follows. After this the stream may restart.
     [[nodiscard]] std::vector<Picture> finish();
 
   private:

@@ -1,6 +1,6 @@
-// What a player is fed, whatever that is: the live stream that we encode, a capture sent again, or
-// a stream that somebody else encoded. Each hands its datagrams to a link at their time, and
-// whoever runs the player needs to know no more of it than this.
+// The interface of everything that a player can be fed: a live stream that we encode, a capture
+// sent again, or a stream that is encoded already. Each passes its datagrams to a link in time; the
+// code that runs the player needs to know nothing more.
 #pragma once
 
 #include <cstdint>
@@ -12,29 +12,29 @@
 
 namespace vesper::tools {
 
-// Calls come from one thread, but for those marked otherwise.
+// All calls come from one thread, except those marked otherwise.
 class Feed {
   public:
     struct Counters {
         std::uint64_t frames = 0;      // video frames on their way
         std::uint64_t skipped = 0;     // pictures left out because sending fell behind
-        std::uint64_t unanswered = 0;  // requests for a keyframe that had none to answer with
+        std::uint64_t unanswered = 0;  // keyframe requests that could not be answered
     };
 
     enum class State {
-        kOpening,  // not yet known what the player is to be told
+        kOpening,  // the player's options are not known yet
         kReady,
-        kFailed,  // for good; the last line says why
+        kFailed,  // for good; the last line gives the reason
     };
 
     virtual ~Feed() = default;
 
     [[nodiscard]] virtual State state() const { return State::kReady; }
 
-    // What there is to say to whoever watches, a line each, since the last call.
+    // Messages for the user since the last call, one line each.
     [[nodiscard]] virtual std::vector<std::string> take_lines() { return {}; }
 
-    // What the player is told before it starts, once this is ready. 0x0 where no size is known.
+    // What the player's options are set to, once this is ready. 0x0 if no size is known.
     [[nodiscard]] virtual PictureSize picture_size() const = 0;
     [[nodiscard]] virtual bool has_sound() const = 0;
 
@@ -47,16 +47,16 @@ class Feed {
     // The link sent this to the player. The link's thread.
     virtual void datagram_sent(std::span<const std::uint8_t> /*datagram*/) {}
 
-    // Whether the stream goes on only with another player, because its pictures have another size
-    // from here on; picture_size() is that size. The feed waits until go_on() says that one
-    // listens.
+    // Whether the stream can continue only with another player, because its pictures change size
+    // here; picture_size() is the new size. The feed waits for go_on(), which is called when the
+    // new player listens.
     [[nodiscard]] virtual bool needs_new_player() const { return false; }
     virtual void go_on() {}
 
-    // Whether everything has been handed to the link.
+    // Whether everything has been passed to the link.
     [[nodiscard]] virtual bool finished() const = 0;
 
-    // Ends sending. Nothing is handed to the link after that.
+    // Ends sending. Nothing is passed to the link after that.
     virtual void stop() = 0;
 
     [[nodiscard]] virtual Counters counters() const = 0;

@@ -1,6 +1,6 @@
-// How often a player's requests for keyframes are answered. A stream with frames that are not to be
-// shown makes the player ask once for each of them, and a keyframe for each would be all that it
-// gets.
+// Limits how often a player's keyframe requests are answered. A stream with hidden frames makes the
+// player request a keyframe for each of them, and answering all of these would leave room for
+// nothing else.
 //
 // Pure: every clock reading is an argument. One thread at a time uses an object.
 #pragma once
@@ -17,17 +17,17 @@ class KeyframeLimit {
   public:
     static constexpr auto kInterval = std::chrono::milliseconds(500);
 
-    // The player asks. A request that comes too soon after an answer is not lost: it is due later.
+    // The player asks. A request too soon after an answer is not lost: it is due later.
     void request(Clock::time_point now) {
         if (!due_) {
             due_ = last_ ? std::max(now, *last_ + kInterval) : now;
         }
     }
 
-    // When a keyframe is to be sent; nothing where none is asked for.
+    // When to send a keyframe; nothing if none is requested.
     [[nodiscard]] std::optional<Clock::time_point> due() const { return due_; }
 
-    // One is sent.
+    // A keyframe is being sent.
     void answer(Clock::time_point now) {
         last_ = now;
         due_.reset();

@@ -12,7 +12,7 @@ namespace vesper::tools {
 // What an error code of these libraries means.
 [[nodiscard]] std::string libav_error(int error);
 
-// Whether the stream is video that somebody means to watch. libavformat also counts as video the
+// Whether the stream is video that is meant to be watched. libavformat also counts as video the
 // cover picture of a sound file, and a text file, which it draws as a terminal would.
 [[nodiscard]] bool is_video(const AVStream& stream);
 

@@ -13,7 +13,7 @@ class LiveFeed : public Feed {
     // `link` outlives the feed.
     explicit LiveFeed(Link& link) : streamer_(source_, link) {}
 
-    // To be opened before open(); has the pictures and the sound of open()'s settings.
+    // Open it before open(), with the picture size and the sound of open()'s settings.
     [[nodiscard]] MediaSource& source() { return source_; }
 
     // Makes the encoders. False, with a line on standard error, when one refuses.

@@ -25,10 +25,10 @@ namespace vesper::tools {
 
 namespace {
 
-// How long a wait for data goes on before give_up is asked again.
+// How long a wait for data lasts before give_up is called again.
 constexpr int kPollInterval = 100;  // ms
 
-// Room for what comes while a keyframe is handled, of a stream of 40 Mbit/s for 200 ms.
+// Room for what arrives while a keyframe is handled: 200 ms of a stream of 40 Mbit/s.
 constexpr const char* kReceiveBuffer = "1000000";  // bytes
 
 constexpr std::string_view kStandardInput = "-";
@@ -90,7 +90,7 @@ class PolledFile {
 
     // Null when there is no memory.
     [[nodiscard]] AVIOContext* context() {
-        constexpr int kBuffer = 4096;  // bytes; small, so that what has come is not waited on
+        constexpr int kBuffer = 4096;  // bytes; small, so that data that has arrived is not delayed
         if (context_ == nullptr) {
             auto* buffer = static_cast<unsigned char*>(av_malloc(kBuffer));
             context_ = avio_alloc_context(buffer, kBuffer, 0, this, &PolledFile::read_some, nullptr,
@@ -155,7 +155,7 @@ std::string MediaInput::open(const std::string& name) {
     format_->interrupt_callback = {
         .callback = [](void* self) { return static_cast<MediaInput*>(self)->give_up_() ? 1 : 0; },
         .opaque = this};
-    // What has come is handed out, and not kept until more is known of the stream.
+    // Packets are returned as they arrive, and not kept until more is known about the stream.
     format_->flags |= AVFMT_FLAG_NOBUFFER;
 
     const bool is_pipe = name == kStandardInput || is_fifo(name);  // whose first bytes come once

@@ -1,5 +1,5 @@
-// Packets as somebody else encoded them, from whatever libavformat opens: a file, standard input,
-// the SDP file of an RTP stream, an address.
+// Packets of an encoded stream, from anything that libavformat opens: a file, standard input, the
+// SDP file of an RTP stream, an address.
 //
 // What may be opened is a short list that depends on the name, since a file or an answer from the
 // network can name other files and addresses in turn (libavformat's protocol_whitelist):
@@ -26,28 +26,28 @@ class PolledFile;
 // One thread at a time uses an input.
 class MediaInput {
   public:
-    // `give_up` is asked at least some ten times a second while a call waits for data; once it says
-    // yes the call fails.
+    // `give_up` is called at least ten times a second while a call waits for data; once it returns
+    // true, the call fails.
     explicit MediaInput(std::function<bool()> give_up);
     ~MediaInput();
     MediaInput(const MediaInput&) = delete;
     MediaInput& operator=(const MediaInput&) = delete;
 
-    // Opens `name`, closing what was open before. Empty when that worked; else what is wrong.
+    // Opens `name`, closing what was open before. Returns an empty text on success, or the reason.
     [[nodiscard]] std::string open(const std::string& name);
 
     // The best stream of each kind; null where there is none. Until the next open().
     [[nodiscard]] const AVStream* pictures() const { return pictures_; }
     [[nodiscard]] const AVStream* sound() const { return sound_; }
 
-    // Whether packets come in their own time, wait for nobody, and are lost where nobody takes
-    // them.
+    // Whether packets arrive in real time, whether or not they are read, and are lost if they are
+    // not.
     [[nodiscard]] bool is_live() const;
 
-    // Whether open() can begin again at the start.
+    // Whether open() can restart at the beginning.
     [[nodiscard]] bool is_repeatable() const { return !is_live() && !polled_; }
 
-    // Seconds that the input's own header claims; 0 where it does not.
+    // The length in seconds that the input's header claims; 0 if it claims none.
     [[nodiscard]] double claimed_seconds() const;
 
     // The next packet of any stream. 0, or libavformat's error; AVERROR_EOF at the end.

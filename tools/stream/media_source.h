@@ -1,5 +1,5 @@
-// Where pictures and sound come from: a libavfilter graph that delivers them in the one shape the
-// encoders take, whatever they were before.
+// The source of pictures and sound: a libavfilter graph that delivers them in the one format that
+// the encoders take, whatever they were before.
 #pragma once
 
 #include <array>
@@ -22,7 +22,7 @@ inline constexpr int kSoundFrameMilliseconds = 20;  // 960 / 48 kHz
 // The sound of one Opus packet: 16-bit, left and right in turn.
 using SoundFrame = std::array<std::int16_t, std::size_t{kSoundFrameSamples} * kSoundChannels>;
 
-// What comes out of a source.
+// The output of a source.
 struct MediaSettings {
     int width = 1280;  // pixels, even
     int height = 720;  // pixels, even
@@ -43,12 +43,12 @@ class MediaSource {
     [[nodiscard]] bool open_test_picture(const MediaSettings& settings);
 
     // A media file of any format that FFmpeg opens: its first video and sound streams; with `loop`
-    // it begins again at its end. A picture of another shape gets black bars. Cover pictures and
-    // text, which FFmpeg can draw, are no video.
+    // it restarts at its end. A picture of another shape gets black bars. Cover pictures and text,
+    // which FFmpeg can draw, do not count as video.
     [[nodiscard]] bool open_file(const MediaSettings& settings, const std::string& path, bool loop);
 
-    // What the X display `display` shows (":0"), silent. Each picture is taken when it is asked
-    // for. It never ends.
+    // The contents of the X display `display` (":0"), silent. Each picture is captured when it is
+    // requested. It never ends.
     [[nodiscard]] bool open_screen(const MediaSettings& settings, const std::string& display);
 
     // The next picture: YUV 4:2:0 of the settings' size, settings' frames to a second of media.
@@ -65,7 +65,7 @@ class MediaSource {
     [[nodiscard]] int open_graph(const std::string& description);
     void close();
 
-    std::string looped_graph_;  // to open again at the end; empty: the end is the end
+    std::string looped_graph_;  // to reopen at the end; empty: no loop
     AVFilterGraph* graph_ = nullptr;
     AVFilterContext* pictures_ = nullptr;  // sink; owned by the graph
     AVFilterContext* sound_ = nullptr;     // sink, or null; owned by the graph

@@ -25,13 +25,13 @@ using std::chrono::seconds;
 
 constexpr AVRational kMicroseconds = {.num = 1, .den = 1'000'000};
 
-// An input that gives nothing at all for so long when it is opened has nobody at its other end.
+// An input that delivers nothing at all for so long when it is opened has no sender.
 constexpr auto kOpenTimeout = seconds(10);
 
-// A live input that is silent for so long is worth a line: nobody can tell it from a still picture.
+// A live input that is silent for so long is worth a line: it looks the same as a still picture.
 constexpr auto kSilence = seconds(5);
 
-// Before an input is asked again that had nothing, should it say so without waiting.
+// Pause before reading again from an input that had nothing and did not wait.
 constexpr auto kPauseBetweenTries = milliseconds(10);
 
 // Of a file, read so much ahead that a slow disk is not noticed; where only one of two streams has
@@ -222,7 +222,7 @@ bool Relay::give_up() const {
 }
 
 void Relay::fail(const std::string& what) {
-    // Where we gave up ourselves, libavformat's word for it says nothing.
+    // Where we gave up ourselves, libavformat's reason means nothing.
     const bool nothing_came = !stopping_ && give_up();
     const std::string reason =
         nothing_came ? format("nothing came for %d s", static_cast<int>(kOpenTimeout.count()))

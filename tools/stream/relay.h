@@ -1,14 +1,14 @@
-// A stream that somebody else encoded, sent to the player as it is: VP8 frames and Opus packets bit
-// for bit, at the times that their timestamps say. What is neither is decoded and encoded as a live
-// stream is.
+// A stream that is encoded already, sent to the player as it is: VP8 frames and Opus packets bit
+// for bit, at the times of their timestamps. Anything else is decoded, and encoded like a live
+// stream.
 //
-// Two threads, so that a slow or silent input never holds up what has come already:
+// Two threads, so that a slow or silent input never delays what has already arrived:
 //
-//   reader   input -> timeline -> (Opus packets cut to length, other sound encoded) -> queues
+//   reader   input -> timeline -> (Opus packets split, other sound encoded) -> queues
 //   sender   queues, each packet at its time -> (other video encoded) -> datagrams -> link
 //
-// A file is read a little ahead of its time and waits for us. A live input waits for nobody: its
-// packets leave as they come.
+// A file is read a little ahead of its time and waits for us. A live input does not wait: its
+// packets are sent as they arrive.
 #pragma once
 
 #include <atomic>
@@ -41,9 +41,9 @@ namespace vesper::tools {
 
 struct RelaySettings {
     std::string input;  // as MediaInput opens it
-    bool loop = false;  // at its end the input begins again
+    bool loop = false;  // at its end the input restarts
     bool sound = true;  // whether any is wanted
-    // Where pictures of another size begin: wait for another player, or go on with the old one.
+    // Where pictures of another size begin: wait for another player, or continue with the old one.
     bool new_player_for_new_size = true;
     StreamSettings stream{};  // for what has to be encoded; burst and low_delay for all
 };
@@ -57,8 +57,8 @@ class Relay : public Feed {
     Relay(const Relay&) = delete;
     Relay& operator=(const Relay&) = delete;
 
-    // Begins to open and to read; once. state() tells what came of it: ready is a relay whose first
-    // keyframe has come.
+    // Begins to open and to read; once. state() reports the result: a relay is ready once its first
+    // keyframe has arrived.
     void open();
 
     [[nodiscard]] State state() const override;
@@ -144,7 +144,7 @@ class Relay : public Feed {
     LivePace live_pace_;
     std::optional<std::int64_t> last_timestamp_[2];  // microseconds, of pictures and sound
     std::int64_t furthest_ = 0;   // latest timestamp of the round, in microseconds
-    bool took_in_round_ = false;  // a packet has come since the input was opened last
+    bool took_in_round_ = false;  // a packet has arrived since the input was last opened
     bool told_of_damage_ = false;
     bool told_of_no_keyframe_ = false;
     Clock::time_point opened_at_;
@@ -163,7 +163,7 @@ class Relay : public Feed {
     std::thread sender_;
 
     std::atomic<bool> stopping_ = false;
-    std::atomic<Clock::rep> last_progress_ = 0;  // of opening: when something last came
+    std::atomic<Clock::rep> last_progress_ = 0;  // of opening: when data last arrived
 
     mutable std::mutex mutex_;  // guards the rest
     std::condition_variable changed_;

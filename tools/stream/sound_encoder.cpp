@@ -40,7 +40,7 @@ std::vector<SoundEncoder::Encoded> SoundEncoder::finish() {
 std::vector<SoundEncoder::Encoded> SoundEncoder::encode(const std::vector<Picture>& blocks) {
     std::vector<Encoded> encoded;
     for (const Picture& block : blocks) {
-        // The last block of a stream may be shorter; there is nothing to hear in the rest of it.
+        // The last block of a stream may be shorter; the rest of it is silence.
         if (block->nb_samples != kSoundFrameSamples) {
             continue;
         }

@@ -23,13 +23,13 @@ class SoundEncoder {
         OpusPacket bytes;
     };
 
-    // For a stream of `parameters`. Empty when that worked; else what is wrong.
+    // For a stream of `parameters`. Returns an empty text on success, or the reason.
     [[nodiscard]] std::string open(const AVCodecParameters& parameters);
 
-    // What comes out when `packet`, stamped in microseconds, goes in.
+    // Encodes `packet`, stamped in microseconds, and returns what is ready.
     [[nodiscard]] std::vector<Encoded> encode(const AVPacket& packet);
 
-    // The same when no packet follows; after this the stream may begin again.
+    // Returns the rest when no packet follows; after this the stream may restart.
     [[nodiscard]] std::vector<Encoded> finish();
 
   private:

@@ -19,7 +19,7 @@ namespace vesper::tools {
 
 // Share of the time until the next frame over which a frame's datagrams are spread. The rest is for
 // the player to take the last ones, so that the next frame finds it waiting, and a keyframe does
-// not hold up the frame behind it.
+// not delay the frame after it.
 inline constexpr double kSpread = 0.75;
 
 struct StreamSettings {

@@ -1,6 +1,6 @@
-// One continuous time out of the timestamps of an input's streams. Timestamps begin anywhere, jump
-// back where a recorder was restarted, and jump by hours where two recordings were joined; what
-// leaves here begins at 0 and goes on.
+// Turns the timestamps of an input's streams into one continuous time. Timestamps begin anywhere,
+// jump back where a recorder was restarted, and jump by hours where two recordings were joined; the
+// resulting time begins at 0 and is continuous.
 //
 // Pure: knows no clock and no library. One thread at a time uses an object.
 #pragma once
@@ -24,22 +24,22 @@ class Timeline {
         std::optional<Time> jump;  // how far the timestamps jumped, where they did
     };
 
-    // A gap of up to a minute is one of the film, and is waited for; of a live input, what is
-    // stamped more than two seconds ahead of the time that went by since the packet before is no
-    // gap but a jump: nothing can come from the future.
+    // A gap of up to a minute is taken for a pause in the film, and is waited for. In a live input,
+    // a timestamp more than two seconds ahead of the time elapsed since the previous packet is not
+    // a gap but a jump: nothing arrives from the future.
     static constexpr Time kLongestGap = std::chrono::seconds(60);
     static constexpr Time kLongestLiveLead = std::chrono::seconds(2);
-    // What goes back by less is the interleaving of a muxer or the correction of a clock.
+    // A smaller step back is the interleaving of a muxer or the correction of a clock.
     static constexpr Time kLongestStepBack = std::chrono::seconds(1);
 
     explicit Timeline(bool live) : live_(live) {}
 
-    // The time of the packet of `stream` that is stamped `timestamp` and came at `arrival`, which
-    // only a live input needs. Of each stream the packets are handed in in their order. A jump that
-    // both streams make is reported once, and they stay together.
+    // The time of the packet of `stream` with this timestamp, which arrived at `arrival` (used for
+    // a live input only). Call it for each stream's packets in their order. A jump that both
+    // streams make is reported once, and they stay together.
     [[nodiscard]] Reading read(Stream stream, Time timestamp, Clock::time_point arrival);
 
-    // The input begins again: whatever timestamp comes next goes on where the last packet ends.
+    // The input restarts: the next timestamp, whatever it is, continues where the last packet ends.
     void begin_again();
 
   private:
