@@ -95,7 +95,7 @@ bool Session::update() {
                 return open_player();
         }
     }
-    return !feed_->needs_new_player() || replace_player();
+    return !feed_->needs_new_player() || replaced_ || replace_player();
 }
 
 bool Session::open_player() {
@@ -176,6 +176,7 @@ bool Session::replace_player() {
         return false;
     }
     replacing_since_.reset();
+    replaced_ = true;
     return true;
 }
 
@@ -193,6 +194,7 @@ void Session::read_player() {
             return;
         }
         if (started_) {
+            replaced_ = false;
             feed_->go_on();
         } else {
             start_stream();

@@ -73,6 +73,7 @@ class Session {
     CaptureWriter& capture_;
     bool ready_ = false;  // the feed was, and the player or the stream was started
     bool started_ = false;
+    bool replaced_ = false;  // another player has been started, but does not listen yet
     std::optional<Clock::time_point> replacing_since_;  // the player is asked to make place
     std::uint64_t overflowed_ = 0;         // as last read: gone once the player has ended
     std::uint64_t overflowed_before_ = 0;  // of the players that made place

@@ -1,0 +1,527 @@
+// Streams that other people's programs encoded, in the real player. What its window shows is
+// compared pixel for pixel with what libavcodec makes of the same file.
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/log.h>
+#include <libswscale/swscale.h>
+}
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <optional>
+#include <ostream>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "net/udp_socket.h"
+#include "tests/e2e/played_sound.h"
+#include "tests/e2e/player_fixture.h"
+#include "tests/e2e/player_window.h"
+#include "tests/e2e/virtual_display.h"
+#include "tests/support/child_process.h"
+#include "tests/support/eventually.h"
+#include "tests/support/temporary_folder.h"
+#include "tests/tools/command.h"
+#include "tests/tools/stream_receiver.h"
+#include "tools/stream/capture.h"
+
+namespace vesper::test {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+// Few pictures a second, so that a busy machine finds the time to look at each, and little to send.
+const std::string kPicture = "-f lavfi -i testsrc2=size=320x240:rate=5 ";
+const std::string kTone = "-f lavfi -i sine=frequency=440:sample_rate=48000 ";
+const std::string kVp8 = "-t 3 -g 100 -c:v libvpx -b:v 150k -deadline realtime ";
+const std::string kOpus = "-c:a libopus ";
+
+// The red, green and blue of a picture, row after row.
+using Pixels = std::string;
+
+// Each picture of a file as the player's texture has it, with its place in the file.
+std::map<Pixels, std::size_t> pictures_of(const std::string& path) {
+    std::map<Pixels, std::size_t> pictures;
+    AVFormatContext* format = nullptr;
+    EXPECT_GE(avformat_open_input(&format, path.c_str(), nullptr, nullptr), 0) << path;
+    AVCodecContext* codec = avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_VP8));
+    EXPECT_GE(avcodec_open2(codec, nullptr, nullptr), 0);
+    AVPacket* packet = av_packet_alloc();
+    AVFrame* frame = av_frame_alloc();
+    SwsContext* converter = nullptr;
+    while (format != nullptr && av_read_frame(format, packet) >= 0) {
+        const auto* parameters = format->streams[packet->stream_index]->codecpar;
+        if (parameters->codec_id == AV_CODEC_ID_VP8) {
+            avcodec_send_packet(codec, packet);
+        }
+        av_packet_unref(packet);
+        while (parameters->codec_id == AV_CODEC_ID_VP8 &&
+               avcodec_receive_frame(codec, frame) >= 0) {
+            converter = sws_getCachedContext(converter, frame->width, frame->height,
+                                             static_cast<AVPixelFormat>(frame->format),
+                                             frame->width, frame->height, AV_PIX_FMT_BGRA,
+                                             SWS_BILINEAR, nullptr, nullptr, nullptr);
+            const auto width = static_cast<std::size_t>(frame->width);
+            const auto height = static_cast<std::size_t>(frame->height);
+            // With room for what vector code writes after the last row.
+            std::vector<std::uint8_t> bgra(width * height * 4 + 64);
+            std::uint8_t* const plane = bgra.data();
+            const int stride = frame->width * 4;
+            sws_scale(converter, frame->data, frame->linesize, 0, frame->height, &plane, &stride);
+            Pixels pixels;
+            pixels.reserve(width * height * 3);
+            for (std::size_t i = 0; i < width * height; ++i) {
+                for (const std::size_t component : {2U, 1U, 0U}) {
+                    pixels.push_back(static_cast<char>(bgra[i * 4 + component]));
+                }
+            }
+            pictures.emplace(std::move(pixels), pictures.size());
+        }
+    }
+    sws_freeContext(converter);
+    av_frame_free(&frame);
+    av_packet_free(&packet);
+    avcodec_free_context(&codec);
+    avformat_close_input(&format);
+    return pictures;
+}
+
+Pixels pixels_of(const Screenshot& screenshot) {
+    Pixels pixels;
+    pixels.reserve(screenshot.pixels.size() * 3);
+    for (const Color& color : screenshot.pixels) {
+        for (const int component : {color.red, color.green, color.blue}) {
+            pixels.push_back(static_cast<char>(component));
+        }
+    }
+    return pixels;
+}
+
+// vesper-parent with a player, on a display of its own.
+class RelayingParent {
+  public:
+    RelayingParent(const std::vector<std::string>& options, const PlayedSound& sound)
+        : process_(command(options), environment(sound)) {}
+
+    [[nodiscard]] ChildProcess& process() { return process_; }
+
+    // The window of the next player, once it listens: SDL may replace a window before that.
+    void find_window() {
+        ++players_;
+        ASSERT_TRUE(eventually([this] { return listening() == players_ || process_.ending(); }));
+        player_ = player_pid();
+        ASSERT_TRUE(player_ && !process_.ending()) << process_.out() << process_.err();
+        window_.emplace(display_, *player_);
+    }
+
+    [[nodiscard]] pid_t player() const { return player_.value_or(0); }
+    [[nodiscard]] const PlayerWindow& window() const { return *window_; }
+
+    // Whether the window comes to show, bit for bit, several of the pictures, one of them from
+    // their last third: that far from a keyframe each is right only if all before it are.
+    [[nodiscard]] bool shows(const std::map<Pixels, std::size_t>& pictures) const {
+        std::set<std::size_t> seen;
+        return eventually([&] {
+            const auto found = pictures.find(pixels_of(window_->screenshot()));
+            if (found != pictures.end()) {
+                seen.insert(found->second);
+            }
+            return seen.size() >= 4 && *seen.rbegin() >= pictures.size() * 2 / 3;
+        });
+    }
+
+    [[nodiscard]] bool shows(Point point, Color color) const {
+        return eventually([&] { return is_near(window_->screenshot().at(point), color); });
+    }
+
+    [[nodiscard]] bool says(const std::string& text) {
+        return eventually(
+            [&] { return (process_.out() + process_.err()).find(text) != std::string::npos; });
+    }
+
+  private:
+    static std::vector<std::string> command(const std::vector<std::string>& options) {
+        std::vector<std::string> words = {VESPER_PARENT};
+        words.insert(words.end(), options.begin(), options.end());
+        return words;
+    }
+    [[nodiscard]] ChildProcess::Environment environment(const PlayedSound& sound) const {
+        auto result = player_environment(display_);
+        sound.redirect(result);
+        return result;
+    }
+    // How many players have said that they listen.
+    [[nodiscard]] int listening() {
+        const std::string text = process_.out();
+        int count = 0;
+        for (std::size_t at = 0; (at = text.find("Listening", at)) != std::string::npos; ++at) {
+            ++count;
+        }
+        return count;
+    }
+    [[nodiscard]] std::optional<pid_t> player_pid() const {
+        const std::string pid = std::to_string(process_.pid());
+        std::ifstream children("/proc/" + pid + "/task/" + pid + "/children");
+        pid_t player = 0;
+        return children >> player ? std::optional(player) : std::nullopt;
+    }
+
+    VirtualDisplay display_;
+    ChildProcess process_;
+    int players_ = 0;
+    std::optional<pid_t> player_;
+    std::optional<PlayerWindow> window_;
+};
+
+// A device that is faster than the stream fills up with silence in the middle of its blocks, too,
+// where packets are shorter than these. What was sent has hardly a sample without any sound.
+SoundBlocks without_pauses(const SoundBlocks& blocks) {
+    std::vector<short> samples;
+    for (const SoundBlock& block : blocks) {
+        for (std::size_t i = 0; i + 1 < block.size(); i += 2) {
+            if (block[i] != 0 || block[i + 1] != 0) {
+                samples.insert(samples.end(), {block[i], block[i + 1]});
+            }
+        }
+    }
+    SoundBlocks dense(samples.size() / SoundBlock().size());
+    for (std::size_t i = 0; i < dense.size(); ++i) {
+        std::copy_n(samples.begin() + static_cast<std::ptrdiff_t>(i * dense[i].size()),
+                    dense[i].size(), dense[i].begin());
+    }
+    return dense;
+}
+
+class Relay : public testing::Test {
+  protected:
+    Relay() { av_log_set_level(AV_LOG_QUIET); }
+
+    [[nodiscard]] std::string file(const std::string& name) const { return folder_.file(name); }
+
+    // Whether ToneSource's neighbours would call it a tone of 440 Hz.
+    void expect_tone_of_440_hz() {
+        constexpr std::size_t kEnough = 50;  // blocks of 20 ms
+        ASSERT_TRUE(eventually([this] { return sound_.heard().size() >= kEnough; }));
+        const SoundBlocks heard = without_pauses(sound_.heard());
+        EXPECT_NEAR(frequency(heard), 440, 10);
+        EXPECT_GT(root_mean_square(heard), 300);
+    }
+
+    TemporaryFolder folder_;
+    PlayedSound sound_{folder_.file("played")};
+};
+
+struct Film {
+    const char* name;
+    std::string options;
+    std::string first_pass = {};  // options of a run before it
+    std::string file = "film.webm";
+};
+
+void PrintTo(const Film& film, std::ostream* stream) {
+    *stream << film.options;
+}
+
+class RelayedFilm : public Relay, public testing::WithParamInterface<Film> {};
+
+TEST_P(RelayedFilm, IsShownAsLibavcodecDecodesIt) {
+    const std::string path = file(GetParam().file);
+    if (!GetParam().first_pass.empty()) {
+        make_media(GetParam().first_pass + " -passlogfile " + file("log"), "/dev/null");
+        make_media(GetParam().options + " -passlogfile " + file("log"), path);
+    } else {
+        make_media(GetParam().options, path);
+    }
+    const auto pictures = pictures_of(path);
+    ASSERT_GE(pictures.size(), 9U);
+    RelayingParent parent({"--file", path, "--copy", "--loop"}, sound_);
+    ASSERT_NO_FATAL_FAILURE(parent.find_window());
+    EXPECT_TRUE(parent.shows(pictures));
+}
+
+const std::string kTwoPass = kPicture +
+                             "-t 6 -g 100 -c:v libvpx -b:v 150k -auto-alt-ref 1 -lag-in-frames 16 "
+                             "-arnr-maxframes 7 ";
+
+INSTANTIATE_TEST_SUITE_P(
+    All, RelayedFilm,
+    testing::Values(Film{"OfTwoPassesWithAlternateReferences", kTwoPass + "-pass 2",
+                         kTwoPass + "-pass 1 -f null"},
+                    Film{"WithErrorResilience",
+                         kPicture + kVp8 + "-error-resilient default+partitions"},
+                    Film{"WithTemporalLayers",
+                         kPicture + kVp8 +
+                             "-ts-parameters ts_number_layers=3:ts_target_bitrate=50,100,150:"
+                             "ts_rate_decimator=4,2,1:ts_periodicity=4:ts_layer_id=0,2,1,2:"
+                             "ts_layering_mode=3"},
+                    Film{"WithTokenPartitions", kPicture + kVp8 + "-slices 8"},
+                    Film{"OfOddSize", "-f lavfi -i testsrc2=size=353x289:rate=5 " + kVp8},
+                    Film{"OfVaryingRate",
+                         kPicture + kVp8 + "-vf select=lt(mod(n\\,5)\\,3) -vsync vfr",
+                         {},
+                         "film.mkv"}),
+    [](const auto& film) { return film.param.name; });
+
+TEST_F(Relay, OfAFilmThatGStreamerMadeIsShownAsLibavcodecDecodesIt) {
+    const std::string path = file("film.webm");
+    run_command(
+        split_words("gst-launch-1.0 -q videotestsrc pattern=ball num-buffers=30 ! "
+                    "video/x-raw,width=320,height=240,framerate=5/1 ! "
+                    "vp8enc deadline=1 token-partitions=2 target-bitrate=150000 "
+                    "keyframe-max-dist=100 ! webmmux ! filesink location=" +
+                    path));
+    const auto pictures = pictures_of(path);
+    ASSERT_GE(pictures.size(), 9U);
+    RelayingParent parent({"--file", path, "--copy", "--loop"}, sound_);
+    ASSERT_NO_FATAL_FAILURE(parent.find_window());
+    EXPECT_TRUE(parent.shows(pictures));
+}
+
+struct Song {
+    const char* name;
+    std::string options;
+};
+
+void PrintTo(const Song& song, std::ostream* stream) {
+    *stream << song.options;
+}
+
+class RelayedSound : public Relay, public testing::WithParamInterface<Song> {};
+
+TEST_P(RelayedSound, IsHeard) {
+    const std::string path = file("film.mkv");
+    make_media(kPicture + kTone + kVp8 + kOpus + GetParam().options, path);
+    RelayingParent parent({"--file", path, "--copy", "--loop"}, sound_);
+    ASSERT_NO_FATAL_FAILURE(parent.find_window());
+    expect_tone_of_440_hz();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, RelayedSound,
+    testing::Values(Song{"Of10Ms", "-frame_duration 10"}, Song{"Of20Ms", "-frame_duration 20"},
+                    Song{"Of40Ms", "-frame_duration 40"}, Song{"Of60Ms", "-frame_duration 60"},
+                    Song{"OfLongSpeechFrames",
+                         "-ac 1 -application voip -frame_duration 60 -b:a 10k -cutoff 4000"},
+                    Song{"WithDiscontinuousTransmission", "-application voip -dtx 1"},
+                    Song{"WithErrorCorrection", "-application voip -fec 1 -packet_loss 20"},
+                    Song{"Mono", "-ac 1"}, Song{"Surround", "-ac 6 -mapping_family 1"}),
+    [](const auto& song) { return song.param.name; });
+
+// First one size, then another, each for so long that a busy machine finds the player in time.
+struct RelayOfTwoSizes : Relay {
+    RelayOfTwoSizes() {
+        const std::string encoder = "-t 15 -g 1000 -c:v libvpx -b:v 150k -deadline realtime ";
+        make_media(kPicture + kTone + encoder + kOpus, file("small.mkv"));
+        make_media("-f lavfi -i testsrc2=size=480x360:rate=5 " + kTone + encoder + kOpus,
+                   file("large.mkv"));
+        std::ofstream(file("list")) << "file small.mkv\nfile large.mkv\n";
+        make_media("-f concat -safe 0 -i " + file("list") + " -c copy", film);
+    }
+    std::string film = file("film.mkv");
+};
+
+std::vector<std::string> command_line_of(pid_t pid) {
+    std::ifstream stream("/proc/" + std::to_string(pid) + "/cmdline", std::ios::binary);
+    std::vector<std::string> words;
+    for (std::string word; std::getline(stream, word, '\0');) {
+        words.push_back(word);
+    }
+    return words;
+}
+
+TEST_F(RelayOfTwoSizes, StartsAPlayerForEachWithTheVolumeThatTheViewerChose) {
+    RelayingParent parent({"--file", film, "--copy", "--volume", "0.5"}, sound_);
+    ASSERT_NO_FATAL_FAILURE(parent.find_window());
+    EXPECT_EQ(parent.window().title(), "Stream: film.mkv");
+    EXPECT_EQ(parent.window().size(), (Extent{.width = 320, .height = 240}));
+    parent.window().press_key("Up");
+    ASSERT_TRUE(parent.says("volume 55 %"));
+    ASSERT_TRUE(
+        parent.says("pictures of 480x360 follow those of 320x240: another player is "
+                    "started"));
+    ASSERT_NO_FATAL_FAILURE(parent.find_window());
+    EXPECT_EQ(parent.window().title(), "Stream: film.mkv");
+    EXPECT_THAT(command_line_of(parent.player()),
+                testing::IsSupersetOf({"480", "360", "0.550000"}));
+    const auto pictures = pictures_of(file("large.mkv"));
+    EXPECT_TRUE(
+        eventually([&] { return pictures.contains(pixels_of(parent.window().screenshot())); }));
+    EXPECT_FALSE(parent.process().ending());
+}
+
+TEST_F(RelayOfTwoSizes, KeepsThePlayerWhereToldTo) {
+    RelayingParent parent({"--file", film, "--copy", "--no-restart"}, sound_);
+    ASSERT_NO_FATAL_FAILURE(parent.find_window());
+    ASSERT_TRUE(parent.says("pictures of 480x360 follow those of 320x240: the player stays"));
+    EXPECT_EQ(parent.process().wait_for_end(), (Ending{.status = 0, .signal = 0}));
+    EXPECT_THAT(parent.process().out(), Not(HasSubstr("480x360")));
+}
+
+// An even port, and the next: RTP and its control protocol (RFC 3550, section 11).
+std::uint16_t free_pair_of_ports() {
+    for (;;) {
+        UDPSocket first;
+        UDPSocket second;
+        if (!first.bind(0)) {
+            return 0;
+        }
+        const std::uint16_t port = first.get_bound_port();
+        if (port % 2 == 0 && second.bind(static_cast<std::uint16_t>(port + 1))) {
+            return port;
+        }
+    }
+}
+
+struct LiveRelay : Relay {
+    LiveRelay() {
+        std::ofstream(sdp) << "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=live\nc=IN IP4 127.0.0.1\nt=0 0\n"
+                           << "m=video " << video_port << " RTP/AVP 96\n"
+                           << "a=rtpmap:96 VP8/90000\n"
+                           << "m=audio " << sound_port << " RTP/AVP 97\n"
+                           << "a=rtpmap:97 opus/48000/2\n";
+    }
+
+    // ffmpeg sends this film for ever.
+    [[nodiscard]] ChildProcess send_with_ffmpeg(const std::string& film) const {
+        const auto address = [](std::uint16_t port) {
+            return "rtp://127.0.0.1:" + std::to_string(port);
+        };
+        return ChildProcess({"ffmpeg",
+                             "-nostdin",
+                             "-loglevel",
+                             "error",
+                             "-re",
+                             "-stream_loop",
+                             "-1",
+                             "-i",
+                             film,
+                             "-map",
+                             "0:v",
+                             "-c",
+                             "copy",
+                             "-f",
+                             "rtp",
+                             address(video_port),
+                             "-map",
+                             "0:a",
+                             "-c",
+                             "copy",
+                             "-f",
+                             "rtp",
+                             address(sound_port)});
+    }
+
+    std::string sdp = file("live.sdp");
+    std::uint16_t video_port = free_pair_of_ports();
+    std::uint16_t sound_port = free_pair_of_ports();
+};
+
+TEST_F(LiveRelay, OfFfmpegIsShownAsItWasEncodedAndHeard) {
+    const std::string film = file("film.mkv");
+    make_media(kPicture + kTone + kVp8 + kOpus, film);
+    const auto pictures = pictures_of(film);
+    const ChildProcess sender = send_with_ffmpeg(film);
+    RelayingParent parent({"--file", sdp, "--copy", "--seconds", "10"}, sound_);
+    ASSERT_NO_FATAL_FAILURE(parent.find_window());
+    EXPECT_TRUE(parent.shows(pictures));
+    expect_tone_of_440_hz();
+    EXPECT_EQ(parent.process().wait_for_end(), (Ending{.status = 0, .signal = 0}));
+    EXPECT_THAT(parent.process().err(), Not(HasSubstr("ends early")));
+}
+
+// The fifth and the sixth of the seven colour bars.
+TEST_F(LiveRelay, OfGStreamerIsShownAndHeard) {
+    const ChildProcess sender(split_words(
+        "gst-launch-1.0 -q videotestsrc is-live=true pattern=smpte ! "
+        "video/x-raw,width=322,height=242,framerate=10/1 ! vp8enc deadline=1 "
+        "target-bitrate=150000 keyframe-max-dist=10 ! rtpvp8pay pt=96 ! "
+        "udpsink host=127.0.0.1 port=" +
+        std::to_string(video_port) +
+        " audiotestsrc is-live=true freq=440 ! audio/x-raw,rate=48000,channels=2 ! opusenc ! "
+        "rtpopuspay pt=97 ! udpsink host=127.0.0.1 port=" +
+        std::to_string(sound_port)));
+    RelayingParent parent({"--file", sdp, "--copy", "--seconds", "10"}, sound_);
+    ASSERT_NO_FATAL_FAILURE(parent.find_window());
+    EXPECT_EQ(parent.window().size(), (Extent{.width = 322, .height = 242}));
+    EXPECT_TRUE(parent.shows({207, 60}, {.red = 255, .green = 0, .blue = 255}));
+    EXPECT_TRUE(parent.shows({253, 60}, {.red = 255, .green = 0, .blue = 0}));
+    expect_tone_of_440_hz();
+    EXPECT_EQ(parent.process().wait_for_end(), (Ending{.status = 0, .signal = 0}));
+}
+
+TEST_F(LiveRelay, WithoutASenderEndsAfterTenSeconds) {
+    ChildProcess parent({VESPER_PARENT, "--file", sdp, "--copy"});
+    EXPECT_EQ(parent.wait_for_end(), (Ending{.status = 2, .signal = 0}));
+    EXPECT_EQ(parent.err(), "cannot relay " + sdp + ": nothing came for 10 s\n");
+    EXPECT_EQ(parent.out(), "");
+}
+
+TEST_F(LiveRelay, WithoutASenderEndsAtOnceWhenAsked) {
+    ChildProcess parent({VESPER_PARENT, "--file", sdp, "--copy"});
+    ASSERT_TRUE(eventually([&] {
+        std::ifstream stat("/proc/" + std::to_string(parent.pid()) + "/status");
+        const std::string text(std::istreambuf_iterator<char>(stat), {});
+        return text.find("SigBlk:\t0000000000004003\n") != std::string::npos;
+    }));
+    parent.send_signal(SIGTERM);
+    EXPECT_EQ(parent.wait_for_end(), (Ending{.status = 128 + SIGTERM, .signal = 0}));
+}
+
+TEST_F(LiveRelay, GoesOnAfterASilenceOf20Seconds) {
+    const std::string film = file("film.mkv");
+    make_media(kPicture + kTone + kVp8 + kOpus, film);
+    const auto pictures = pictures_of(film);
+    const ChildProcess sender = send_with_ffmpeg(film);
+    RelayingParent parent({"--file", sdp, "--copy"}, sound_);
+    ASSERT_NO_FATAL_FAILURE(parent.find_window());
+    EXPECT_TRUE(parent.shows(pictures));
+    sender.send_signal(SIGSTOP);
+    EXPECT_TRUE(parent.says(sdp + ": nothing has come for 5 s"));
+    std::this_thread::sleep_for(std::chrono::seconds(15));
+    EXPECT_THAT(parent.process().err(), Not(HasSubstr("goes on")));
+    sender.send_signal(SIGCONT);
+    EXPECT_TRUE(parent.says(sdp + ": goes on after "));
+    EXPECT_TRUE(parent.shows(pictures));
+    EXPECT_FALSE(parent.process().ending());
+}
+
+// What was sent, in the order in which it was.
+std::vector<tools::Datagram> sent_in(const std::string& capture) {
+    std::vector<tools::Datagram> datagrams;
+    const auto all = tools::read_capture(capture);
+    EXPECT_TRUE(all);
+    for (const auto& datagram :
+         tools::sent_to_player(all.value_or(std::vector<tools::CapturedDatagram>()))) {
+        datagrams.push_back(datagram.bytes);
+    }
+    return datagrams;
+}
+
+TEST_F(Relay, ACaptureOfItReplaysByteForByte) {
+    const std::string film = file("film.webm");
+    make_media(kPicture + kTone + kVp8 + kOpus, film);
+    const StreamReceiver player;  // takes nothing, but is there
+    const std::string port = std::to_string(player.port());
+    run_command(
+        {VESPER_PARENT, "--to", port, "--file", film, "--copy", "--capture", file("relayed")});
+    run_command({VESPER_PARENT, "--to", port, "--replay", file("relayed"), "--speed", "10",
+                 "--capture", file("replayed")});
+    const auto relayed = sent_in(file("relayed"));
+    EXPECT_GT(relayed.size(), 100U);
+    EXPECT_EQ(relayed, sent_in(file("replayed")));
+}
+
+}  // namespace
+}  // namespace vesper::test
