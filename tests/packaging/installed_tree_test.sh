@@ -34,6 +34,8 @@ share/doc/vesper/examples/CMakeLists.txt
 share/doc/vesper/examples/in_application.cpp
 share/doc/vesper/examples/minimal_application.cpp
 share/doc/vesper/examples/minimal_parent.py
+share/doc/vesper/examples/socket_thread.cpp
+share/doc/vesper/examples/voice.cpp
 share/man/man1/vesper-parent.1
 share/man/man1/vesper-player.1" "$(cd "$work/staged/usr" && find . -type f -printf '%P\n' | LC_ALL=C sort)"
 

@@ -76,7 +76,9 @@ expect_equal "contents of libvesper-dev" "\
 -rw-r--r-- root/root ./usr/share/doc/vesper/examples/CMakeLists.txt
 -rw-r--r-- root/root ./usr/share/doc/vesper/examples/in_application.cpp
 -rw-r--r-- root/root ./usr/share/doc/vesper/examples/minimal_application.cpp
--rw-r--r-- root/root ./usr/share/doc/vesper/examples/minimal_parent.py" "$(contents "$development")"
+-rw-r--r-- root/root ./usr/share/doc/vesper/examples/minimal_parent.py
+-rw-r--r-- root/root ./usr/share/doc/vesper/examples/socket_thread.cpp
+-rw-r--r-- root/root ./usr/share/doc/vesper/examples/voice.cpp" "$(contents "$development")"
 
 expect_equal "dependencies of vesper" "$(needed_packages vesper-player)" "$(dependencies "$player")"
 expect_equal "dependencies of vesper-parent" \
