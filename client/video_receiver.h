@@ -86,7 +86,8 @@ class VideoReceiver {
                              int height, SDL_Window* parent_window);
 
     // stop_decode_and_codecs(), then destroy_sdl_resources(), then a line on standard output. A
-    // second call does no harm.
+    // second call does no harm. Takes as long as the frame that is being decoded, 10 ms, and with
+    // sound what SDL's audio thread needs for its last buffers.
     void stop();
 
     // Ends and joins the decode thread (waiting for as long as that takes; a watchdog reports a
@@ -105,7 +106,8 @@ class VideoReceiver {
     // thread.
     void mark_stream_ended();
 
-    // The owning application's switch: while set, update() skips this receiver. Any thread.
+    // The owning application's switch: while set, update() skips this receiver, but render() does
+    // not. Nothing reads it back. Any thread.
     void set_condemned(bool given_up) { condemned = given_up; }
 
     // ---- datagrams ----

@@ -10,6 +10,17 @@
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
 
+void feed(vesper::client::VideoReceiver& receiver, const std::uint8_t* datagram, int length) {
+    if (length < vesper::kPacketHeaderSize) {
+        return;
+    }
+    if ((vesper::read_packet_header(datagram).flags & vesper::kScreenAudioFlag) != 0) {
+        receiver.handle_screen_audio(datagram, length);
+    } else {
+        receiver.handle_fragment(datagram, length);
+    }
+}
+
 bool show_stream(std::uint16_t port, std::uint16_t reply_port) {
     vesper::UDPSocket socket;
     vesper::client::VideoReceiver receiver;
@@ -25,14 +36,11 @@ bool show_stream(std::uint16_t port, std::uint16_t reply_port) {
                 return true;
             }
         }
-        const int length = socket.recv(datagram.data(), datagram.size(), 5);  // waits up to 5 ms
-        if (length >= vesper::kPacketHeaderSize) {
-            const auto flags = vesper::read_packet_header(datagram.data()).flags;
-            if ((flags & vesper::kScreenAudioFlag) != 0) {
-                receiver.handle_screen_audio(datagram.data(), length);
-            } else {
-                receiver.handle_fragment(datagram.data(), length);
-            }
+        // Waits up to 5 ms for the first datagram, and takes all that have arrived.
+        int length = socket.recv(datagram.data(), datagram.size(), 5);
+        while (length > 0) {
+            feed(receiver, datagram.data(), length);
+            length = socket.recv(datagram.data(), datagram.size(), 0);
         }
         if (receiver.needs_keyframe_request()) {
             socket.send(vesper::kKeyframeRequest.data(), vesper::kKeyframeRequest.size(),
