@@ -327,7 +327,7 @@ def plot_all(folder, found, screen):
              f"{count} fragments a frame": by_number(
                  found, rf"reassembly/{count}_fragments/in_order/(\d+)_pending/player",
                  lambda _, count=count: 1 / count) for count in (1, 10, 107, 1000)
-         })
+         }, key="right bottom")
 
     frames = 60
     sizes = {320: 180, 640: 360, 960: 540, 1280: 720, 1920: 1080}
