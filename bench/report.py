@@ -178,25 +178,30 @@ def pending_costs(found):
 
 
 def at_the_screen(folder):
-    """Program, number of players and frame rate -> figures over all rounds."""
+    """Program, number of players, frame rate, bit rate and pace -> figures over all rounds."""
     runs = {}
     for file in sorted(folder.glob("screen-*.json")):
         run = json.loads(file.read_text())
-        runs.setdefault((run["subject"], run["players"], run["fps"]), []).append(run)
+        kind = ("subject", "players", "fps", "kilobits", "paced")
+        runs.setdefault(tuple(run[key] for key in kind), []).append(run)
     rows = []
-    for (subject, players, fps), group in runs.items():
+    for (subject, players, fps, kilobits, paced), group in runs.items():
         delays = sorted(delay for run in group for delay in run["delays_ms"])
-        row = {"subject": subject, "players": players, "fps": fps, "rounds": len(group),
-               "delays_ms": delays}
+        row = {"subject": subject, "players": players, "fps": fps, "kilobits": kilobits,
+               "paced": paced, "rounds": len(group), "delays_ms": delays}
         row["missed"] = sum(run["missed"] for run in group)
-        for key in ("first_picture_ms", "processor_s_per_min", "peak_memory_mib", "sampling_ms"):
+        for key in ("first_picture_ms", "processor_s_per_min", "peak_memory_mib", "sampling_ms",
+                    "repeated"):
             row[key] = statistics.median(run[key] for run in group)
         if delays:
             row["median_ms"] = statistics.median(delays)
             row["p95_ms"] = delays[int(0.95 * (len(delays) - 1))]
             row["max_ms"] = delays[-1]
+            row["whole_median_ms"] = statistics.median(
+                delay for run in group for delay in run["whole_delays_ms"])
         rows.append(row)
-    return sorted(rows, key=lambda row: (row["players"], row["fps"], row["subject"]))
+    return sorted(rows, key=lambda row: (row["players"], row["fps"], row["kilobits"],
+                                         row["paced"], row["subject"]))
 
 
 def duration(ns):
@@ -260,15 +265,18 @@ def processor_table(rows):
 
 
 def screen_table(rows):
-    lines = ["| program | players | frames/s | delay, median | p95 | max | flips seen, missed "
+    lines = ["| program | players | frames/s | Mbit/s | delay, median | p95 | max "
+             "| median from the first datagram | flips seen, missed | sent twice "
              "| first picture | processor s/min | peak memory |",
-             "|---|---|---|---|---|---|---|---|---|---|"]
+             "|---|---|---|---|---|---|---|---|---|---|---|---|---|"]
     for row in rows:
         delay = " | ".join(f"{row[key]:.1f} ms" if key in row else "none seen"
-                           for key in ("median_ms", "p95_ms", "max_ms"))
+                           for key in ("median_ms", "p95_ms", "max_ms", "whole_median_ms"))
         lines.append(
-            f"| {row['subject']} | {row['players']} | {row['fps']} | {delay} "
-            f"| {len(row['delays_ms'])}, {row['missed']} | {row['first_picture_ms']:.0f} ms "
+            f"| {row['subject']} | {row['players']} | {row['fps']} "
+            f"| {row['kilobits'] / 1000:.1f}{', spread' if row['paced'] else ''} | {delay} "
+            f"| {len(row['delays_ms'])}, {row['missed']} | {row['repeated']:.0%} "
+            f"| {row['first_picture_ms']:.0f} ms "
             f"| {row['processor_s_per_min']:.1f} | {row['peak_memory_mib']:.0f} MiB |")
     return lines
 
@@ -344,7 +352,7 @@ def plot_all(folder, found, screen):
         "presented, floor": by_size(r"present/(\d+)x\d+/new_picture/floor", 1e-6),
     })
 
-    at_30 = [row for row in screen if row["fps"] == 30]
+    at_30 = [row for row in screen if row["fps"] == 30 and not row["paced"]]
     ours = [row for row in at_30 if row["subject"] == "player" and "median_ms" in row]
     plot(folder, "players", "Players at once, 720p30 each", "players", "ms; processor s per minute", {
         "delay, median (ms)": [(row["players"], row["median_ms"]) for row in ours],

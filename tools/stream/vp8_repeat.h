@@ -2,7 +2,7 @@
 // or has coefficients, and the decoder's reference pictures and probabilities stay as they are. So
 // the stream decodes to the same pictures with and without it, at any position after a keyframe.
 //
-// It pushes a picture out of a decoder that delays each one until the next frame, for less than a
+// It pushes a picture out of a decoder that delays each one until the next frame, for about a
 // hundred bytes at 1280x720 and almost no processor time. An encoder that is given the same picture
 // again spends thousands of bytes on improving it.
 #pragma once
