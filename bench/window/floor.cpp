@@ -91,7 +91,7 @@ class Decoder {
         }
     }
 
-    // `frame` has padding behind its `size` bytes, as libavcodec demands.
+    // `frame` has padding after its `size` bytes, as libavcodec requires.
     void show(std::uint8_t* frame, std::size_t size, SharedWindow& window) {
         packet_->data = frame;
         packet_->size = static_cast<int>(size);

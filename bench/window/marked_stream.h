@@ -29,8 +29,8 @@ struct MarkedStream {
     std::vector<StreamPicture> opening;
     // Eight seconds that can be repeated indefinitely; the first frame is a keyframe.
     std::vector<StreamPicture> loop;
-    // Shows the frame before it once more, and may follow any: with low delay it pushes the picture
-    // out of a decoder that holds each one back until the next frame.
+    // Repeats the previous frame, and may follow any: with low delay it pushes the picture out of a
+    // decoder that delays each one until the next frame.
     EncodedFrame repeat;
 };
 

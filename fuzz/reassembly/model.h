@@ -1,5 +1,5 @@
-// Reassembly once more, written for simplicity alone: what the receiver must do with a datagram, to
-// be compared with what it does. Shares no code with it.
+// A model of reassembly, written for simplicity alone: what the receiver must do with a datagram,
+// for comparison with what it does. Shares no code with it.
 #pragma once
 
 #include <chrono>
@@ -15,7 +15,7 @@ namespace vesper::fuzz {
 
 using Time = std::chrono::steady_clock::time_point;
 
-// How often each rule was met, to tell whether a run says anything.
+// How often each rule applied, to show whether a run is meaningful.
 struct RulesMet {
     std::uint64_t malformed = 0;
     std::uint64_t older_than_the_last_completed = 0;

@@ -11,7 +11,7 @@ namespace vesper::fuzz {
 
 namespace {
 
-constexpr std::size_t kMaxExtraBytes = 60;  // behind the payload
+constexpr std::size_t kMaxExtraBytes = 60;  // after the payload
 
 template <typename T, std::size_t kCount>
 T one_of(RandomStream& stream, const T (&choices)[kCount]) {
@@ -171,7 +171,7 @@ std::span<const std::uint8_t> RandomStream::next() {
     std::array<std::uint8_t, kVideoPayloadOffset> head{};
     const std::uint8_t* const random_bytes = bytes_.data() + below(bytes_.size() - buffer_.size());
     write_video_fragment_header(header, head.data());
-    std::copy_n(random_bytes, kPacketHeaderSize, head.begin());  // never looked at
+    std::copy_n(random_bytes, kPacketHeaderSize, head.begin());  // never read
     const std::span datagram(buffer_.end() - static_cast<std::ptrdiff_t>(size), buffer_.end());
     const std::size_t from_head = std::min(size, head.size());
     std::copy_n(head.begin(), from_head, datagram.begin());

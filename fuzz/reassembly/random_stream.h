@@ -1,6 +1,5 @@
-// What a sender and a network without mercy may make of a stream: frames in order, of which
-// fragments are lost, doubled, held back and mixed up, and headers that lie. Every choice comes
-// from the seed.
+// A stream from a hostile sender over a merciless network: frames in order, whose fragments are
+// lost, duplicated, delayed and reordered, and headers that lie. Every choice comes from the seed.
 #pragma once
 
 #include <array>
@@ -26,7 +25,7 @@ class RandomStream {
     // Of 1000 datagrams, how many come after a pause.
     [[nodiscard]] unsigned pauses() const { return pauses_; }
 
-    // The next datagram, valid until the next call. Behind its last byte ends the heap block.
+    // The next datagram, valid until the next call. The heap block ends with its last byte.
     [[nodiscard]] std::span<const std::uint8_t> next();
 
     // 0 to n - 1.

@@ -1,4 +1,4 @@
-// What an input of the frames fuzzer says beside its frames, for the fuzzer and its seeds.
+// What an input of the frames fuzzer contains besides its frames, for the fuzzer and its seeds.
 #pragma once
 
 #include <array>

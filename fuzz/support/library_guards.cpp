@@ -27,7 +27,7 @@ namespace {
 // of this size does not.
 constexpr std::int64_t kMaxPixels = 512 * 512;
 
-// After what the converter may write: the picture, and the overrun that has room behind it.
+// After what the converter may write: the picture, and the room for its overrun.
 constexpr std::size_t kGuardBytes = 256;
 constexpr std::uint8_t kGuardValue = 0xC5;
 

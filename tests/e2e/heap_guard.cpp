@@ -1,10 +1,10 @@
-// To load into a program before all its libraries: sets every heap block of 512 bytes and more
-// against a page that nobody may touch, and makes freed ones untouchable, so that whatever reads or
-// writes beyond a block, or after its end, ends the program with SIGSEGV. That holds for a
-// library's assembly, too, of which the sanitizers see nothing.
+// Preloaded into a program before all its libraries: places every heap block of 512 bytes or more
+// against an inaccessible page, and makes freed blocks inaccessible, so that a read or write beyond
+// a block, or after it is freed, ends the program with SIGSEGV. That includes a library's assembly,
+// of which the sanitizers see nothing.
 //
 // A block is aligned as its caller asked, so that up to 15 bytes may lie between its end and the
-// page, or more where more alignment was asked for; they are filled and looked at again when the
+// page, or more where more alignment was asked for; they are filled and checked when the
 // block is freed. Smaller blocks are the C library's. Address space is never used twice.
 //
 // What SDL reads of a picture at its upload is checked, too: it gets a copy that ends at such a

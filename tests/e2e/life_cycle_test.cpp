@@ -103,8 +103,8 @@ TEST_F(LifeCycle, NoWindowSystemEndsWithStatusOne) {
     EXPECT_EQ(player->err(), "[VideoPlayer] SDL_Init failed: nosuch not available\n");
 }
 
-// What SDL, whose words change between its versions, says of a driver that is to write the sound to
-// a file where none can be.
+// SDL's error, whose wording differs between versions, for a driver whose sound file cannot be
+// made.
 std::string words_for_no_sound_file(const std::string& file) {
     setenv("SDL_DISKAUDIOFILE", file.c_str(), 1);
     EXPECT_EQ(SDL_AudioInit("disk"), 0) << SDL_GetError();
@@ -150,7 +150,7 @@ TEST_P(LifeCycleSignal, EndsThePlayerWithoutShutDownLines) {
 
 INSTANTIATE_TEST_SUITE_P(Termination, LifeCycleSignal, testing::Values(SIGTERM, SIGINT));
 
-// Without a window system nobody can close the window; the player is ended by a signal.
+// Without a window system there is no way to close the window; a signal ends the player.
 class LifeCycleHeadless : public PlayerTest, public testing::WithParamInterface<const char*> {};
 
 TEST_P(LifeCycleHeadless, TakesTheStream) {

@@ -44,7 +44,7 @@ Property read_property(Display* display, Window window, const char* name) {
     return property;
 }
 
-// Weston does not say on its window whose it is.
+// Weston's window does not state its owner.
 constexpr pid_t kAnyProcess = 0;
 
 bool belongs_to(Display* display, Window window, pid_t pid) {

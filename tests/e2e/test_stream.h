@@ -48,9 +48,9 @@ class VideoSource {
   public:
     explicit VideoSource(const tools::Vp8Settings& settings = kSmallStream);
 
-    // The datagrams that make the player show `picture`: a keyframe, and a second frame behind it,
-    // because the player's decoder works with two threads and gives out each picture only when the
-    // next frame comes.
+    // The datagrams that make the player show `picture`: a keyframe and a second frame, because the
+    // player's decoder works with two threads and delivers each picture only when the next frame
+    // arrives.
     [[nodiscard]] std::vector<tools::Datagram> show(const tools::Picture& picture);
 
     // The datagrams of one frame.

@@ -13,8 +13,8 @@ namespace vesper::test {
 
 namespace {
 
-// Xlib ends the process at the first error by default. A window that goes away between two calls is
-// nothing to die of: the call that failed says so by its result.
+// Xlib ends the process at the first error by default. A window that disappears between two calls
+// is no reason to end: the failed call returns its error.
 int ignore_x_error(Display*, XErrorEvent*) {
     return 0;
 }

@@ -12,10 +12,10 @@ namespace vesper::test {
 
 class WaylandCompositor {
   public:
-    // Starts weston in a window on `display`, with its socket in `folder`, which must be nobody
-    // else's and outlive the object, and with one of weston's shells: a desktop, or
-    // "kiosk-shell.so", which gives a client all of weston's window. Throws std::runtime_error when
-    // it does not come up.
+    // Starts weston in a window on `display`, with its socket in `folder`, which must be private
+    // and outlive the object, and with one of weston's shells: a desktop, or "kiosk-shell.so",
+    // which gives a client all of weston's window. Throws std::runtime_error when it does not come
+    // up.
     WaylandCompositor(const VirtualDisplay& display, const std::string& folder,
                       const std::string& shell = "desktop-shell.so");
     ~WaylandCompositor();

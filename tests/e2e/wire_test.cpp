@@ -26,7 +26,7 @@ class SizeChange : public PlayerTest {
     void show_a_stream() {
         start_player();
         show_first_picture(flat_picture(kRed));
-        // The decoder gives out each picture when the next frame comes: blue has yet to be shown.
+        // The decoder delivers each picture when the next frame arrives: blue is not shown yet.
         send(video.frame(flat_picture(kGreen), false));
         send(video.frame(flat_picture(kBlue), false));
         expect_color(kMiddle, kGreen);
@@ -126,7 +126,7 @@ TEST_F(Wire, EndOfTheXServerEndsThePlayerWithStatusOne) {
         {"Xvfb", "-displayfd", "1", "-screen", "0", "640x480x24", "-nolisten", "tcp"});
     ASSERT_TRUE(eventually([&] { return server.out().ends_with('\n'); }));
     environment["DISPLAY"] = ":" + server.out().substr(0, server.out().size() - 1);
-    // Xlib ends the process where it stands: what is still held then is no leak.
+    // Xlib ends the process on the spot: what is not freed then is not a leak.
     environment["ASAN_OPTIONS"] += ":detect_leaks=0";
     environment["TSAN_OPTIONS"] += ":report_thread_leaks=0";
     start_player_anywhere();

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian packages on a Debian that has nothing else and looks at what they do there:
+# Installs the Debian packages on a Debian that has nothing else and checks what they do there:
 # what they forgot to depend on is missing.
 #
 #   clean_root_test.sh PACKAGES_DIR WORK_DIR
@@ -81,7 +81,7 @@ show_two_streams() {
         $(stripe_points 640 360) \
         667,175 720,175 773,175 827,175 880,175 933,175 \
         50,410 150,410
-    terminate "$application"  # SDL makes the wish to quit of it
+    terminate "$application"  # SDL turns it into a quit event
     expect_equal "status of $name" 0 "$status"
     for feeder in "${feeders[@]}"; do
         terminate "$feeder"

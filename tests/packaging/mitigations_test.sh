@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Looks into the released player for what the compiler and the linker were asked for.
+# Checks that the released player has the mitigations that the compiler and the linker were asked for.
 #
 #   mitigations_test.sh PLAYER COMPILER_ID
 source "$(dirname "$0")/expect.sh"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Makes the Debian packages and compares what they hold and what they say of themselves.
+# Makes the Debian packages and compares their contents and their descriptions.
 #
 #   packages_test.sh BUILD_DIR LIBDIR VERSION
 source "$(dirname "$0")/expect.sh"
@@ -21,7 +21,7 @@ field() {
     dpkg-deb --field "$1" "$2"
 }
 
-# Names of the packages that hold the shared libraries which a program was linked with.
+# Names of the packages that contain the shared libraries which a program is linked with.
 needed_packages() {
     readelf -d "$build/bin/$1" |
         sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort -u |

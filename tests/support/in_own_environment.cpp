@@ -15,7 +15,7 @@ int main(int /*count*/, char** arguments) {
         ::posix_spawnp(&process, arguments[1], nullptr, nullptr, arguments + 1, environ);
     if (error != 0) {
         std::fprintf(stderr, "%s: %s\n", arguments[1], std::strerror(error));
-        return 127;  // what a shell answers, too
+        return 127;  // as a shell reports it
     }
     int status = 0;
     while (::waitpid(process, &status, 0) < 0 && errno == EINTR) {

@@ -1,9 +1,8 @@
-// Part of every test program: before anything else in it runs, the process leaves the environment
-// of whoever started it for one of its own, which the programs that it starts inherit. No session
-// bus, sound server, display or compositor of the user's is in it, no locale, time zone, setting of
-// SDL's or preloaded library; HOME and XDG_RUNTIME_DIR are an empty folder that goes with the
-// process; standard input has nothing to read; no signal is ignored or blocked. What a test wants
-// to be there it adds.
+// Part of every test program: before anything else runs, the process replaces the environment that
+// it was started in by one of its own, which the programs that it starts inherit. It contains no
+// session bus, sound server, display or compositor of the user's, no locale, time zone, SDL setting
+// or preloaded library; HOME and XDG_RUNTIME_DIR are an empty folder that is deleted with the
+// process; standard input is empty; no signal is ignored or blocked. A test adds what it needs.
 #include <unistd.h>
 
 #include <array>
@@ -21,8 +20,8 @@ namespace vesper::test {
 
 namespace {
 
-// Where programs, libraries, packages and room for temporary files are found, and what whoever runs
-// a test tells it on purpose.
+// The locations of programs, libraries, packages and temporary files, and the variables by which
+// users control a test.
 constexpr std::array<std::string_view, 9> kKept = {
     "PATH=",   "LD_LIBRARY_PATH=", "CMAKE_PREFIX_PATH=", "PKG_CONFIG_PATH=",
     "TMPDIR=", "http_proxy=",      "https_proxy=",       "GTEST_",

@@ -1,4 +1,4 @@
-// Lets Wireshark's command-line sister read a capture through tools/wireshark/vesper.lua.
+// Reads a capture with tshark, Wireshark's command-line version, and tools/wireshark/vesper.lua.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -83,8 +83,8 @@ class Dissector : public testing::Test {
     // What tshark prints of each datagram: a line of the fields' values, with bars between them,
     // nothing where a datagram has no such field, 1 for a true one and 0 for a false one.
     //
-    // Since Wireshark 4.2 it runs no script for root, who therefore has nobody run it, and as
-    // nobody may not look into the folder gets both files open.
+    // Since Wireshark 4.2 it runs no scripts as root, so a test run by root starts it as the user
+    // nobody, with both files open, because nobody may not be able to read the folder.
     [[nodiscard]] std::string dissected(const Names& fields, const std::string& options = "") {
         std::string command = "HOME=/nonexistent WIRESHARK_CONFIG_DIR=/nonexistent ";
         if (geteuid() == 0) {

@@ -43,7 +43,7 @@ using testing::Not;
 
 constexpr const char* kListening = "[VideoPlayer] Listening on UDP port ";
 
-// One run of vesper-parent, small and quick unless told otherwise.
+// One run of vesper-parent, small and quick by default.
 class Parent {
   public:
     explicit Parent(const std::vector<std::string>& words,
@@ -118,7 +118,7 @@ class ParentTest : public testing::Test {
     }
     // One that prints its command line.
     std::string talkative_player() const { return player("printf '%s\\n' \"$@\""); }
-    // One that says it listens, tells its process id, and stays.
+    // One that reports that it listens, prints its process id, and keeps running.
     std::string patient_player() const {
         return player("echo \"pid $$\"; echo '" + std::string(kListening) + "1'; exec sleep 1000");
     }
@@ -320,7 +320,7 @@ TEST_F(ParentTest, FeedsAPlayerThatRunsAlready) {
     EXPECT_EQ(parent.status(), 128 + SIGTERM);
 }
 
-// Nobody takes anything from this socket.
+// Nothing is ever read from this socket.
 TEST_F(ParentTest, ReportsWhatThePlayersBufferHadNoRoomFor) {
     UDPSocket player;
     ASSERT_TRUE(player.bind(0));

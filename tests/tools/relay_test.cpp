@@ -159,7 +159,7 @@ class RelayTest : public testing::Test {
         return sent_;
     }
 
-    // Whether this line is said, alone or after others.
+    // Whether this line is printed, alone or after others.
     [[nodiscard]] bool says(const std::string& line) {
         return eventually([&] {
             for (std::string& next : relay_->take_lines()) {
@@ -269,7 +269,7 @@ INSTANTIATE_TEST_SUITE_P(
                    kVp8 + kOpus + "-application voip -dtx 1 -b:a 16k"}),
     [](const auto& copied) { return copied.param.name; });
 
-// Two formats that hold sound alone.
+// Two formats that contain only sound.
 TEST_F(RelayTest, SoundAloneIsAStreamToo) {
     for (const std::string name : {"song.opus", "song.ogg"}) {
         make_media(kTone + "-t 1 " + kOpus, file(name));
@@ -463,7 +463,7 @@ TEST_F(RelayTest, ACopiedStreamAnswersNoRequestForAKeyframe) {
                                    "those that it brings"));
 }
 
-// The first answer leaves at once; all others within half a second of it are one.
+// The first answer is sent at once; all others within half a second are combined into one.
 TEST_F(RelayTest, VideoThatIsEncodedAnswersOnceInHalfASecond) {
     const std::string path = file("film.mkv");
     make_media(kPicture + "-t 2 -c:v mpeg4", path);
@@ -636,7 +636,7 @@ TEST_F(RelayTest, APipeIsReadToItsEnd) {
     EXPECT_EQ(sent().sounds, packets_of(file("film"), AVMEDIA_TYPE_AUDIO));
 }
 
-// Whatever an input waits for, a stop does not wait with it.
+// A stop does not wait for an input, whatever that waits for.
 TEST_F(RelayTest, IsStoppedWhileItsInputIsSilent) {
     const std::string path = file("fifo");
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);

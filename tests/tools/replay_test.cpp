@@ -240,7 +240,7 @@ TEST_F(Replay, AtLowSpeedMakesTheTimeBetweenDatagramsLonger) {
     EXPECT_THAT(received(), testing::SizeIs(2));
 }
 
-// Four seconds, and nobody's machine is so slow that they become the 400 of the capture.
+// Four seconds, and no machine is so slow that they become the 400 of the capture.
 TEST_F(Replay, AtHighSpeedMakesTheTimeBetweenDatagramsShorter) {
     write_pause(capture_, std::chrono::seconds(400));
     const auto start = steady_clock::now();
