@@ -4,7 +4,7 @@
 // that works in blocks of up to 16 columns and leaves out the remainder: with vector code the
 // last (width mod 8) columns where the width is 1 to 7 above a multiple of 16, without it the last
 // column of every odd width (measured with libswscale 6.7). So the last, incomplete block of 16
-// columns is converted again, as a picture of its own without a remainder, and copied to its place.
+// columns is copied into a wider picture, converted there and copied to its place.
 #pragma once
 
 #include <cstdint>
@@ -24,13 +24,12 @@ class RightEdge {
     RightEdge& operator=(const RightEdge&) = delete;
 
     // For pictures like `first`, converted to `width` x `height` pixels. If nothing is left out, or
-    // memory is refused, convert() does nothing.
+    // FFmpeg refuses memory, convert() does nothing.
     void prepare(const AVFrame& first, int width, int height);
 
     // Converts the edge of `source`'s first `rows` rows into `picture` of the prepared size (packed
-    // rows of B, G, R, A). Reads `source` up to the next multiple of 16 columns, which every
-    // picture that libavcodec allocates has (avcodec_align_dimensions2()), as has one that
-    // av_frame_get_buffer() allocated. Rows that libswscale refuses stay as they are.
+    // rows of B, G, R, A). `source` is at least as wide as that and has that many rows. Rows that
+    // libswscale refuses stay as they are.
     void convert(const AVFrame& source, int rows, std::uint8_t* picture);
 
     // Forgets what prepare() made.
@@ -39,7 +38,9 @@ class RightEdge {
   private:
     int width_ = 0;  // of the whole picture, in pixels
     SwsContext* converter_ = nullptr;
-    std::vector<std::uint8_t> block_;  // kEdgeWidth columns, as many rows as the picture
+    // The edge before and after its conversion: kEdgeWidth columns, as many rows as the picture.
+    AVFrame* source_ = nullptr;
+    std::vector<std::uint8_t> converted_;
 };
 
 }  // namespace vesper::client

@@ -707,6 +707,20 @@ TEST_F(DecodeThreadVp8, PictureOfTheConfiguredSizeHasItsColoursInTheOrderBgra) {
     EXPECT_EQ(converters, 1);
 }
 
+// Without the second converter, that of the right edge, what the first one leaves out stays out.
+TEST_F(DecodeThreadVp8, PictureWithoutAConverterForItsRightEdgeIsShownAllTheSame) {
+    configure(166, 96);
+    hook_sws_getContext = [this](auto... arguments) {
+        ++converters;
+        return converters == 1 ? __real_sws_getContext(arguments...) : nullptr;
+    };
+    queue_one_by_one(encoded_frames(166, 96, 3));
+    run();
+    ASSERT_TRUE(peer.picture_ready());
+    expect_four_colours(0, 0, 160, 96);
+    EXPECT_EQ(converters, 2);
+}
+
 TEST_F(DecodeThreadVp8, LargerPictureIsScaledDownToTheConfiguredSize) {
     configure(640, 360);
     queue_one_by_one(encoded_frames(1280, 720, 3));

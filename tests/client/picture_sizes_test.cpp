@@ -5,6 +5,7 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavutil/imgutils.h>
 #include <libavutil/log.h>
 #include <libswscale/swscale.h>
 }
@@ -100,15 +101,18 @@ struct ConverterDeleter {
 };
 
 // Converts what the receiver converts, into rows with room to spare. Where a picture keeps its
-// size, the columns are converted up to a multiple of 16, since libswscale's plain C code leaves
-// out the last column of an odd width however much room there is.
+// size, it is copied into a wider one first: libswscale's plain C code leaves out the last column
+// of an odd width however much room there is. That one's width is a multiple of 16 only where the
+// picture's is, since such widths take other code on arm64, which rounds otherwise.
 class RoomyConversion {
   public:
     RoomyConversion(const AVFrame& first, Size shown) : shown_(shown) {
         Size source = {.width = first.width, .height = first.height};
         Size destination = shown;
-        if (source == shown && shown.height % 2 == 0) {
-            source.width = destination.width = round_up(shown.width, kMacroblock);
+        if (source == shown && shown.height % 2 == 0 && shown.width % kMacroblock != 0) {
+            const int even = round_up(shown.width, 2);
+            source.width = destination.width = even % kMacroblock == 0 ? even + 2 : even;
+            wider_ = tools::make_picture(round_up(source.width, kMacroblock), source.height);
         }
         pitch_ = picture_pitch(destination.width + kSpareColumns);
         converter_.reset(sws_getContext(source.width, source.height,
@@ -123,6 +127,13 @@ class RoomyConversion {
     // Publishes by a swap, as the receiver does: what a refused conversion leaves is the picture
     // before last.
     void convert(const std::uint8_t* const source[], const int strides[], int rows) {
+        if (wider_ && rows <= shown_.height) {
+            std::array<const std::uint8_t*, 4> picture = {source[0], source[1], source[2]};
+            av_image_copy(wider_->data, wider_->linesize, picture.data(), strides,
+                          AV_PIX_FMT_YUV420P, shown_.width, rows);
+            source = wider_->data;
+            strides = wider_->linesize;
+        }
         std::array<std::uint8_t*, 4> planes = {buffers_[0].data()};
         const std::array<int, 4> pitches = {pitch_};
         __real_sws_scale(converter_.get(), source, strides, 0, rows, planes.data(), pitches.data());
@@ -150,6 +161,7 @@ class RoomyConversion {
     Size shown_;
     int pitch_ = 0;
     std::unique_ptr<SwsContext, ConverterDeleter> converter_;
+    tools::Picture wider_;  // null where the picture is converted as it is
     std::array<std::vector<std::uint8_t>, 2> buffers_;
 };
 

@@ -218,6 +218,9 @@ int SDL_UpdateTexture(SDL_Texture* texture, const SDL_Rect* area, const void* pi
     }
     const std::size_t bytes = static_cast<std::size_t>(pitch) * static_cast<std::size_t>(height);
     void* const copy = allocate(bytes, 1);
+    if (copy == nullptr) {
+        return real(texture, area, pixels, pitch);
+    }
     std::memcpy(copy, pixels, bytes);
     const int result = real(texture, area, copy, pitch);
     free(copy);

@@ -86,7 +86,12 @@ class PictureEdges : public PlayerTest,
 TEST_P(PictureEdges, LastColumnAndLastRowOfTheWindowAreThePictures) {
     ASSERT_NO_FATAL_FAILURE(start());
     show_first_picture(flat_picture(kBright, stream_size));
-    EXPECT_TRUE(eventually([this] { return !fault(); })) << "not so at " << *fault();
+    std::optional<Point> found;
+    EXPECT_TRUE(eventually([&] {
+        found = fault();
+        return !found;
+    })) << "not so at "
+        << *found;
     end();
 }
 

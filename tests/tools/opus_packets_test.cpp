@@ -2,7 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <opus/opus.h>
+#include <opus.h>
 
 #include <array>
 #include <cmath>

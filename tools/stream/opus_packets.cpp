@@ -1,6 +1,6 @@
 #include "tools/stream/opus_packets.h"
 
-#include <opus/opus.h>
+#include <opus.h>
 
 #include <algorithm>
 #include <cstddef>
