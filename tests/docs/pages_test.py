@@ -288,7 +288,7 @@ COMMANDS = [
     (r"in_application", Pages.check_embedder),
     (r"examples/.*|minimal_application", Pages.check_example),
     (r"g\+\+", Pages.check_compiler),
-    (r"ffmpeg|gst-launch-1.0|tcpdump|wireshark", Pages.check_nothing),
+    (r"ffmpeg|sudo|gst-launch-1.0|tcpdump|wireshark", Pages.check_nothing),
 ]
 
 if __name__ == "__main__":
