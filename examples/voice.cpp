@@ -23,7 +23,7 @@ constexpr int kPacket = 960;     // samples of each channel, 20 ms
 constexpr int kMostBytes = 400;  // of a packet: far more than 48 kbit/s take
 
 // Late sound is worse than none: more than this is thrown away, or the delay would stay.
-constexpr std::uint32_t kMostQueued = 5U * kPacket * kChannels * sizeof(short);  // bytes, 100 ms
+constexpr std::size_t kMostQueued = sizeof(short) * 5 * kPacket * kChannels;  // bytes, 100 ms
 
 using Samples = std::array<short, std::size_t{kPacket} * kChannels>;
 
@@ -50,7 +50,8 @@ class Sender {
                                          .payload_size = static_cast<std::uint16_t>(size),
                                          .flags = vesper::kScreenAudioFlag},
                                         datagram.data());
-            socket.send(datagram.data(), static_cast<std::size_t>(vesper::kPacketHeaderSize + size),
+            socket.send(datagram.data(),
+                        std::size_t{vesper::kPacketHeaderSize} + static_cast<std::size_t>(size),
                         vesper::kParentHost, peer_port);
         }
     }

@@ -89,7 +89,7 @@ Relay::Relay(RelaySettings settings, Link& link)
     : settings_(std::move(settings)), link_(link), input_([this] { return give_up(); }) {}
 
 Relay::~Relay() {
-    stop();
+    Relay::stop();
 }
 
 void Relay::open() {
