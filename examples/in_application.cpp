@@ -1,5 +1,5 @@
 // Shows several live streams inside one application: a window of its own and, for each stream, a
-// socket and a receiver with a window. The rules behind it are in docs/embedding.md.
+// socket and a receiver with a window. docs/embedding.md explains the rules.
 //
 //   in_application [--size WIDTHxHEIGHT] PORT:REPLY_PORT:NAME...
 //
@@ -31,18 +31,18 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Of every stream here; a real application is told it together with the stream.
+// Of every stream here; a real application learns it together with the stream.
 struct StreamSize {
     int width = 640;   // pixels
     int height = 360;  // pixels
 };
 
-// A stream says nothing of its end. Even a still picture sends many datagrams a second, so after
-// this long nobody is sending any more.
+// No datagram announces the end of a stream. Even a still picture takes many datagrams a second, so
+// after this long nobody is sending any more.
 constexpr auto kSilence = std::chrono::seconds(3);
 
 // Most datagrams taken from one stream in one pass: enough to empty the socket's buffer after a
-// hiccup, and an end, so that a flood on one stream does not starve the others.
+// hiccup, yet limited, so that a flood on one stream does not starve the others.
 constexpr int kDatagramsPerPass = 200;
 
 // Leaves the processor to others between two passes. A datagram and a decoded picture each wait for
@@ -72,7 +72,7 @@ class WatchedStream {
     explicit WatchedStream(Source source) : source_(std::move(source)) {}
 
     // Opens the stream's window, without taking the keyboard from `application_window`. False, with
-    // a line on standard error, when there is no port or no window to be had.
+    // a line on standard error, when the port or the window is not available.
     [[nodiscard]] bool open(std::uint32_t uid, StreamSize size, SDL_Window* application_window) {
         if (!socket_.bind(source_.port) ||
             !receiver_.start(uid, source_.name, size.width, size.height, application_window)) {
@@ -99,7 +99,7 @@ class WatchedStream {
         }
     }
 
-    // Declares a stream over that has fallen silent. Its window stays up, with the last picture
+    // Declares the stream over if it has fallen silent. Its window stays up, with the last picture
     // under the stream-ended overlay, until the viewer closes it. A stream that comes back needs a
     // new receiver.
     void end_if_silent() {
@@ -120,7 +120,7 @@ class WatchedStream {
         }
     }
 
-    // From here on update() leaves the receiver alone; it dies at the end of the pass.
+    // From now on update() leaves the receiver alone; it is destroyed at the end of the pass.
     void give_up() {
         receiver_.set_condemned(true);
         given_up_ = true;
@@ -221,7 +221,7 @@ class Application {
         }
     }
 
-    // For each stream whether it is over: what the window shows.
+    // Whether each stream is over, which is what the window shows.
     [[nodiscard]] std::vector<bool> fields_now() const {
         std::vector<bool> fields;
         fields.reserve(streams_.size());

@@ -1,5 +1,5 @@
-// An application whose socket has a thread of its own: the stream is taken from the system at once,
-// whatever the main thread is busy with. Shows the stream that comes to 127.0.0.1:PORT and asks
+// An application whose socket has a thread of its own, which takes what arrives at once, whatever
+// the main thread is busy with. Shows the stream that comes to 127.0.0.1:PORT and asks
 // 127.0.0.1:REPLY_PORT for keyframes.    Usage: socket_thread PORT REPLY_PORT
 #include <SDL2/SDL.h>
 
@@ -29,8 +29,8 @@ constexpr int kReceiveWait = 20;  // ms
 // Sound that waited longer would be late for the rest of the stream: nothing shortens the queue.
 constexpr std::size_t kMostSound = 10;  // packets, of 20 ms
 
-// From its making to its end the socket is this thread's alone. Video goes into the receiver from
-// here; sound waits for the main thread.
+// As long as this object lives, the socket belongs to its thread alone. Video goes into the
+// receiver from there; sound waits for the main thread.
 class SocketThread {
   public:
     // Both must outlive the object.

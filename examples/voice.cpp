@@ -18,11 +18,11 @@ namespace {
 using vesper::client::AudioDevice;
 
 constexpr int kRate = 48'000;    // Hz
-constexpr int kChannels = 2;     // SDL makes two of a microphone's one
+constexpr int kChannels = 2;     // SDL turns a mono microphone into two
 constexpr int kPacket = 960;     // samples of each channel, 20 ms
-constexpr int kMostBytes = 400;  // of a packet: far more than 48 kbit/s take
+constexpr int kMostBytes = 400;  // of a packet: far more than 48 kbit/s needs
 
-// Late sound is worse than none: more than this is thrown away, or the delay would stay.
+// Late sound is worse than none: a longer queue is thrown away, or the delay would stay.
 constexpr std::size_t kMostQueued = sizeof(short) * 5 * kPacket * kChannels;  // bytes, 100 ms
 
 using Samples = std::array<short, std::size_t{kPacket} * kChannels>;
@@ -34,7 +34,7 @@ class Sender {
                microphone_.open(AudioDevice::Capture, kRate, kChannels, kPacket, nullptr);
     }
 
-    // Sends what the microphone has heard, if that makes a packet.
+    // Sends what the microphone has heard, once it fills a packet.
     void send(vesper::UDPSocket& socket, std::uint16_t peer_port) {
         filled_ += microphone_.read_samples(samples_.data() + filled_,
                                             static_cast<int>(samples_.size()) - filled_);
@@ -80,7 +80,7 @@ class Listener {
             (header.flags & vesper::kScreenAudioFlag) == 0 || header.sequence <= last_) {
             return;  // not ours, or late: the packets after it have been played
         }
-        // The first packet follows nothing; of a longer loss the rest is skipped.
+        // Nothing precedes the first packet; at most three lost packets are concealed.
         const std::uint32_t lost = last_ == 0 ? 0 : header.sequence - last_ - 1;
         for (std::uint32_t i = 0; i < std::min(lost, 3U); ++i) {
             queue(decoder_.decode_plc(samples_.data(), kPacket));
@@ -107,7 +107,7 @@ class Listener {
 
 bool quit_requested() {
     SDL_PumpEvents();
-    return SDL_HasEvent(SDL_QUIT) == SDL_TRUE;  // SDL makes one of SIGINT and SIGTERM
+    return SDL_HasEvent(SDL_QUIT) == SDL_TRUE;  // SDL turns SIGINT and SIGTERM into one
 }
 
 bool talk(std::uint16_t port, std::uint16_t peer_port) {
