@@ -39,7 +39,7 @@ void add_player_options(CLI::App& app, Options& options) {
         ->excludes("--player")
         ->group("Player");
     app.add_option("--listen", options.listen_port,
-                   "Port that the player talks to (default: any free one)")
+                   "Port that the player sends to (default: any free one)")
         ->check(CLI::Range(1, 65535))
         ->group("Player");
     app.add_option("--streams", options.streams, "Players to start, each with a stream of its own")
@@ -61,7 +61,7 @@ void add_source_options(CLI::App& app, Options& options) {
     auto* file = app.add_option("--file", options.file,
                                 "Stream this media file (default: a test picture and a tone)")
                      ->group("Source");
-    app.add_flag("--loop", options.loop, "Start the file again at its end")
+    app.add_flag("--loop", options.loop, "Restart the file at its end")
         ->needs(file)
         ->group("Source");
     auto* copy = app.add_flag("--copy", options.copy,
@@ -74,11 +74,11 @@ void add_source_options(CLI::App& app, Options& options) {
         ->needs(copy)
         ->group("Source");
     auto* replay = app.add_option("--replay", options.replay,
-                                  "Send what this capture holds, in its own time and size")
+                                  "Send what this capture contains, with its timing and size")
                        ->excludes(file)
                        ->type_name("CAPTURE")
                        ->group("Source");
-    app.add_option("--speed", options.speed, "Replay so many times as fast")
+    app.add_option("--speed", options.speed, "Replay this many times as fast")
         ->capture_default_str()
         ->check(CLI::Range(0.01, 100.0))
         ->needs(replay)
@@ -95,7 +95,7 @@ void add_source_options(CLI::App& app, Options& options) {
                    throw CLI::ValidationError("--screen", "$DISPLAY is not set: name a display");
                }
            },
-           "Stream what this display shows (default: that of $DISPLAY)")
+           "Stream what this X display shows (default: that of $DISPLAY)")
         ->expected(0, 1)
         ->excludes(file)
         ->excludes(replay)
@@ -119,17 +119,17 @@ void add_video_options(CLI::App& app, StreamSettings& stream) {
         ->capture_default_str()
         ->check(CLI::Range(1, 240))
         ->group("Video");
-    app.add_option("--bitrate", stream.video.bitrate, "In bit/s")
+    app.add_option("--bitrate", stream.video.bitrate, "Bits a second of the video")
         ->capture_default_str()
         ->check(CLI::Range(10'000, 1'000'000'000))
         ->group("Video");
     app.add_option("--keyframe-interval", stream.video.keyframe_interval,
-                   "A keyframe at least every so many frames")
+                   "Send a keyframe at least once in this many frames")
         ->capture_default_str()
         ->check(CLI::Range(1, 1'000'000))
         ->group("Video");
     app.add_flag("--low-delay", stream.low_delay,
-                 "Send each picture twice while the player keeps up, so that it shows it at once")
+                 "Send each picture twice while the player keeps up, so that it is shown at once")
         ->group("Video");
 }
 
@@ -149,12 +149,12 @@ void add_link_options(CLI::App& app, Options& options, int& jitter) {
     add_percentage("--reorder", impairments.reorder, "Datagrams that the next one overtakes");
     add_percentage("--corrupt", impairments.corrupt, "Datagrams with one bit flipped");
     add_percentage("--truncate", impairments.truncate, "Datagrams cut short");
-    app.add_option("--jitter", jitter, "Each datagram is late by up to so many milliseconds")
+    app.add_option("--jitter", jitter, "Delay each datagram by up to this many milliseconds")
         ->check(CLI::Range(0, 10'000))
         ->type_name("MS")
         ->group("Link");
     app.add_option("--capture", options.capture,
-                   "Keep every datagram of both directions in this pcap file")
+                   "Record every datagram of both directions in this pcap file")
         ->type_name("FILE")
         ->group("Link");
     app.add_option("--seed", impairments.seed, "The same seed impairs in the same way")
@@ -170,13 +170,13 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& sta
     int jitter = 0;  // ms
     CLI::App app(
         "Stands in for the application that starts the player: encodes picture and sound "
-        "in real time and feeds them to it.",
+        "in real time, or copies them, and sends them to the player.",
         "vesper-parent");
     add_source_options(app, options);
     add_video_options(app, options.stream);
     add_link_options(app, options, jitter);
     add_player_options(app, options);
-    app.add_option("--seconds", seconds, "End after so many seconds (default: never)")
+    app.add_option("--seconds", seconds, "End after this many seconds (default: never)")
         ->check(CLI::PositiveNumber);
     try {
         app.parse(argc, argv);

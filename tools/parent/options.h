@@ -12,7 +12,7 @@
 namespace vesper::tools {
 
 struct Options {
-    // What is streamed: the test picture, where neither is given.
+    // What is streamed: the test picture if none of these is given.
     std::string file;                   // --file: this media file
     bool copy = false;                  // --copy: its packets as they are, without encoding
     bool restart = true;                // --no-restart: the player stays when the size changes
@@ -27,10 +27,10 @@ struct Options {
     ImpairmentSettings impairments;  // --loss, --duplicate, --reorder, --corrupt, --truncate,
                                      // --jitter, --seed
 
-    std::string capture;            // --capture: keep every datagram in this file; empty: none
+    std::string capture;            // --capture: record every datagram in this file; empty: none
     std::string player;             // --player: program to start; empty: the one beside us
     std::uint16_t to_port = 0;      // --to: feed the player that listens there; 0: start one
-    std::uint16_t listen_port = 0;  // --listen: where the player talks to; 0: any
+    std::uint16_t listen_port = 0;  // --listen: where the player sends to; 0: any
     int streams = 1;                // --streams: players to start
     std::string username;           // --username: the streamer's name; empty: what is streamed
     float volume = 1.0F;            // --volume: that the player starts with, 0.0 to 1.0
