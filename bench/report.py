@@ -378,7 +378,9 @@ def publish(folder, page, tables):
     TABLE.write_text(
         "# Performance, every figure\n\n"
         "`scripts/bench --publish` writes this page. What the figures mean, and why they are what\n"
-        f"they are: [performance.md](performance.md).\n\n{tables}")
+        "they are: [performance.md](performance.md).\n\n"
+        "Read the ratio of the first table first: 1.00 is as fast as the floor, and a figure with a\n"
+        f"goal meets it if its ratio is no smaller.\n\n{tables}")
 
 
 def text(*parts):
