@@ -68,7 +68,7 @@ MarkedStream encode_marked_stream(const MarkedStreamSettings& settings) {
         .keyframe_interval = kKeyframeInterval * settings.frames_per_second};
     tools::MediaSource source;
     // One for the opening alone: a row of plain keyframes teaches libvpx that keyframes are cheap,
-    // and the loop's would be several times as large as it is told for many seconds.
+    // and the loop's would be several times as large as they should be for many seconds.
     tools::Vp8Encoder opening_encoder;
     tools::Vp8Encoder encoder;
     if (!source.open_test_picture({.width = kWidth, .height = kHeight, .sound = false}) ||

@@ -677,8 +677,8 @@ TEST_F(DecodeThreadVp8, FirstReceiveFindsNoPictureYetAndPicturesComeOneFrameLate
 }
 
 // The largest size that the format can declare is beyond what libavutil takes
-// (av_image_check_size2), however few bytes declare it. With two decoder threads the error is told
-// at the next frame.
+// (av_image_check_size2), however few bytes declare it. With two decoder threads the error is
+// reported at the next frame.
 TEST_F(DecodeThreadVp8, PictureOfTheFormatsLargestSizeIsAnErrorLikeAnyOther) {
     configure(320, 180);
     EncodedFrame keyframe = encoded_frames(320, 180, 1).front();

@@ -41,7 +41,7 @@ colors_on_screen() {
 }
 
 play_test_stream() {
-    # It asks /proc where the player beside it is, and here is no /proc.
+    # By default it finds the player through /proc, which is missing here.
     "${as_user[@]}" SDL_AUDIODRIVER=disk SDL_DISKAUDIOFILE=/tmp/sound.raw \
         vesper-parent --size 640x360 --player /usr/bin/vesper-player >"$work/player.log" 2>&1 &
     local parent=$!

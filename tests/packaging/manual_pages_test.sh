@@ -54,7 +54,7 @@ options_of_player() {
 }
 
 # "--fps=30 (1 to 240)" of "  --fps INT:INT in [1 - 240]=30", or, since CLI11 2.4, of
-# "  --fps INT:INT in [1 - 240] [30] "; or the text behind an option has
+# "  --fps INT:INT in [1 - 240] [30] "; or the text after an option has
 # "(default: 30)" and "1 to 240". The range of a PERCENT goes without saying.
 options_of_parent() {
     options=$("$1" --help | awk "$gather"'

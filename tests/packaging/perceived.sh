@@ -4,8 +4,8 @@
 #   stripe_points W H       prints a point in the foot of each stripe of a picture of this size
 #   colors_of FILE X,Y...   prints the colours that an image has at these points, in the same words
 #   $tone                   the tone
-#   tone_of WORD...         prints frequency and level of the last second of a recording, which sox is
-#                           told of in these words, without the tone's higher beep
+#   tone_of WORD...         prints frequency and level of the last second of a recording, described to
+#                           sox in these words, without the tone's higher beep
 #   free_ports COUNT        prints UDP ports of the loopback address that nobody has
 #
 # shellcheck shell=bash

@@ -19,7 +19,7 @@ namespace {
 using std::chrono::microseconds;
 using std::chrono::seconds;
 
-constexpr int kLargestPacket = 65'535;  // bytes; what IPv4's length field can say
+constexpr int kLargestPacket = 65'535;  // bytes; the most that IPv4's length field can express
 
 constexpr std::size_t kIpHeaderSize = sizeof(ip);       // bytes; without options
 constexpr std::size_t kUdpHeaderSize = sizeof(udphdr);  // bytes

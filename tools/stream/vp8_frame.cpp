@@ -7,7 +7,7 @@
 namespace vesper::tools {
 
 // The first bit is clear, a start code follows the first three bytes, and then come width and
-// height, 14 bits each, beside what a player may do to scale them.
+// height, 14 bits each, with a hint in the other two on how a player may scale them.
 std::optional<PictureSize> keyframe_size(std::span<const std::uint8_t> frame) {
     constexpr std::size_t kHeaderSize = 10;  // bytes
     constexpr std::array<std::uint8_t, 3> kStartCode = {0x9D, 0x01, 0x2A};
