@@ -1,5 +1,5 @@
 // A parent application at work: pictures and sound in real time, keyframes when the player asks for
-// them, over a road (a network) that may lose or change what travels on it.
+// them, over a road (a simulated network) that may lose or change what travels on it.
 #pragma once
 
 #include <chrono>
