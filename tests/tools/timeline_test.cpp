@@ -74,6 +74,17 @@ TEST_F(FileTimeline, AJumpByHoursIsNotWaitedFor) {
     EXPECT_EQ(jumped, hours(7) - milliseconds(80));
 }
 
+TEST_F(FileTimeline, TheFurthestTimestampsAreJumpsLikeOthers) {
+    picture(seconds(0));
+    picture(milliseconds(40));
+    EXPECT_EQ(picture(Time::max()), milliseconds(80));
+    EXPECT_TRUE(jumped);
+    EXPECT_EQ(picture(Time::min()), milliseconds(120));
+    EXPECT_TRUE(jumped);
+    EXPECT_EQ(picture(seconds(1)), milliseconds(160));
+    EXPECT_TRUE(jumped);
+}
+
 TEST_F(FileTimeline, StreamsThatJumpTogetherStayTogetherAndAreReportedOnce) {
     picture(seconds(50));
     sound(seconds(50));

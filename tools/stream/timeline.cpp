@@ -8,6 +8,7 @@ namespace vesper::tools {
 Timeline::Reading Timeline::read(Stream stream, Time timestamp, Clock::time_point arrival) {
     Track& track = tracks_.at(static_cast<std::size_t>(stream));
     Reading reading;
+    timestamp = std::clamp(timestamp, -kFurthest, kFurthest);
     if (!track.seen) {
         track.offset = offset_;
     }

@@ -8,6 +8,7 @@
 #include <array>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 
 #include "tools/stream/impairments.h"
@@ -31,6 +32,10 @@ class Timeline {
     static constexpr Time kLongestLiveLead = std::chrono::seconds(2);
     // A smaller step back is the interleaving of a muxer or the correction of a clock.
     static constexpr Time kLongestStepBack = std::chrono::seconds(1);
+
+    // 73,000 years: further timestamps, which only a damaged or hostile input has, count as this
+    // one, so that sums of them fit.
+    static constexpr Time kFurthest{std::int64_t{1} << 61};
 
     explicit Timeline(bool live) : live_(live) {}
 
