@@ -280,6 +280,15 @@ TEST_F(RelayTest, SoundAloneIsAStreamToo) {
     EXPECT_EQ(relay_->picture_size(), PictureSize{});
 }
 
+// The player's size is unknown until the first picture, however much sound comes before it.
+TEST_F(RelayTest, PicturesThatBeginLongAfterTheSoundAreFound) {
+    make_media(kTone + "-itsoffset 40 " + kPicture + "-t 41 " + kVp8 + kOpus, file("film.webm"));
+    open({.input = file("film.webm")});
+    ASSERT_TRUE(comes_to(Feed::State::kReady));
+    EXPECT_EQ(relay_->picture_size(), (PictureSize{.width = 320, .height = 240}));
+    EXPECT_TRUE(relay_->has_sound());
+}
+
 TEST_F(RelayTest, WithoutSoundThePicturesAreLeft) {
     make_media(kPicture + kTone + "-t 1 " + kVp8 + kOpus, file("film.webm"));
     relay({.input = file("film.webm"), .sound = false});

@@ -365,6 +365,7 @@ void Relay::take(AVPacket& packet) {
         return;
     }
     took_in_round_ = true;
+    report_missing_keyframe(now);
     if (packet.size <= 0) {
         return;  // the player has no place for nothing
     }
@@ -399,6 +400,14 @@ void Relay::take(AVPacket& packet) {
     }
 }
 
+// An input can deliver sound, or frames that build on one before we came, for any length of time.
+void Relay::report_missing_keyframe(Clock::time_point now) {
+    if (copies_pictures_ && now - opened_at_ > kSilence && state() == State::kOpening &&
+        !std::exchange(told_of_no_keyframe_, true)) {
+        say("no keyframe has come yet");
+    }
+}
+
 void Relay::take_picture(AVPacket& packet, Item item) {
     const Clock::time_point now = Clock::now();
     if (!copies_pictures_) {
@@ -411,11 +420,7 @@ void Relay::take_picture(AVPacket& packet, Item item) {
     const std::span frame(packet.data, static_cast<std::size_t>(packet.size));
     item.size = keyframe_size(frame);
     if (!item.size && state() == State::kOpening) {
-        // Nothing can be decoded before the first keyframe.
-        if (is_live_ && now - opened_at_ > kSilence && !std::exchange(told_of_no_keyframe_, true)) {
-            say("no keyframe has come yet");
-        }
-        return;
+        return;  // nothing can be decoded before the first keyframe
     }
     if (frame.size() > kMaxFrame) {
         say(format("a frame of %zu bytes is too large to send", frame.size()));
@@ -480,11 +485,22 @@ void Relay::queue_item(Queue& queue, Item item, Clock::time_point arrival) {
         state_ = State::kReady;
         last_progress_ = 0;  // from here on patience has no end
     }
-    queued_bytes_ += item.bytes.size();
+    queued_bytes_ += size_of(item);
     last_arrival_ = arrival;
     queue.push_back(std::move(item));
+    if (state_ == State::kOpening && queued_bytes_ > kMaxQueued) {
+        lock.unlock();
+        fail(format("no picture comes with its first %zu MiB of sound", kMaxQueued >> 20U));
+        lock.lock();
+    }
     changed_.notify_all();
     changed_.wait(lock, [this] { return stopping_ || !is_full(); });
+}
+
+// Its share of kMaxQueued.
+std::size_t Relay::size_of(const Item& item) {
+    const int to_encode = item.to_encode ? item.to_encode->size : 0;
+    return sizeof(Item) + item.bytes.size() + static_cast<std::size_t>(to_encode);
 }
 
 bool Relay::is_full() const {
@@ -493,6 +509,9 @@ bool Relay::is_full() const {
     }
     if (is_live_ || (pictures_.empty() && sounds_.empty())) {
         return false;
+    }
+    if (state_ == State::kOpening) {
+        return false;  // nothing is sent, and no room made, before the first picture is found
     }
     const bool lacks_other =
         (has_pictures_ && pictures_.empty()) || (has_sound_ && sounds_.empty());
@@ -549,7 +568,7 @@ void Relay::send() {
         }
         const Item item = std::move(queue->front());
         queue->pop_front();
-        queued_bytes_ -= item.bytes.size();
+        queued_bytes_ -= size_of(item);
         changed_.notify_all();
         if (is_left_out(*queue, item, due, now)) {
             counters_.skipped += queue == &pictures_ ? 1 : 0;

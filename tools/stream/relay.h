@@ -100,6 +100,7 @@ class Relay : public Feed {
     void set_up_sound();
     [[nodiscard]] bool encode_sound_anew(const std::string& reason);
     void take(AVPacket& packet);
+    void report_missing_keyframe(Clock::time_point now);
     void take_picture(AVPacket& packet, Item item);
     void take_sound(AVPacket& packet, const Item& item);
     void queue_encoded(const std::vector<SoundEncoder::Encoded>& packets,
@@ -111,6 +112,7 @@ class Relay : public Feed {
     void note_arrival(Clock::time_point now);
     void fail(const std::string& what);
     [[nodiscard]] bool give_up() const;
+    [[nodiscard]] static std::size_t size_of(const Item& item);
     [[nodiscard]] bool is_full() const;
 
     // The sender's.
