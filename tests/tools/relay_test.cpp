@@ -8,7 +8,10 @@ extern "C" {
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -409,12 +412,16 @@ TEST_F(RelayTest, FramesLeaveByTheirTimestamps) {
     // From 100 s on, with a second between the frames 14 and 15.
     write_ivf(path, some_frames(),
               [](std::size_t i) { return 100'000 + i * 100 / 3 + (i < 15 ? 0 : 1000); });
-    relay({.input = path});
+    open({.input = path});
+    ASSERT_TRUE(comes_to(Feed::State::kReady));
+    const Clock::time_point begin = Clock::now();  // the first frame may be late, but not early
+    start();
+    wait_for_end();
     const auto times = sent().frame_times;
     ASSERT_THAT(times, SizeIs(30));
-    EXPECT_GE(duration_cast<milliseconds>(times[15] - times[0]), milliseconds(1500 - 1));
-    EXPECT_GE(duration_cast<milliseconds>(times[29] - times[0]), milliseconds(1967 - 1));
-    EXPECT_LT(duration_cast<seconds>(times[29] - times[0]), seconds(30)) << "not from 0 s on";
+    EXPECT_GE(times[15] - begin, milliseconds(1500));
+    EXPECT_GE(times[29] - begin, milliseconds(1966));
+    EXPECT_LT(times[29] - begin, seconds(30)) << "not from 0 s on";
 }
 
 TEST_F(RelayTest, ALoopGoesOnWithGrowingNumbers) {
@@ -612,14 +619,29 @@ INSTANTIATE_TEST_SUITE_P(
                      frames.erase(frames.begin());
                      write_ivf(path, frames, [](std::size_t i) { return i * 33; });
                  },
-                 "it ends before its first keyframe"},
-        BadInput{"APlaylistThatNamesAnAddress",
-                 [](const std::string& path) {
-                     std::ofstream(path) << "#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXTINF:1,\n"
-                                            "http://127.0.0.1:9/film.ts\n";
-                 },
-                 "Invalid data found when processing input"}),
+                 "it ends before its first keyframe"}),
     [](const auto& input) { return input.param.name; });
+
+// The playlist is complete: libavformat asks again for what is missing in one that may yet grow.
+TEST_F(RelayTest, APlaylistInAFileReachesNoAddress) {
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(listen(listener, 1), 0);
+    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    const std::string path = file("list");
+    std::ofstream(path) << "#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXTINF:1,\nhttp://127.0.0.1:"
+                        << ntohs(address.sin_port) << "/film.ts\n#EXT-X-ENDLIST\n";
+    open({.input = path});
+    ASSERT_TRUE(comes_to(Feed::State::kFailed));
+    EXPECT_THAT(relay_->take_lines(),
+                ElementsAre("cannot relay " + path + ": Invalid data found when processing input"));
+    EXPECT_LT(accept(listener, nullptr, nullptr), 0) << "somebody has connected";
+    close(listener);
+}
 
 TEST_F(RelayTest, WhatCannotBeReadTwiceIsNotLooped) {
     const std::string path = file("fifo");
