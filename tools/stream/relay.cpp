@@ -93,8 +93,7 @@ Relay::~Relay() {
 }
 
 void Relay::open() {
-    opened_at_ = Clock::now();
-    last_progress_ = opened_at_.time_since_epoch().count();
+    last_progress_ = Clock::now().time_since_epoch().count();
     reader_ = std::thread([this] { read(); });
 }
 
@@ -365,7 +364,7 @@ void Relay::take(AVPacket& packet) {
         return;
     }
     took_in_round_ = true;
-    report_missing_keyframe(now);
+    first_arrival_ = first_arrival_.value_or(now);
     if (packet.size <= 0) {
         return;  // the player has no place for nothing
     }
@@ -402,8 +401,8 @@ void Relay::take(AVPacket& packet) {
 
 // An input can deliver sound, or frames that build on one before we came, for any length of time.
 void Relay::report_missing_keyframe(Clock::time_point now) {
-    if (copies_pictures_ && now - opened_at_ > kSilence && state() == State::kOpening &&
-        !std::exchange(told_of_no_keyframe_, true)) {
+    if (copies_pictures_ && now - first_arrival_.value_or(now) > kSilence &&
+        state() == State::kOpening && !std::exchange(told_of_no_keyframe_, true)) {
         say("no keyframe has come yet");
     }
 }
@@ -420,6 +419,7 @@ void Relay::take_picture(AVPacket& packet, Item item) {
     const std::span frame(packet.data, static_cast<std::size_t>(packet.size));
     item.size = keyframe_size(frame);
     if (!item.size && state() == State::kOpening) {
+        report_missing_keyframe(now);
         return;  // nothing can be decoded before the first keyframe
     }
     if (frame.size() > kMaxFrame) {
@@ -432,6 +432,7 @@ void Relay::take_picture(AVPacket& packet, Item item) {
 
 void Relay::take_sound(AVPacket& packet, const Item& item) {
     const Clock::time_point now = Clock::now();
+    report_missing_keyframe(now);
     if (is_live_ && copies_pictures_ && state() == State::kOpening) {
         return;  // what is heard before there is anything to see is in the past by then
     }

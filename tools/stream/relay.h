@@ -149,7 +149,7 @@ class Relay : public Feed {
     bool took_in_round_ = false;  // a packet has arrived since the input was last opened
     bool told_of_damage_ = false;
     bool told_of_no_keyframe_ = false;
-    Clock::time_point opened_at_;
+    std::optional<Clock::time_point> first_arrival_;
     std::thread reader_;
 
     // The sender's own.
