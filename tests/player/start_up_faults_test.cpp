@@ -73,7 +73,8 @@ using vesper::test::with_numbered_addresses;
 // PORT stands for a number, #1 to #3 for addresses.
 constexpr std::string_view kStartUp =
     "setvbuf\n"
-    "SDL_SetHintWithPriority\n"
+    "hint SDL_NO_SIGNAL_HANDLERS\n"
+    "hint SDL_RENDER_SCALE_QUALITY\n"
     "out: [VideoPlayer] Starting on port PORT for streamer 0 (Unknown, 64x48, audio=yes)\n"
     "SDL_Init\n"
     "SDL_GetCurrentDisplayMode\n"
@@ -242,9 +243,10 @@ class StartUpFaults : public HookedTest {
         hook_setvbuf = [this](FILE* stream, char* buffer, int mode, std::size_t size) {
             return fails("setvbuf") ? -1 : __real_setvbuf(stream, buffer, mode, size);
         };
-        hook_SDL_SetHintWithPriority = [this](auto... arguments) {
-            return fails("SDL_SetHintWithPriority") ? SDL_FALSE
-                                                    : __real_SDL_SetHintWithPriority(arguments...);
+        hook_SDL_SetHintWithPriority = [this](const char* name, auto... arguments) {
+            return fails(std::string("hint ") + name)
+                       ? SDL_FALSE
+                       : __real_SDL_SetHintWithPriority(name, arguments...);
         };
         hook_SDL_Init = [this](Uint32 flags) {
             return fails("SDL_Init") ? -1 : __real_SDL_Init(flags);
@@ -382,6 +384,9 @@ class StartUpFaults : public HookedTest {
             return fails("socket") ? -1 : __real_socket(arguments...);
         };
         hook_fcntl = [this](int fd, int command, long argument) {
+            if (command == F_GETFD) {  // whether a standard descriptor is open
+                return __real_fcntl(fd, command);
+            }
             return fails(command == F_GETFL ? "fcntl(F_GETFL)" : "fcntl(F_SETFL)")
                        ? -1
                        : __real_fcntl(fd, command, argument);
@@ -523,7 +528,8 @@ TEST_P(StartUpFaultsTolerated, ChangesNothingElse) {
 }
 
 INSTANTIATE_TEST_SUITE_P(, StartUpFaultsTolerated,
-                         testing::Values("setvbuf", "SDL_SetHintWithPriority",
+                         testing::Values("setvbuf", "hint SDL_NO_SIGNAL_HANDLERS",
+                                         "hint SDL_RENDER_SCALE_QUALITY",
                                          "SDL_GetCurrentDisplayMode", "signal", "getsockname"));
 
 TEST_F(StartUpFaults, WithoutAcceleratedRendererTheSoftwareRendererIsTaken) {

@@ -17,7 +17,7 @@ extern "C" int __wrap_fcntl(int fd, int command, ...) {
     va_list arguments;
     va_start(arguments, command);
     // As wide as the widest: the coverage counters are written under a lock, which is a pointer.
-    void* argument = command == F_GETFL ? nullptr : va_arg(arguments, void*);
+    void* argument = command == F_GETFL || command == F_GETFD ? nullptr : va_arg(arguments, void*);
     va_end(arguments);
     return hook_fcntl ? hook_fcntl(fd, command,
                                    static_cast<int>(reinterpret_cast<std::intptr_t>(argument)))
