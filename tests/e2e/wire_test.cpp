@@ -64,8 +64,10 @@ TEST_F(SizeChange, SmallerPictureLiesAtTheTopLeftAboveTheOldOneWithBlackBesideIt
     }
     expect_color({.x = 100, .y = 60}, kGrey);
     expect_color({.x = 300, .y = 60}, kBlack);
-    EXPECT_TRUE(shows_color({.x = 100, .y = 180}, kBlue) ||
-                shows_color({.x = 100, .y = 180}, kGreen));
+    EXPECT_TRUE(eventually([this] {
+        return shows_color({.x = 100, .y = 180}, kBlue) ||
+               shows_color({.x = 100, .y = 180}, kGreen);
+    }));
 }
 
 TEST_F(SizeChange, OfATallerPictureNothingIsSeenButTheLastTwoInTurn) {

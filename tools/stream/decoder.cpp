@@ -137,7 +137,7 @@ bool Decoder::open_graph(const AVFrame& frame) {
         return false;
     }
     graph_->nb_threads = kThreads;
-    const auto filter = [this, &frame](const char* of_pictures, const char* of_sound) {
+    const auto filter = [&frame](const char* of_pictures, const char* of_sound) {
         return avfilter_get_by_name(is_sound(frame) ? of_sound : of_pictures);
     };
     const std::string options = source_options(frame);
