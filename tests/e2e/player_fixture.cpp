@@ -74,7 +74,6 @@ void PlayerTest::run_player(const std::vector<std::string>& arguments,
 
 void PlayerTest::start_player(const std::vector<std::string>& more) {
     start_player_anywhere(more);
-    // Not earlier: SDL replaces the window when the renderer wants another kind of it.
     window.emplace(display, player->pid());
 }
 

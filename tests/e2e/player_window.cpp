@@ -57,6 +57,11 @@ std::string title_of(Display* display, Window window) {
     return {reinterpret_cast<const char*>(name.data.get()), name.items};
 }
 
+bool exists(Display* display, Window window) {
+    XWindowAttributes attributes{};
+    return XGetWindowAttributes(display, window, &attributes) != 0;
+}
+
 bool is_viewable(Display* display, Window window) {
     XWindowAttributes attributes{};
     return XGetWindowAttributes(display, window, &attributes) != 0 &&
@@ -112,35 +117,38 @@ Color Screenshot::at(Point point) const {
 }
 
 PlayerWindow::PlayerWindow(const VirtualDisplay& display, pid_t pid, const std::string& title)
-    : display_(display) {
-    Display* connection = display.connection();
-    const bool found = eventually([&] {
-        id_ = find_window(connection, DefaultRootWindow(connection), pid, title);
-        return id_ != 0;
-    });
-    if (!found) {
+    : display_(display), pid_(pid), title_(title) {
+    if (!eventually([this] { return id() != 0; })) {
         throw std::runtime_error("the program shows no window " + title);
     }
 }
 
+unsigned long PlayerWindow::id() const {
+    Display* connection = display_.connection();
+    if (!exists(connection, id_)) {
+        id_ = find_window(connection, DefaultRootWindow(connection), pid_, title_);
+    }
+    return id_;
+}
+
 bool PlayerWindow::is_on_screen() const {
-    return is_viewable(display_.connection(), id_);
+    return is_viewable(display_.connection(), id());
 }
 
 std::string PlayerWindow::title() const {
-    return title_of(display_.connection(), id_);
+    return title_of(display_.connection(), id());
 }
 
 Extent PlayerWindow::size() const {
     XWindowAttributes attributes{};
-    XGetWindowAttributes(display_.connection(), id_, &attributes);
+    XGetWindowAttributes(display_.connection(), id(), &attributes);
     return {.width = attributes.width, .height = attributes.height};
 }
 
 Point PlayerWindow::position() const {
     Point point;
     Window child = 0;
-    XTranslateCoordinates(display_.connection(), id_, DefaultRootWindow(display_.connection()), 0,
+    XTranslateCoordinates(display_.connection(), id(), DefaultRootWindow(display_.connection()), 0,
                           0, &point.x, &point.y, &child);
     return point;
 }
@@ -148,7 +156,7 @@ Point PlayerWindow::position() const {
 Screenshot PlayerWindow::screenshot() const {
     Screenshot shot{.size = size(), .pixels = {}};
     XImage* image =
-        XGetImage(display_.connection(), id_, 0, 0, static_cast<unsigned>(shot.size.width),
+        XGetImage(display_.connection(), id(), 0, 0, static_cast<unsigned>(shot.size.width),
                   static_cast<unsigned>(shot.size.height), AllPlanes, ZPixmap);
     if (image == nullptr) {
         return shot;
@@ -165,25 +173,26 @@ Screenshot PlayerWindow::screenshot() const {
 
 void PlayerWindow::close() const {
     Display* connection = display_.connection();
+    const Window window = id();
     XEvent event{};
     event.xclient.type = ClientMessage;
-    event.xclient.window = id_;
+    event.xclient.window = window;
     event.xclient.message_type = XInternAtom(connection, "WM_PROTOCOLS", False);
     event.xclient.format = 32;
     event.xclient.data.l[0] = static_cast<long>(XInternAtom(connection, "WM_DELETE_WINDOW", False));
     event.xclient.data.l[1] = CurrentTime;
-    XSendEvent(connection, id_, False, NoEventMask, &event);
+    XSendEvent(connection, window, False, NoEventMask, &event);
     XFlush(connection);
 }
 
 void PlayerWindow::resize(Extent size) const {
-    XResizeWindow(display_.connection(), id_, static_cast<unsigned>(size.width),
+    XResizeWindow(display_.connection(), id(), static_cast<unsigned>(size.width),
                   static_cast<unsigned>(size.height));
     XFlush(display_.connection());
 }
 
 void PlayerWindow::move(Point position) const {
-    XMoveWindow(display_.connection(), id_, position.x, position.y);
+    XMoveWindow(display_.connection(), id(), position.x, position.y);
     XFlush(display_.connection());
 }
 
@@ -226,7 +235,7 @@ void PlayerWindow::wheel_down(Point point) const {
 
 void PlayerWindow::press_key(const std::string& key) const {
     // What a window manager does for the front window; here there is none to do it.
-    XSetInputFocus(display_.connection(), id_, RevertToPointerRoot, CurrentTime);
+    XSetInputFocus(display_.connection(), id(), RevertToPointerRoot, CurrentTime);
     XSync(display_.connection(), False);
     display_.xdotool({"key", key});
 }

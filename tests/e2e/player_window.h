@@ -36,6 +36,9 @@ class PlayerWindow {
   public:
     // The window that process `pid` (0: any) made on `display`, once it is on the screen: the one
     // of that `title`, or whichever it finds first. Throws std::runtime_error when none comes.
+    // SDL replaces a window when the renderer wants another kind of it: each call acts on the one
+    // that is there then, but what was done to the one before (moved, resized) is lost. Who needs
+    // that waits until the program says that it has started.
     PlayerWindow(const VirtualDisplay& display, pid_t pid, const std::string& title = {});
 
     [[nodiscard]] bool is_on_screen() const;
@@ -65,9 +68,13 @@ class PlayerWindow {
   private:
     // xdotool's words that move the pointer to `point`, followed by `more`.
     void at(Point point, const std::vector<std::string>& more) const;
+    // The X server's number of the window; 0 when there is none.
+    [[nodiscard]] unsigned long id() const;
 
     const VirtualDisplay& display_;
-    unsigned long id_ = 0;
+    const pid_t pid_;
+    const std::string title_;
+    mutable unsigned long id_ = 0;  // what id() found last
 };
 
 }  // namespace vesper::test

@@ -117,7 +117,7 @@ class RelayingParent {
 
     [[nodiscard]] ChildProcess& process() { return process_; }
 
-    // The window of the next player, once it listens: SDL may replace a window before that.
+    // The window of the next player, once it listens.
     void find_window() {
         ++players_;
         ASSERT_TRUE(eventually([this] { return listening() == players_ || process_.ending(); }));
