@@ -22,7 +22,7 @@ namespace vesper::test {
 namespace {
 
 using tools::Datagram;
-using Road = LiveStream::Road;
+using Network = LiveStream::Network;
 
 constexpr std::uint64_t kSeed = 7;
 
@@ -34,7 +34,7 @@ std::chrono::milliseconds impaired_time() {
 }
 
 // Flips one bit of the encoded frame or packet in `percent` of the datagrams; headers stay whole.
-Road flips_in_payload(double percent) {
+Network flips_in_payload(double percent) {
     const auto draws = std::make_shared<tools::SeededDraws>(kSeed);
     return [=](Datagram datagram) {
         const bool sound = (read_packet_header(datagram.data()).flags & kScreenAudioFlag) != 0;
@@ -49,7 +49,7 @@ Road flips_in_payload(double percent) {
 }
 
 // Now and then everything is lost for a while: for a tenth to half a second of this stream.
-Road bursts_of_loss() {
+Network bursts_of_loss() {
     const auto draws = std::make_shared<tools::SeededDraws>(kSeed);
     const auto to_lose = std::make_shared<std::size_t>(0);
     return [=](Datagram datagram) -> std::vector<Datagram> {
@@ -65,7 +65,7 @@ Road bursts_of_loss() {
 }
 
 // Nothing arrives until this many datagrams are on their way; then all of them arrive at once.
-Road bursts_of_arrival() {
+Network bursts_of_arrival() {
     constexpr std::size_t kBurst = 100;
     const auto held = std::make_shared<std::vector<Datagram>>();
     return [=](Datagram datagram) -> std::vector<Datagram> {
@@ -74,7 +74,7 @@ Road bursts_of_arrival() {
     };
 }
 
-Road chained(const Road& first, const Road& second) {
+Network chained(const Network& first, const Network& second) {
     return [=](Datagram datagram) {
         std::vector<Datagram> arriving;
         for (Datagram& passed : first(std::move(datagram))) {
@@ -84,13 +84,15 @@ Road chained(const Road& first, const Road& second) {
     };
 }
 
-struct Network {
+struct NamedNetwork {
     const char* name;
-    std::function<Road()> road;
-    friend void PrintTo(const Network& network, std::ostream* stream) { *stream << network.name; }
+    std::function<Network()> make;
+    friend void PrintTo(const NamedNetwork& network, std::ostream* stream) {
+        *stream << network.name;
+    }
 };
 
-const std::vector<Network> kNetworks = {
+const std::vector<NamedNetwork> kNetworks = {
     {"Loss1", [] { return impaired({.loss = 1, .seed = kSeed}); }},
     {"Loss5", [] { return impaired({.loss = 5, .seed = kSeed}); }},
     {"Loss20", [] { return impaired({.loss = 20, .seed = kSeed}); }},
@@ -112,11 +114,11 @@ const std::vector<Network> kNetworks = {
 
 }  // namespace
 
-class BadNetwork : public LiveStreamTest, public testing::WithParamInterface<Network> {};
+class BadNetwork : public LiveStreamTest, public testing::WithParamInterface<NamedNetwork> {};
 
 TEST_P(BadNetwork, PictureIsGoodFromTheNextKeyframeOn) {
     start_stream();
-    stream(impaired_time(), GetParam().road());
+    stream(impaired_time(), GetParam().make());
     EXPECT_GT(live.counters().impaired, 0U);
     expect_good_picture();
     expect_explained_end();

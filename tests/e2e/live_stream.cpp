@@ -24,7 +24,7 @@ constexpr std::chrono::seconds kHopelesslyLate{1};
 LiveStream::LiveStream(Parent& parent, std::uint16_t player_port, NextFrame next_frame)
     : parent_(parent), player_port_(player_port), next_frame_(std::move(next_frame)) {}
 
-bool LiveStream::run(std::chrono::milliseconds time, const Road& road) {
+bool LiveStream::run(std::chrono::milliseconds time, const Network& network) {
     const Clock::time_point end = Clock::now() + time;
     Clock::time_point frame_due = Clock::now();
     Clock::time_point packet_due = frame_due;
@@ -36,7 +36,7 @@ bool LiveStream::run(std::chrono::milliseconds time, const Road& road) {
             ++counters_.late;
         }
         const bool sound_first = packet_due < frame_due;
-        if (!(sound_first ? send_sound(road) : send_frame(road))) {
+        if (!(sound_first ? send_sound(network) : send_frame(network))) {
             return false;
         }
         sound_first ? packet_due += kPacketInterval : frame_due += kFrameInterval;
@@ -55,19 +55,19 @@ void LiveStream::take_messages() {
     }
 }
 
-bool LiveStream::send_frame(const Road& road) {
+bool LiveStream::send_frame(const Network& network) {
     ++counters_.frames;
-    return send(next_frame_(std::exchange(keyframe_wanted_, false)), road);
+    return send(next_frame_(std::exchange(keyframe_wanted_, false)), network);
 }
 
-bool LiveStream::send_sound(const Road& road) {
-    return send({sound_.packetize(tone_.packets(1).front())}, road);
+bool LiveStream::send_sound(const Network& network) {
+    return send({sound_.packetize(tone_.packets(1).front())}, network);
 }
 
-bool LiveStream::send(const std::vector<tools::Datagram>& datagrams, const Road& road) {
+bool LiveStream::send(const std::vector<tools::Datagram>& datagrams, const Network& network) {
     std::vector<tools::Datagram> arriving;
     for (const tools::Datagram& datagram : datagrams) {
-        const std::vector<tools::Datagram> passed = road(datagram);
+        const std::vector<tools::Datagram> passed = network(datagram);
         counters_.impaired += passed == std::vector<tools::Datagram>{datagram} ? 0 : 1;
         arriving.insert(arriving.end(), passed.begin(), passed.end());
     }
@@ -75,12 +75,12 @@ bool LiveStream::send(const std::vector<tools::Datagram>& datagrams, const Road&
     return parent_.send(arriving, player_port_);
 }
 
-LiveStream::Road good_road() {
+LiveStream::Network perfect_network() {
     return
         [](tools::Datagram datagram) { return std::vector<tools::Datagram>{std::move(datagram)}; };
 }
 
-LiveStream::Road impaired(const tools::ImpairmentSettings& settings) {
+LiveStream::Network impaired(const tools::ImpairmentSettings& settings) {
     const auto impairments = std::make_shared<tools::Impairments>(settings);
     return [impairments](tools::Datagram datagram) {
         std::vector<tools::Datagram> arriving;

@@ -1,5 +1,5 @@
 // A parent application at work: pictures and sound in real time, keyframes when the player asks for
-// them, over a road (a simulated network) that may lose or change what travels on it.
+// them, over a simulated network that may lose or change what they send.
 #pragma once
 
 #include <chrono>
@@ -19,13 +19,14 @@ class LiveStream {
     // The datagrams of the stream's next frame.
     using NextFrame = std::function<std::vector<tools::Datagram>(bool keyframe)>;
 
-    // What becomes of one datagram: the datagrams, in order, that arrive now.
-    using Road = std::function<std::vector<tools::Datagram>(tools::Datagram)>;
+    // A simulated network. Called with each datagram sent; returns the datagrams, in order, that
+    // arrive now.
+    using Network = std::function<std::vector<tools::Datagram>(tools::Datagram)>;
 
     struct Counters {
         std::uint64_t frames = 0;
         std::uint64_t keyframe_requests = 0;  // and as many keyframes
-        std::uint64_t sent = 0;               // datagrams that set out
+        std::uint64_t sent = 0;               // datagrams, before the network
         std::uint64_t impaired = 0;  // of these, all that did not arrive at once, once and whole
         std::uint64_t late = 0;      // times that the stream fell behind and restarted its clock
     };
@@ -34,10 +35,11 @@ class LiveStream {
     // object. Sound is sent, too.
     LiveStream(Parent& parent, std::uint16_t player_port, NextFrame next_frame);
 
-    // Streams for `time` over `road`. Each frame and packet leaves when it is due and the player
+    // Streams for `time` over `network`. Each frame and packet leaves when it is due and the player
     // has taken what came before: a slow machine slows the stream down instead of losing more than
-    // the road does, so the same seed loses the same. False when the player stops taking datagrams.
-    [[nodiscard]] bool run(std::chrono::milliseconds time, const Road& road);
+    // the network does, so the same seed loses the same. False when the player stops taking
+    // datagrams.
+    [[nodiscard]] bool run(std::chrono::milliseconds time, const Network& network);
 
     // Counts the keyframe requests that have come since.
     void take_messages();
@@ -47,9 +49,9 @@ class LiveStream {
   private:
     using Clock = std::chrono::steady_clock;
 
-    [[nodiscard]] bool send(const std::vector<tools::Datagram>& datagrams, const Road& road);
-    [[nodiscard]] bool send_frame(const Road& road);
-    [[nodiscard]] bool send_sound(const Road& road);
+    [[nodiscard]] bool send(const std::vector<tools::Datagram>& datagrams, const Network& network);
+    [[nodiscard]] bool send_frame(const Network& network);
+    [[nodiscard]] bool send_sound(const Network& network);
 
     Parent& parent_;
     std::uint16_t player_port_;
@@ -60,10 +62,10 @@ class LiveStream {
     Counters counters_;
 };
 
-// The road that changes nothing.
-[[nodiscard]] LiveStream::Road good_road();
+// The network that changes nothing.
+[[nodiscard]] LiveStream::Network perfect_network();
 
 // What the tools' impairments do, all times left out.
-[[nodiscard]] LiveStream::Road impaired(const tools::ImpairmentSettings& settings);
+[[nodiscard]] LiveStream::Network impaired(const tools::ImpairmentSettings& settings);
 
 }  // namespace vesper::test

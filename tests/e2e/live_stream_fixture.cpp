@@ -86,8 +86,8 @@ void LiveStreamTest::start_stream() {
     expect_color(kFirstPoint, kFirstColor);
 }
 
-void LiveStreamTest::stream(std::chrono::milliseconds time, const LiveStream::Road& road) {
-    ASSERT_TRUE(live.run(time, road)) << "the player does not take its datagrams";
+void LiveStreamTest::stream(std::chrono::milliseconds time, const LiveStream::Network& network) {
+    ASSERT_TRUE(live.run(time, network)) << "the player does not take its datagrams";
 }
 
 void LiveStreamTest::expect_good_picture() {

@@ -30,10 +30,10 @@ class LiveStreamTest : public PlayerTest {
     // What is streamed, each picture different from the one before: by default random_picture().
     [[nodiscard]] virtual tools::Picture next_picture() { return random_picture(random); }
 
-    // Streams for `time` over `road`.
-    void stream(std::chrono::milliseconds time, const LiveStream::Road& road);
+    // Streams for `time` over `network`.
+    void stream(std::chrono::milliseconds time, const LiveStream::Network& network);
 
-    // Sends a keyframe over a good road, and expects to see each of its fields in its colour,
+    // Sends a keyframe over a perfect network, and expects to see each of its fields in its colour,
     // however large the window. A player that was delayed for so long that it dropped the keyframe
     // asks for another and gets it.
     void expect_good_picture();

@@ -74,7 +74,7 @@ class Soak : public LiveStreamTest {
     // Streams for `time` and prints what has come of the stream so far. The player's resident
     // memory then, in KiB.
     long soak(seconds time) {
-        stream(time, road_);
+        stream(time, network_);
         sound_.forget();
         soaked_ += time;
         const long memory = resident_memory(player->pid());
@@ -92,12 +92,12 @@ class Soak : public LiveStreamTest {
         return memory;
     }
 
-    // Streams over a good road, and expects the tone in the last second.
+    // Streams over a perfect network, and expects the tone in the last second.
     void expect_good_sound() {
         constexpr std::size_t kLastSecond = 50;  // blocks of 20 ms
         SoundBlocks heard;
         ASSERT_TRUE(eventually([&] {
-            stream(seconds(1), good_road());
+            stream(seconds(1), perfect_network());
             heard = sound_.heard();
             return heard.size() >= kLastSecond;
         }));
@@ -110,7 +110,7 @@ class Soak : public LiveStreamTest {
   private:
     PlayedSound sound_{directory.path() / "sound.pcm"};
     tools::MediaSource source_;
-    const LiveStream::Road road_ = impaired({.loss = kLoss, .seed = kSeed});
+    const LiveStream::Network network_ = impaired({.loss = kLoss, .seed = kSeed});
     seconds soaked_{0};
 };
 
