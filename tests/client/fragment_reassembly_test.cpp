@@ -863,6 +863,16 @@ class FragmentReassemblyTimeout : public FragmentReassembly {
     Printed next_fragment() {
         return printed_by([this] { deliver(fragment(0, 0, 1)); });
     }
+
+    // The next `count` of the frame's 11 fragments, 40 ms apart.
+    void deliver_slowly(std::uint32_t frame, int count) {
+        for (int i = 0; i < count; ++i) {
+            deliver(fragment(frame, next_slow_index++ % 11, 11));
+            pass(40ms);
+        }
+    }
+
+    int next_slow_index = 0;
 };
 
 TEST_F(FragmentReassemblyTimeout, AFrame251MsOldIsReportedAndAKeyframeRequested) {
@@ -921,6 +931,38 @@ TEST_F(FragmentReassemblyTimeout, AnOverdueFrameIsDroppedByItsOwnFragmentThatDoe
               "[VideoReceiver] Dropped frame 7: 3/4 fragments received (25.0% loss)\n"
               "[VideoReceiver] Requesting keyframe due to dropped frames\n");
     EXPECT_THAT(pending_ids(), IsEmpty());
+}
+
+// What arrives after the drop starts the frame again, with a time of its own. Nothing will complete
+// it, so it is in turn overdue when the next frame, as slow, is still arriving.
+TEST_F(FragmentReassemblyTimeout, AFrameSlowerThan250MsIsDroppedTwiceWithTwoRequests) {
+    EXPECT_EQ(printed_by([this] { deliver_slowly(7, 8); }).err,
+              "[VideoReceiver] Dropped frame 7: 8/11 fragments received (27.3% loss)\n"
+              "[VideoReceiver] Requesting keyframe due to dropped frames\n");
+    EXPECT_TRUE(receiver.needs_keyframe_request());
+
+    EXPECT_EQ(printed_by([this] { deliver_slowly(7, 3); }), kNothing);
+    ASSERT_THAT(pending_ids(), ElementsAre(7U));
+    EXPECT_FALSE(receiver.needs_keyframe_request());
+
+    EXPECT_EQ(printed_by([this] { deliver_slowly(8, 5); }).err,
+              "[VideoReceiver] Dropped frame 7: 3/11 fragments received (72.7% loss)\n"
+              "[VideoReceiver] Requesting keyframe due to dropped frames\n");
+    EXPECT_TRUE(receiver.needs_keyframe_request());
+    EXPECT_THAT(queued_frames(), IsEmpty());
+}
+
+TEST_F(FragmentReassemblyTimeout, TheRestOfASlowFrameGoesSilentlyWhenTheNextFrameCompletesInTime) {
+    (void)printed_by([this] { deliver_slowly(7, 11); });
+    ASSERT_TRUE(receiver.needs_keyframe_request());
+    ASSERT_THAT(pending_ids(), ElementsAre(7U));
+    EXPECT_EQ(printed_by([this] {
+                  deliver(fragment(8, 0, 1));
+                  pass(kTimeout);
+                  deliver(fragment(9, 0, 1));
+              }),
+              kNothing);
+    EXPECT_FALSE(receiver.needs_keyframe_request());
 }
 
 TEST_F(FragmentReassemblyTimeout, OverdueNewerFramesAreReportedAtACompletion) {
