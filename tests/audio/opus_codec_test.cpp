@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <opus_multistream.h>
 
 #include <algorithm>
 #include <array>
@@ -9,6 +10,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <initializer_list>
+#include <memory>
 #include <numbers>
 #include <string>
 #include <type_traits>
@@ -578,6 +580,21 @@ class OpusCodec : public vesper::test::HookedTest {
         return decoder_.decode(packet.data(), static_cast<int>(packet.size()), pcm.data(),
                                frame_size);
     }
+    // How much of the sound's energy is at the tone's 440 Hz, from 0 to 1.
+    static double share_of_tone(const Pcm& pcm) {
+        double energy = 0.0;
+        double sine = 0.0;
+        double cosine = 0.0;
+        for (std::size_t i = 0; i < pcm.size(); i += kChannels) {
+            const double phase =
+                2.0 * std::numbers::pi * 440.0 * static_cast<double>(i / kChannels) / kRate;
+            energy += static_cast<double>(pcm[i]) * pcm[i];
+            sine += pcm[i] * std::sin(phase);
+            cosine += pcm[i] * std::cos(phase);
+        }
+        return 2.0 * (sine * sine + cosine * cosine) * kChannels /
+               (static_cast<double>(pcm.size()) * energy);
+    }
     static double loudness(const Pcm& pcm) {
         double sum = 0.0;
         for (const short value : pcm) {
@@ -633,6 +650,87 @@ TEST_F(OpusCodec, AHigherBitrateMakesLongerPackets) {
     const std::size_t at_first = encode(tone()).size();
     encoder_.set_bitrate(256000);
     EXPECT_GT(encode(tone()).size(), 2 * at_first);
+}
+
+// Six channels of the same tone, mapped as surround sound: four streams in each packet.
+class OpusMultistream : public OpusCodec {
+  protected:
+    void SetUp() override {
+        OpusCodec::SetUp();
+        constexpr int kSurroundMapping = 1;
+        int error = OPUS_OK;
+        int streams = 0;
+        int coupled = 0;
+        std::array<unsigned char, kSurroundChannels> mapping{};
+        surround_.reset(opus_multistream_surround_encoder_create(
+            kRate, kSurroundChannels, kSurroundMapping, &streams, &coupled, mapping.data(),
+            OPUS_APPLICATION_AUDIO, &error));
+        ASSERT_EQ(error, OPUS_OK);
+        ASSERT_EQ(streams, 4);
+    }
+
+    void set_bitrate(int bitrate) {
+        ASSERT_EQ(opus_multistream_encoder_ctl(surround_.get(), OPUS_SET_BITRATE(bitrate)),
+                  OPUS_OK);
+    }
+
+    Packet next_packet() {
+        const Pcm stereo = tone();
+        Pcm pcm;
+        for (std::size_t i = 0; i < stereo.size(); i += kChannels) {
+            pcm.insert(pcm.end(), kSurroundChannels, stereo[i]);
+        }
+        Packet packet(std::size_t{4} * 1280);
+        const int length =
+            opus_multistream_encode(surround_.get(), pcm.data(), kFrameSize, packet.data(),
+                                    static_cast<opus_int32>(packet.size()));
+        EXPECT_GT(length, 0);
+        packet.resize(static_cast<std::size_t>(std::max(length, 0)));
+        return packet;
+    }
+
+  private:
+    static constexpr int kSurroundChannels = 6;
+    struct Destroy {
+        void operator()(OpusMSEncoder* encoder) const { opus_multistream_encoder_destroy(encoder); }
+    };
+    std::unique_ptr<OpusMSEncoder, Destroy> surround_;
+};
+
+// All streams but the last are self-delimited: their length comes first (RFC 7845, section 3; RFC
+// 6716, appendix B). Nothing in the packet says so, so a decoder of one stream takes that length
+// and all other streams for the sound of the first.
+TEST_F(OpusMultistream, APacketDecodesWithoutAnErrorToSomethingElse) {
+    constexpr int kPackets = 50;
+    set_bitrate(128000);
+    Pcm heard;
+    Pcm pcm;
+    for (int i = 0; i < kPackets; ++i) {
+        ASSERT_EQ(decode(next_packet(), pcm), kFrameSize);
+        heard.insert(heard.end(), pcm.begin(), pcm.end());
+    }
+    EXPECT_GT(loudness(heard), 0.0);
+    EXPECT_LT(share_of_tone(heard), 0.5);
+
+    heard.clear();
+    ASSERT_TRUE(decoder_.init(kRate, kChannels));
+    for (int i = 0; i < kPackets; ++i) {
+        ASSERT_EQ(decode(encode(tone()), pcm), kFrameSize);
+        heard.insert(heard.end(), pcm.begin(), pcm.end());
+    }
+    EXPECT_GT(share_of_tone(heard), 0.9);
+}
+
+// One frame of one stream has at most 1275 bytes (RFC 6716, section 3.4, R2), after the packet's
+// first byte.
+TEST_F(OpusMultistream, APacketOfMoreThan1276BytesIsTheLibrarysError) {
+    set_bitrate(768000);
+    for (int i = 0; i < 10; ++i) {
+        const Packet packet = next_packet();
+        ASSERT_GT(packet.size(), 1276U);
+        Pcm pcm;
+        EXPECT_EQ(decode(packet, pcm), OPUS_INVALID_PACKET);
+    }
 }
 
 // libopus has vector code, which the sanitizers do not see. Every frame size that Opus has up to 60
