@@ -1,6 +1,10 @@
 #include "tools/stream/receive_queue.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstdint>
@@ -67,6 +71,37 @@ TEST_F(ReceiveQueueTest, IsNoneWithoutASocket) {
     const std::uint16_t port = receiver_.get_bound_port();
     receiver_.reset();
     EXPECT_FALSE(receive_queue(port));
+}
+
+// A socket of another program may have the same port on another address of the machine.
+class SocketElsewhere {
+  public:
+    // One datagram waits in it.
+    explicit SocketElsewhere(std::uint16_t port) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        EXPECT_EQ(inet_pton(AF_INET, "127.0.0.2", &address.sin_addr), 1);
+        const auto* const name = reinterpret_cast<const sockaddr*>(&address);
+        EXPECT_EQ(bind(descriptor_, name, sizeof(address)), 0);
+        EXPECT_EQ(sendto(descriptor_, "", 1, 0, name, sizeof(address)), 1);
+    }
+    ~SocketElsewhere() { close(descriptor_); }
+    SocketElsewhere(const SocketElsewhere&) = delete;
+    SocketElsewhere& operator=(const SocketElsewhere&) = delete;
+
+  private:
+    int descriptor_ = socket(AF_INET, SOCK_DGRAM, 0);
+};
+
+TEST_F(ReceiveQueueTest, IsThatOfThePlayersAddress) {
+    const std::uint16_t port = receiver_.get_bound_port();
+    const SocketElsewhere elsewhere(port);
+    EXPECT_TRUE(has_taken_all(port));
+    send(1);
+    EXPECT_FALSE(has_taken_all(port));
+    ASSERT_EQ(receive_all(), 1);
+    EXPECT_TRUE(has_taken_all(port));
 }
 
 TEST_F(ReceiveQueueTest, AllIsTakenWhileNothingWaits) {

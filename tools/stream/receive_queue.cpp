@@ -1,5 +1,8 @@
 #include "tools/stream/receive_queue.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
 #include <cinttypes>
 #include <cstdio>
 #include <fstream>
@@ -9,16 +12,18 @@ namespace vesper::tools {
 
 // The kernel lists one socket a line: number, local address and port, remote ones, state, send and
 // receive queue, two timers, retransmissions, user, timeout, inode, references, address, losses.
+// An address is in network byte order and printed as a number of the machine's.
 std::optional<ReceiveQueue> receive_queue(std::uint16_t port) {
     std::ifstream list("/proc/net/udp");
     for (std::string line; std::getline(list, line);) {
+        std::uint32_t local_address = 0;
         unsigned local_port = 0;
         ReceiveQueue queue;
         if (std::sscanf(line.c_str(),
-                        " %*d: %*x:%x %*x:%*x %*x %*x:%" SCNx64
+                        " %*d: %" SCNx32 ":%x %*x:%*x %*x %*x:%" SCNx64
                         " %*x:%*x %*x %*u %*u %*u %*u %*s %" SCNu64,
-                        &local_port, &queue.waiting, &queue.lost) == 3 &&
-            local_port == port) {
+                        &local_address, &local_port, &queue.waiting, &queue.lost) == 4 &&
+            local_address == htonl(INADDR_LOOPBACK) && local_port == port) {
             return queue;
         }
     }

@@ -12,11 +12,13 @@ struct ReceiveQueue {
     std::uint64_t lost = 0;     // datagrams that found the buffer full, since the socket was made
 };
 
-// Of the IPv4 socket bound to UDP `port`. Nothing if there is none. Any thread.
+// Of the socket bound to UDP `port` of 127.0.0.1: other programs' sockets on other addresses may
+// have the same port. Nothing if there is none in this network namespace, or the kernel does not
+// tell (no /proc). Any thread.
 [[nodiscard]] std::optional<ReceiveQueue> receive_queue(std::uint16_t port);
 
 // Whether the player on UDP `port` has taken everything that has arrived for it: whether it keeps
-// up. True if there is no such socket. Any thread.
+// up. True if nothing is known of such a socket. Any thread.
 [[nodiscard]] bool has_taken_all(std::uint16_t port);
 
 }  // namespace vesper::tools
