@@ -30,6 +30,7 @@ extern "C" {
 #include "tests/tools/command.h"
 #include "tests/tools/media_file.h"
 #include "tests/tools/stream_receiver.h"
+#include "tools/stream/vp8_repeat.h"
 
 namespace vesper::tools {
 namespace {
@@ -111,6 +112,7 @@ struct Sent {
     std::vector<Clock::time_point> frame_times;  // of the first fragments
     std::vector<Bytes> sounds;
     std::vector<std::uint32_t> sequences;
+    int sounds_within_frames = 0;  // left between two fragments of a frame
 };
 
 class RelayTest : public testing::Test {
@@ -123,7 +125,7 @@ class RelayTest : public testing::Test {
     void open(RelaySettings settings) {
         settings.stream.video.width = 320;
         settings.stream.video.height = 240;
-        ASSERT_TRUE(link_.open(0, player_.port()));
+        ASSERT_TRUE(link_.open(0, player_port_));
         relay_.emplace(std::move(settings), link_);
         relay_->open();
     }
@@ -172,8 +174,23 @@ class RelayTest : public testing::Test {
         });
     }
 
+    // As if there were a player that takes everything at once: nothing ever waits for it.
+    void send_to_nobody() {
+        UDPSocket gone;
+        ASSERT_TRUE(gone.bind(0));
+        player_port_ = gone.get_bound_port();
+    }
+
+    // A player that never takes it does not keep up.
+    void let_a_datagram_wait() {
+        UDPSocket other;
+        ASSERT_TRUE(other.bind(0));
+        ASSERT_EQ(other.send("", 1, "127.0.0.1", player_port_), 1);
+    }
+
     test::TemporaryFolder folder_;
-    test::StreamReceiver player_;
+    test::StreamReceiver player_;  // takes nothing unless told to
+    std::uint16_t player_port_ = player_.port();
     std::vector<std::string> lines_;
     std::mutex mutex_;  // guards sent_
     Sent sent_;
@@ -186,6 +203,7 @@ class RelayTest : public testing::Test {
         const PacketHeader header = read_packet_header(datagram.data());
         if ((header.flags & kScreenAudioFlag) != 0) {
             sent_.sequences.push_back(header.sequence);
+            sent_.sounds_within_frames += within_frame_ ? 1 : 0;
             sent_.sounds.emplace_back(datagram.begin() + kPacketHeaderSize, datagram.end());
             return;
         }
@@ -197,7 +215,10 @@ class RelayTest : public testing::Test {
         }
         sent_.frames.back().insert(sent_.frames.back().end(),
                                    datagram.begin() + kVideoPayloadOffset, datagram.end());
+        within_frame_ = fragment.fragment_index + 1 < fragment.fragment_count;
     }
+
+    bool within_frame_ = false;
 };
 
 std::vector<std::uint32_t> numbers_to(std::size_t last) {
@@ -424,6 +445,23 @@ TEST_F(RelayTest, FramesLeaveByTheirTimestamps) {
     EXPECT_LT(times[29] - begin, seconds(30)) << "not from 0 s on";
 }
 
+// The sound is the clock here: a packet each 20 ms, at most four of which are due in 75 ms, and
+// five in the 100 ms between two pictures.
+TEST_F(RelayTest, FramesLeaveThePlayerTimeBeforeTheNext) {
+    const std::string path = file("film.mkv");
+    make_media("-f lavfi -i nullsrc=size=320x240:rate=10,geq=random(1)*255:128:128 " + kTone +
+                   "-t 0.4 -c:v libvpx -b:v 20M -qmax 4 -deadline realtime " + kOpus,
+               path);
+    const auto frames = packets_of(path, AVMEDIA_TYPE_VIDEO);
+    ASSERT_THAT(frames, SizeIs(4));
+    for (const Bytes& frame : frames) {
+        ASSERT_GT(frame.size(), 25U * kMaxFragmentPayload);
+    }
+    relay({.input = path});
+    EXPECT_GT(sent().sounds_within_frames, 0);
+    EXPECT_LE(sent().sounds_within_frames, 4 * 4);
+}
+
 TEST_F(RelayTest, ALoopGoesOnWithGrowingNumbers) {
     const std::string path = file("film.webm");
     make_media(kPicture + kTone + "-t 0.5 " + kVp8 + kOpus, path);
@@ -452,6 +490,7 @@ TEST_F(RelayTest, LowDelaySendsEachKeyframeTwice) {
     make_media(kPicture + "-t 1 -g 10 -keyint_min 10 " + kVp8, path);
     RelaySettings settings = {.input = path};
     settings.stream.low_delay = true;
+    send_to_nobody();
     relay(settings);
     std::vector<Bytes> expected;
     for (const Bytes& frame : packets_of(path, AVMEDIA_TYPE_VIDEO)) {
@@ -460,6 +499,44 @@ TEST_F(RelayTest, LowDelaySendsEachKeyframeTwice) {
     EXPECT_THAT(expected, SizeIs(33));
     EXPECT_EQ(sent().frames, expected);
     EXPECT_EQ(sent().frame_ids, numbers_to(33));
+}
+
+TEST_F(RelayTest, LowDelayFollowsEachEncodedPictureByTheFrameThatRepeatsIt) {
+    const std::string path = file("film.mkv");
+    make_media(kPicture + "-t 0.5 -c:v mpeg4", path);
+    RelaySettings settings = {.input = path};
+    settings.stream.low_delay = true;
+    send_to_nobody();
+    relay(settings);
+    const Bytes repeat = make_repeat_frame(320, 240);
+    const auto frames = sent().frames;
+    const Feed::Counters counters = relay_->counters();
+    EXPECT_EQ(counters.frames, frames.size());
+    ASSERT_EQ(frames.size() + 2 * counters.skipped, 30U);
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        EXPECT_EQ(frames[i] == repeat, i % 2 == 1) << i;
+    }
+}
+
+TEST_F(RelayTest, LowDelaySparesAPlayerThatDoesNotKeepUp) {
+    let_a_datagram_wait();
+    const std::string path = file("film.webm");
+    make_media(kPicture + "-t 1 -g 10 -keyint_min 10 " + kVp8, path);
+    RelaySettings settings = {.input = path};
+    settings.stream.low_delay = true;
+    relay(settings);
+    EXPECT_EQ(sent().frames, packets_of(path, AVMEDIA_TYPE_VIDEO));
+}
+
+TEST_F(RelayTest, LowDelaySparesAPlayerThatDoesNotKeepUpWithEncodedPictures) {
+    let_a_datagram_wait();
+    const std::string path = file("film.mkv");
+    make_media(kPicture + "-t 0.5 -c:v mpeg4", path);
+    RelaySettings settings = {.input = path};
+    settings.stream.low_delay = true;
+    relay(settings);
+    const Feed::Counters counters = relay_->counters();
+    EXPECT_EQ(counters.frames + counters.skipped, 15U);
 }
 
 TEST_F(RelayTest, ACopiedStreamAnswersNoRequestForAKeyframe) {

@@ -15,6 +15,8 @@ extern "C" {
 #include "net/stream_datagrams.h"
 #include "tools/stream/libav.h"
 #include "tools/stream/opus_packets.h"
+#include "tools/stream/receive_queue.h"
+#include "tools/stream/vp8_repeat.h"
 
 namespace vesper::tools {
 
@@ -267,6 +269,7 @@ bool Relay::set_up_pictures() {
             fail("its video is " + codec + ", which cannot be decoded here");
             return false;
         }
+        repeat_ = make_repeat_frame(video.width, video.height);
         say("its video is " + codec + " and not VP8: it is encoded anew");
     }
     const std::lock_guard lock(mutex_);
@@ -665,7 +668,12 @@ void Relay::send_picture(const Item& item, Clock::time_point due, Clock::duratio
     }
     // A decoder may hold a picture back until the frame after it arrives; of a copied stream only a
     // keyframe can be repeated without a change to what comes after it.
-    send_frame(item.bytes, settings_.stream.low_delay && item.size ? 2 : 1, due, room);
+    send_frame(item.bytes, item.size && may_repeat() ? 2 : 1, due, room);
+}
+
+// Asked before a picture is sent: whether the player has taken all of the previous one.
+bool Relay::may_repeat() const {
+    return settings_.stream.low_delay && has_taken_all(link_.player_port());
 }
 
 void Relay::send_frame(const std::vector<std::uint8_t>& frame, int times, Clock::time_point due,
@@ -678,10 +686,9 @@ void Relay::send_frame(const std::vector<std::uint8_t>& frame, int times, Clock:
     }
     // The frame before may not have left yet.
     Clock::time_point leaves = std::max(due, last_datagram_due_);
-    const Clock::duration left =
-        settings_.stream.burst ? Clock::duration::zero() : due + room - leaves;
     const Clock::duration spacing =
-        std::max(left, Clock::duration::zero()) / static_cast<int>(datagrams.size());
+        settings_.stream.burst ? Clock::duration::zero()
+                               : datagram_spacing(std::ssize(datagrams), due + room - leaves);
     for (Datagram& datagram : datagrams) {
         link_.send(std::move(datagram), leaves);
         last_datagram_due_ = leaves;
@@ -706,13 +713,14 @@ void Relay::send_encoded(const AVPacket& packet, Clock::time_point due, Clock::d
 }
 
 void Relay::encode_and_send(bool keyframe, Clock::time_point due, Clock::duration room) {
-    for (int time = 0; time < (settings_.stream.low_delay ? 2 : 1); ++time) {
-        const std::vector<std::uint8_t> frame = video_encoder_.encode(picture_, keyframe);
-        keyframe = false;
-        if (frame.empty() || frame.size() > kMaxFrame) {
-            return;
-        }
-        send_frame(frame, 1, due, room);
+    const std::vector<std::uint8_t> frame = video_encoder_.encode(picture_, keyframe);
+    if (frame.empty() || frame.size() > kMaxFrame) {
+        return;
+    }
+    const bool repeated = may_repeat();
+    send_frame(frame, 1, due, room);
+    if (repeated) {
+        send_frame(repeat_, 1, last_datagram_due_, Clock::duration::zero());
     }
 }
 

@@ -126,6 +126,7 @@ class Relay : public Feed {
     [[nodiscard]] Clock::duration time_to_next_picture(const Item& item);
     void report_silence(Clock::time_point now);
     void send_picture(const Item& item, Clock::time_point due, Clock::duration room);
+    [[nodiscard]] bool may_repeat() const;
     void send_frame(const std::vector<std::uint8_t>& frame, int times, Clock::time_point due,
                     Clock::duration room);
     void send_encoded(const AVPacket& packet, Clock::time_point due, Clock::duration room);
@@ -157,6 +158,7 @@ class Relay : public Feed {
     AudioPacketizer sound_packetizer_;
     Decoder decoder_;                      // of video that is no VP8
     Vp8Encoder video_encoder_;             // of the same
+    std::vector<std::uint8_t> repeat_;     // the frame that repeats the previous one of the same
     Picture picture_;                      // the newest of the same
     Clock::time_point last_datagram_due_;  // of the newest frame
     std::optional<Time> last_picture_;     // time of the newest

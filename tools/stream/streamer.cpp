@@ -29,12 +29,12 @@ constexpr std::size_t kMaxFrame =
 // A stream that is later than this no longer tries to catch up: better late than a burst of frames.
 constexpr auto kHopelesslyLate = std::chrono::seconds(1);
 
+}  // namespace
+
 Clock::duration datagram_spacing(std::ptrdiff_t datagrams, Clock::duration room) {
     const auto spread = std::chrono::duration_cast<Clock::duration>(kSpread * room);
     return std::max(spread, Clock::duration::zero()) / datagrams;
 }
-
-}  // namespace
 
 Streamer::~Streamer() {
     stop();

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <span>
@@ -21,6 +22,10 @@ namespace vesper::tools {
 // the player to take the last ones, so that the next frame finds it waiting, and a keyframe does
 // not delay the frame after it.
 inline constexpr double kSpread = 0.75;
+
+// Time between two of a frame's `datagrams`, of which there is at least one, where the next frame
+// is due after `room`. None where that is past.
+[[nodiscard]] Clock::duration datagram_spacing(std::ptrdiff_t datagrams, Clock::duration room);
 
 struct StreamSettings {
     Vp8Settings video{};  // as many frames a second as the source has pictures
