@@ -64,6 +64,14 @@ def processor():
     return platform.machine()
 
 
+def graphics_device():
+    """What the player finds; the virtual display draws in software either way."""
+    devices = pathlib.Path("/dev")
+    if any(devices.glob("dri/renderD*")) or any(devices.glob("nvidia*")):
+        return "a graphics device, not used (virtual display): the player leaves the renderer to SDL"
+    return "no graphics device (virtual display): the player draws with SDL's software renderer"
+
+
 def conditions(folder):
     memory = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / 2**30
     load = [folder.joinpath(name).read_text().split()[0] for name in ("load-before", "load-after")]
@@ -72,8 +80,8 @@ def conditions(folder):
     return {
         "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),
         "commit": first_line_of("git", "describe", "--always", "--dirty"),
-        "machine": f"{processor()}, {os.cpu_count()} cores, {memory:.0f} GiB, no graphics card used "
-        "(virtual display, OpenGL in software)",
+        "machine": f"{processor()}, {os.cpu_count()} cores, {memory:.0f} GiB, "
+        f"{graphics_device()}",
         "system": f"Linux {platform.release()}, {first_line_of('g++', '--version')}",
         "libraries": ", ".join(versions),
         "load": f"{load[0]} before, {load[1]} after (mean number of busy processes in a minute)",
