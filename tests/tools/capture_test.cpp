@@ -8,18 +8,27 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <utility>
 #include <vector>
 
 #include "net/stream_datagrams.h"
 #include "tests/support/captured_output.h"
 #include "tests/support/fragment_builder.h"
+#include "tests/support/hook.h"
 #include "tests/support/temporary_folder.h"
+
+using SteadyTime = std::chrono::steady_clock::time_point;
+using SystemTime = std::chrono::system_clock::time_point;
+
+// std::chrono::steady_clock::now() and std::chrono::system_clock::now() of libstdc++.
+VESPER_HOOK(_ZNSt6chrono3_V212steady_clock3nowEv, SteadyTime, (), ())
+VESPER_HOOK(_ZNSt6chrono3_V212system_clock3nowEv, SystemTime, (), ())
 
 namespace vesper::tools {
 namespace {
 
+using namespace std::chrono_literals;
 using std::chrono::microseconds;
-using std::chrono::system_clock;
 using testing::ElementsAre;
 using testing::Field;
 using testing::IsEmpty;
@@ -42,7 +51,7 @@ auto datagram(std::uint16_t source_port, std::uint16_t destination_port, const D
                           Field(&CapturedDatagram::bytes, bytes));
 }
 
-class Capture : public testing::Test {
+class Capture : public test::HookedTest {
   protected:
     // A file with a possible conversation between a parent and a player.
     void write_conversation() const {
@@ -89,22 +98,20 @@ TEST_F(Capture, GivesBackEveryDatagramOfBothDirectionsInOrder) {
                                       datagram(kPlayerPort, kParentPort, audio_state_)));
 }
 
-TEST_F(Capture, StoresTheTimeOfEachDatagram) {
-    const auto now = [] {
-        return std::chrono::duration_cast<microseconds>(system_clock::now().time_since_epoch());
-    };
-    const microseconds before = now();
+// Somebody may set the system's clock while a capture is written.
+TEST_F(Capture, StoresTheTimeOfEachDatagramByTheClockAtItsBeginning) {
+    constexpr microseconds kBeginning = 1'790'000'000s;
+    SteadyTime steady(5s);
+    hook__ZNSt6chrono3_V212steady_clock3nowEv = [&] { return std::exchange(steady, steady + 7ms); };
+    SystemTime system(kBeginning);
+    hook__ZNSt6chrono3_V212system_clock3nowEv = [&] { return std::exchange(system, system - 1h); };
     write_conversation();
-    const microseconds after = now();
 
     const auto capture = read_capture(path_);
     ASSERT_TRUE(capture.has_value());
-    microseconds last = before;
-    for (const CapturedDatagram& captured : *capture) {
-        EXPECT_GE(captured.time, last);
-        last = captured.time;
-    }
-    EXPECT_LE(last, after);
+    const auto at = [](microseconds time) { return Field(&CapturedDatagram::time, time); };
+    EXPECT_THAT(*capture, ElementsAre(at(kBeginning + 7ms), at(kBeginning + 14ms),
+                                      at(kBeginning + 21ms), at(kBeginning + 28ms)));
 }
 
 TEST_F(Capture, IsReadableWhileItGrows) {
