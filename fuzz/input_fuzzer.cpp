@@ -143,12 +143,12 @@ void Player::check() {
                 (began_nan_ && std::isnan(state_.volume)),
             "volume from 0 to 1, or the NaN that it began as");
     require(same(peer_.audio_volume(), state_.muted ? 0.0F : state_.volume),
-            "the receiver plays what the state says");
+            "the receiver plays as the state requires");
     require(fake_desktop().reports == 0 || (fake_desktop().last_report.muted == state_.muted &&
                                             same(fake_desktop().last_report.volume, state_.volume)),
             "the parent knows the audio state");
     require(args_.parent_port != 0 || fake_desktop().reports == 0, "no parent, no reports");
-    require(state_.is_fullscreen == fake_desktop().fullscreen, "fullscreen as told");
+    require(state_.is_fullscreen == fake_desktop().fullscreen, "fullscreen as requested");
     require(std::isfinite(state_.zoom_center_x) && std::isfinite(state_.zoom_center_y),
             "the view has a centre");
     if (peer_.zoom_enabled()) {

@@ -50,7 +50,7 @@ enum class Order {
     kReversed,
     kShuffled,
     kDoubled,      // each fragment but the last is followed by its copy
-    kLastDoubled,  // the last too: its copy begins the frame anew, with memory for all of it
+    kLastDoubled,  // the last too: its copy starts the frame over, with memory for all of it
 };
 
 const char* name_of(Order order) {

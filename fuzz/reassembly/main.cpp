@@ -280,7 +280,7 @@ class Comparison {
 
 struct Options {
     std::uint64_t datagrams = 1'000'000;
-    std::uint64_t seconds = 0;  // 0: as many datagrams as said
+    std::uint64_t seconds = 0;  // 0: as many datagrams as given
     std::uint64_t seed = std::random_device()();
 };
 

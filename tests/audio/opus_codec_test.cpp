@@ -698,7 +698,7 @@ class OpusMultistream : public OpusCodec {
 };
 
 // All streams but the last are self-delimited: their length comes first (RFC 7845, section 3; RFC
-// 6716, appendix B). Nothing in the packet says so, so a decoder of one stream takes that length
+// 6716, appendix B). Nothing in the packet marks it, so a decoder of one stream takes that length
 // and all other streams for the sound of the first.
 TEST_F(OpusMultistream, APacketDecodesWithoutAnErrorToSomethingElse) {
     constexpr int kPackets = 50;

@@ -163,7 +163,7 @@ class FragmentReassembly : public test::HookedTest {
     VideoReceiver& receiver = *owner;
     VideoReceiverPeer peer{receiver};
     SteadyTime now = std::chrono::steady_clock::now();
-    std::uint64_t unaccounted_bytes = 0;  // what partial_frames_bytes shall be too high by
+    std::uint64_t unaccounted_bytes = 0;  // by which partial_frames_bytes is too high
 };
 
 // ---- what is taken for a fragment ----

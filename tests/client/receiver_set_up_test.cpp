@@ -159,7 +159,7 @@ class ReceiverSetUp : public HookedTest {
         };
     }
 
-    // Whether the call of that name shall fail; gives SDL's calls their reason.
+    // Whether the call of that name is to fail; gives SDL's calls their reason.
     bool fails(const std::string& name) {
         if (!failing.contains(name)) {
             return false;

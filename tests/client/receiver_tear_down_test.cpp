@@ -268,7 +268,7 @@ class ReceiverTearDown : public HookedTest {
     VideoReceiverPeer peer{*receiver};
 };
 
-// ---- what a stop says, as the transcript has it ----
+// ---- the output of a stop, as the transcript records it ----
 
 constexpr auto kStopping =
     "out: [VideoReceiver] Stopping decode thread and cleaning up codecs for user 7\n";

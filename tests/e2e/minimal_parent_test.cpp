@@ -29,7 +29,7 @@ struct Video {
     int time_units = kFramesPerSecond;  // in a second
 };
 
-// VP8's first byte says whether the frame is to be shown (RFC 6386, section 9.1).
+// VP8's first byte shows whether the frame is to be shown (RFC 6386, section 9.1).
 constexpr std::uint8_t kShowFrame = 0x10;
 
 bool is_keyframe(std::uint8_t first_byte) {

@@ -38,7 +38,7 @@ class PlayerWindow {
     // of that `title`, or whichever it finds first. Throws std::runtime_error when none comes.
     // SDL replaces a window when the renderer wants another kind of it: each call acts on the one
     // that is there then, but what was done to the one before (moved, resized) is lost. Who needs
-    // that waits until the program says that it has started.
+    // that waits until the program announces that it has started.
     PlayerWindow(const VirtualDisplay& display, pid_t pid, const std::string& title = {});
 
     [[nodiscard]] bool is_on_screen() const;

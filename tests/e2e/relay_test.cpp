@@ -146,7 +146,7 @@ class RelayingParent {
         return eventually([&] { return is_near(window_->screenshot().at(point), color); });
     }
 
-    [[nodiscard]] bool says(const std::string& text) {
+    [[nodiscard]] bool prints(const std::string& text) {
         return eventually(
             [&] { return (process_.out() + process_.err()).find(text) != std::string::npos; });
     }
@@ -162,7 +162,7 @@ class RelayingParent {
         sound.redirect(result);
         return result;
     }
-    // How many players have said that they listen.
+    // How many players have printed that they listen.
     [[nodiscard]] int listening() {
         const std::string text = process_.out();
         int count = 0;
@@ -347,10 +347,10 @@ TEST_F(RelayOfTwoSizes, StartsAPlayerForEachWithTheVolumeThatTheViewerChose) {
     EXPECT_EQ(parent.window().title(), "Stream: film.mkv");
     EXPECT_EQ(parent.window().size(), (Extent{.width = 320, .height = 240}));
     parent.window().press_key("Up");
-    ASSERT_TRUE(parent.says("volume 55 %"));
+    ASSERT_TRUE(parent.prints("volume 55 %"));
     ASSERT_TRUE(
-        parent.says("pictures of 480x360 follow those of 320x240: another player is "
-                    "started"));
+        parent.prints("pictures of 480x360 follow those of 320x240: another player is "
+                      "started"));
     ASSERT_NO_FATAL_FAILURE(parent.find_window());
     EXPECT_EQ(parent.window().title(), "Stream: film.mkv");
     EXPECT_THAT(command_line_of(parent.player()),
@@ -361,10 +361,10 @@ TEST_F(RelayOfTwoSizes, StartsAPlayerForEachWithTheVolumeThatTheViewerChose) {
     EXPECT_FALSE(parent.process().ending());
 }
 
-TEST_F(RelayOfTwoSizes, KeepsThePlayerWhereToldTo) {
+TEST_F(RelayOfTwoSizes, KeepsThePlayerWithNoRestart) {
     RelayingParent parent({"--file", film, "--copy", "--no-restart"}, sound_);
     ASSERT_NO_FATAL_FAILURE(parent.find_window());
-    ASSERT_TRUE(parent.says("pictures of 480x360 follow those of 320x240: the player stays"));
+    ASSERT_TRUE(parent.prints("pictures of 480x360 follow those of 320x240: the player stays"));
     EXPECT_EQ(parent.process().wait_for_end(), (Ending{.status = 0, .signal = 0}));
     EXPECT_THAT(parent.process().out(), Not(HasSubstr("480x360")));
 }
@@ -488,11 +488,11 @@ TEST_F(LiveRelay, GoesOnAfterASilenceOf20Seconds) {
     ASSERT_NO_FATAL_FAILURE(parent.find_window());
     EXPECT_TRUE(parent.shows(pictures));
     sender.send_signal(SIGSTOP);
-    EXPECT_TRUE(parent.says(sdp + ": nothing has come for 5 s"));
+    EXPECT_TRUE(parent.prints(sdp + ": nothing received for 5 s"));
     std::this_thread::sleep_for(std::chrono::seconds(15));
-    EXPECT_THAT(parent.process().err(), Not(HasSubstr("goes on")));
+    EXPECT_THAT(parent.process().err(), Not(HasSubstr("continues")));
     sender.send_signal(SIGCONT);
-    EXPECT_TRUE(parent.says(sdp + ": goes on after "));
+    EXPECT_TRUE(parent.prints(sdp + ": continues after "));
     EXPECT_TRUE(parent.shows(pictures));
     EXPECT_FALSE(parent.process().ending());
 }

@@ -46,7 +46,7 @@ class StandInParent {
     }
 
     // Whether the output contains this, now or soon.
-    [[nodiscard]] bool says(const std::string& text) {
+    [[nodiscard]] bool prints(const std::string& text) {
         return eventually([&] { return process_.out().find(text) != std::string::npos; });
     }
 
@@ -124,7 +124,7 @@ TEST(StandInParentTest, ShowsACapture) {
         ASSERT_EQ(captured.wait_for_end(), Ending{});
     }
     StandInParent parent({"--replay", path, "--speed", "0.5"});
-    EXPECT_TRUE(parent.says("(stream.pcap, 480x240, audio=yes)\n"));
+    EXPECT_TRUE(parent.prints("(stream.pcap, 480x240, audio=yes)\n"));
     EXPECT_TRUE(parent.shows_test_picture());
 }
 
@@ -147,7 +147,7 @@ TEST(StandInParentTest, FeedsAPlayerThatRunsAlready) {
 
 TEST(StandInParentTest, DescribesTheStreamToThePlayer) {
     StandInParent parent({"--size", "480x240", "--username", "Ann", "--no-sound"});
-    EXPECT_TRUE(parent.says("for streamer 1 (Ann, 480x240, audio=no)\n"));
+    EXPECT_TRUE(parent.prints("for streamer 1 (Ann, 480x240, audio=no)\n"));
     EXPECT_TRUE(eventually([&] { return parent.window().title() == "Stream: Ann"; }));
 }
 
@@ -174,7 +174,7 @@ TEST(StandInParentTest, ShowsAScreen) {
     const Point corner = shown.window().position();
     StandInParent parent(
         {"--size", "512x384", "--screen", shown.display().name(), "--bitrate", "3000000"});
-    EXPECT_TRUE(parent.says("(Screen " + shown.display().name() + ", 512x384, audio=no)\n"));
+    EXPECT_TRUE(parent.prints("(Screen " + shown.display().name() + ", 512x384, audio=no)\n"));
     EXPECT_TRUE(parent.shows({(corner.x + 120) / 2, (corner.y + 230) / 2}, kGreen));
     EXPECT_TRUE(parent.shows({(corner.x + 280) / 2, (corner.y + 230) / 2}, kBlue));
     EXPECT_TRUE(parent.shows({2, 100}, {}));
@@ -191,9 +191,9 @@ TEST(StandInParentTest, ReportsTheVolumeThatTheViewerChose) {
     StandInParent parent({"--size", "480x240", "--volume", "0.5", "--muted"});
     ASSERT_TRUE(parent.shows({40, 230}, kRed));
     parent.window().press_key("Up");
-    EXPECT_TRUE(parent.says("  volume 55 % muted\n"));
+    EXPECT_TRUE(parent.prints("  volume 55 % muted\n"));
     parent.window().press_key("m");
-    EXPECT_TRUE(parent.says("  volume 55 %\n"));
+    EXPECT_TRUE(parent.prints("  volume 55 %\n"));
 }
 
 }  // namespace

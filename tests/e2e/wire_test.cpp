@@ -1,5 +1,5 @@
-// What a parent meets that has no part of the player to itself: a stream whose size changes, a
-// still picture, the end of the window system.
+// What a parent has to expect of the player as a whole: a stream whose size changes, a still
+// picture, the end of the window system.
 #include <csignal>
 #include <optional>
 #include <string>
@@ -113,7 +113,7 @@ TEST_F(Wire, KeyframeRepeatedUnchangedIsShownAtOnce) {
 }
 
 // SDL would otherwise go on to drivers without a display.
-TEST_F(Wire, WithoutItsDisplayAPlayerToldOfTheWindowSystemsEndsWithStatusOne) {
+TEST_F(Wire, WithNamedWindowSystemsButNoDisplayThePlayerEndsWithStatusOne) {
     environment["DISPLAY"] = ":no-such-display";
     environment["WAYLAND_DISPLAY"] = "no-such-compositor";
     environment["XDG_RUNTIME_DIR"] = directory.path();

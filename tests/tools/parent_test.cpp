@@ -55,7 +55,7 @@ class Parent {
     }
 
     // Whether a line of standard output comes to begin with `start`.
-    [[nodiscard]] bool says(const std::string& start) {
+    [[nodiscard]] bool prints(const std::string& start) {
         return eventually([&] { return !line_with(start).empty(); });
     }
     // Whether a line of standard output comes to contain `text`.
@@ -237,7 +237,7 @@ TEST_F(ParentTest, ThePlayersInheritOnlyInputAndOutputs) {
     Parent parent(
         {"--player", patient_player(), "--streams", "2", "--capture", folder_.file("all.pcap")});
     for (const std::string number : {"1: ", "2: "}) {
-        ASSERT_TRUE(parent.says(number + kListening));
+        ASSERT_TRUE(parent.prints(number + kListening));
         const pid_t player = pid_of(parent, number);
         // While it starts it opens files of its own for a moment.
         const auto has_only_those = [player] {
@@ -275,7 +275,7 @@ TEST_F(ParentTest, SendsNothingBeforeThePlayerListens) {
 
 TEST_F(ParentTest, EndsThePlayerOnCtrlC) {
     Parent parent({"--player", patient_player()});
-    ASSERT_TRUE(parent.says(kListening));
+    ASSERT_TRUE(parent.prints(kListening));
     const pid_t player = pid_of(parent);
     parent.send_signal(SIGINT);
     EXPECT_EQ(parent.status(), 128 + SIGINT);
@@ -284,7 +284,7 @@ TEST_F(ParentTest, EndsThePlayerOnCtrlC) {
 
 TEST_F(ParentTest, ThePlayerEndsEvenWhenTheParentIsKilled) {
     Parent parent({"--player", patient_player()});
-    ASSERT_TRUE(parent.says(kListening));
+    ASSERT_TRUE(parent.prints(kListening));
     const pid_t player = pid_of(parent);
     parent.send_signal(SIGKILL);
     EXPECT_TRUE(eventually([player] { return ended(player); }));
@@ -292,7 +292,7 @@ TEST_F(ParentTest, ThePlayerEndsEvenWhenTheParentIsKilled) {
 
 TEST_F(ParentTest, EndsThePlayerAfterTheSecondsAskedFor) {
     Parent parent({"--player", patient_player(), "--seconds", "0.5"});
-    ASSERT_TRUE(parent.says(kListening));
+    ASSERT_TRUE(parent.prints(kListening));
     const pid_t player = pid_of(parent);
     EXPECT_EQ(parent.status(), 0);
     EXPECT_TRUE(eventually([player] { return ended(player); }));
@@ -357,8 +357,8 @@ TEST_F(ParentTest, EachImpairmentIsCounted) {
 
 TEST_F(ParentTest, StartsSeveralRealPlayersEachWithItsOwnStream) {
     Parent parent({"--streams", "2"});
-    EXPECT_TRUE(parent.says("1: [VideoPlayer] Listening on UDP port "));
-    EXPECT_TRUE(parent.says("2: [VideoPlayer] Listening on UDP port "));
+    EXPECT_TRUE(parent.prints("1: [VideoPlayer] Listening on UDP port "));
+    EXPECT_TRUE(parent.prints("2: [VideoPlayer] Listening on UDP port "));
     EXPECT_THAT(parent.line_with("1: [VideoPlayer] Starting"),
                 ContainsRegex("for streamer 1 \\(Test picture 1, 320x240, audio=yes\\)$"));
     EXPECT_THAT(parent.line_with("2: [VideoPlayer] Starting"),

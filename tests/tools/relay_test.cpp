@@ -165,7 +165,7 @@ class RelayTest : public testing::Test {
     }
 
     // Whether this line is printed, alone or after others.
-    [[nodiscard]] bool says(const std::string& line) {
+    [[nodiscard]] bool prints(const std::string& line) {
         return eventually([&] {
             for (std::string& next : relay_->take_lines()) {
                 lines_.push_back(std::move(next));
@@ -189,7 +189,7 @@ class RelayTest : public testing::Test {
     }
 
     test::TemporaryFolder folder_;
-    test::StreamReceiver player_;  // takes nothing unless told to
+    test::StreamReceiver player_;  // receives only when asked to
     std::uint16_t player_port_ = player_.port();
     std::vector<std::string> lines_;
     std::mutex mutex_;  // guards sent_
@@ -402,12 +402,12 @@ TEST_P(RelayEncodes, SoundThatThePlayerCannotTake) {
 INSTANTIATE_TEST_SUITE_P(
     All, RelayEncodes,
     testing::Values(
-        Encoded{"Vorbis", "-c:a libvorbis", "its sound is vorbis and not Opus: it is encoded anew"},
+        Encoded{"Vorbis", "-c:a libvorbis", "its sound is vorbis and not Opus: it is re-encoded"},
         Encoded{"Surround", "-ac 6 -c:a libopus -mapping_family 1",
-                "its sound has more channels than two: it is encoded anew"},
+                "its sound has more channels than two: it is re-encoded"},
         Encoded{"LongFrames",
                 "-ac 1 -c:a libopus -application voip -frame_duration 60 -b:a 10k -cutoff 4000",
-                "its Opus frames are longer than 20 ms and cannot be split: it is encoded anew"}),
+                "its Opus frames are longer than 20 ms and cannot be split: it is re-encoded"}),
     [](const auto& encoded) { return encoded.param.name; });
 
 TEST_F(RelayTest, VideoThatIsNoVp8IsEncodedInTheSizeAskedFor) {
@@ -416,7 +416,7 @@ TEST_F(RelayTest, VideoThatIsNoVp8IsEncodedInTheSizeAskedFor) {
                path);
     relay({.input = path});
     EXPECT_THAT(relay_->take_lines(),
-                ElementsAre(path + ": its video is mpeg4 and not VP8: it is encoded anew"));
+                ElementsAre(path + ": its video is mpeg4 and not VP8: it is re-encoded"));
     EXPECT_EQ(relay_->picture_size(), (PictureSize{.width = 320, .height = 240}));
     EXPECT_EQ(sent().sounds, packets_of(path, AVMEDIA_TYPE_AUDIO));
     ASSERT_FALSE(sent().frames.empty());
@@ -621,7 +621,7 @@ TEST_F(RelayTest, TimestampsThatJumpBackAreReportedAndGoOn) {
     relay({.input = path});
     EXPECT_THAT(sent().frames, SizeIs(30));
     EXPECT_THAT(relay_->take_lines(),
-                ElementsAre(path + ": its timestamps jump by -3600.0 s; the stream goes on "
+                ElementsAre(path + ": its timestamps jump by -3600.0 s; the stream continues "
                                    "without a gap"));
 }
 
@@ -632,7 +632,7 @@ TEST_F(RelayTest, TimestampsThatJumpByHoursAreNotWaitedFor) {
     relay({.input = path});
     EXPECT_THAT(sent().frames, SizeIs(30));
     EXPECT_THAT(relay_->take_lines(),
-                ElementsAre(path + ": its timestamps jump by +7200.0 s; the stream goes on "
+                ElementsAre(path + ": its timestamps jump by +7200.0 s; the stream continues "
                                    "without a gap"));
 }
 
@@ -659,7 +659,7 @@ TEST_F(RelayTest, AFrameCutShortIsLeftOut) {
     EXPECT_TRUE(std::ranges::equal(all, std::span(frames).first(all.size())));
     EXPECT_THAT(
         relay_->take_lines(),
-        Contains(path + ": holds a packet that is damaged or cut short, which is left out"));
+        Contains(path + ": contains a packet that is damaged or cut short, which is left out"));
 }
 
 struct BadInput {

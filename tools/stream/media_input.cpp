@@ -181,7 +181,7 @@ std::string MediaInput::open(const std::string& name) {
         return libav_error(result);
     }
 
-    // Nearly every header says what the streams are. Where it does not, packets must be looked
+    // Nearly every header describes the streams. Where it does not, packets must be looked
     // into.
     bool known = (format_->ctx_flags & AVFMTCTX_NOHEADER) == 0;
     for (unsigned i = 0; i < format_->nb_streams; ++i) {

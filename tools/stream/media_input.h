@@ -5,7 +5,7 @@
 // network can name other files and addresses in turn (libavformat's protocol_whitelist):
 //
 //   "-", a FIFO         nothing else: it is read here, and not by libavformat
-//   a file              files; where it is an SDP file, RTP over UDP besides
+//   a file              files, and RTP over UDP if it is an SDP file
 //   rtp:// udp://       RTP and UDP
 //   rtsp://             RTSP, RTP, UDP and TCP
 //   http:// https://    HTTP, TLS and TCP

@@ -159,7 +159,7 @@ Feed::Counters Relay::counters() const {
     return counters_;
 }
 
-void Relay::say(const std::string& text) {
+void Relay::report(const std::string& text) {
     const std::lock_guard lock(mutex_);
     lines_.push_back(settings_.input + ": " + text);
 }
@@ -174,10 +174,10 @@ void Relay::request_keyframe() {
             return;
         }
         ++counters_.unanswered;
-        first = !std::exchange(told_of_request_, true);
+        first = !std::exchange(request_reported_, true);
     }
     if (first) {
-        say("the player asks for a keyframe; a copied stream has only those that it brings");
+        report("the player asks for a keyframe; a copied stream has only those that it brings");
     }
 }
 
@@ -248,7 +248,7 @@ bool Relay::set_up_streams() {
         fail("has no video");
         return false;
     } else {
-        say("has no video");
+        report("has no video");
     }
     if (settings_.sound && input_.sound() != nullptr) {
         set_up_sound();
@@ -270,7 +270,7 @@ bool Relay::set_up_pictures() {
             return false;
         }
         repeat_ = make_repeat_frame(video.width, video.height);
-        say("its video is " + codec + " and not VP8: it is encoded anew");
+        report("its video is " + codec + " and not VP8: it is re-encoded");
     }
     const std::lock_guard lock(mutex_);
     has_pictures_ = true;
@@ -285,19 +285,19 @@ void Relay::set_up_sound() {
     const std::span header(sound.extradata, static_cast<std::size_t>(sound.extradata_size));
     bool good = true;
     if (sound.codec_id != AV_CODEC_ID_OPUS) {
-        good = encode_sound_anew("its sound is " + std::string(avcodec_get_name(sound.codec_id)) +
-                                 " and not Opus");
+        good = reencode_sound("its sound is " + std::string(avcodec_get_name(sound.codec_id)) +
+                              " and not Opus");
     } else if (!is_plain_opus(header)) {
-        good = encode_sound_anew("its sound has more channels than two");
+        good = reencode_sound("its sound has more channels than two");
     }
     const std::lock_guard lock(mutex_);
     has_sound_ = good;
 }
 
-bool Relay::encode_sound_anew(const std::string& reason) {
+bool Relay::reencode_sound(const std::string& reason) {
     sound_encoder_.emplace();
     const std::string wrong = sound_encoder_->open(*input_.sound()->codecpar);
-    say(reason + (wrong.empty() ? ": it is encoded anew" : ": it is left out, " + wrong));
+    report(reason + (wrong.empty() ? ": it is re-encoded" : ": it is left out, " + wrong));
     return wrong.empty();
 }
 
@@ -314,7 +314,7 @@ bool Relay::begin_next_round(int reason) {
     furthest_ = 0;
     timeline_.begin_again();
     if (const std::string wrong = input_.open(settings_.input); !wrong.empty()) {
-        say("cannot begin again: " + wrong);
+        report("cannot start over: " + wrong);
         return false;
     }
     return true;
@@ -332,10 +332,10 @@ void Relay::tell_of_the_end(int reason) {
     constexpr double kRounding = 1;  // s
     const double length = static_cast<double>(furthest_) / kMicroseconds.den;
     if (reason != AVERROR_EOF) {
-        say("ends early: " + libav_error(reason));
+        report("ends early: " + libav_error(reason));
     } else if (length < input_.claimed_seconds() - kRounding) {
-        say(format("ends after %.1f s of %.1f s: it is cut short", length,
-                   input_.claimed_seconds()));
+        report(format("ends after %.1f s of %.1f s: it is cut short", length,
+                      input_.claimed_seconds()));
     }
 }
 
@@ -346,13 +346,13 @@ void Relay::note_arrival(Clock::time_point now) {
     std::optional<Clock::duration> silence;
     {
         const std::lock_guard lock(mutex_);
-        if (std::exchange(told_of_silence_, false)) {
+        if (std::exchange(silence_reported_, false)) {
             silence = now - last_arrival_;
         }
         last_arrival_ = now;
     }
     if (silence) {
-        say(format("goes on after %.1f s", in_seconds(*silence)));
+        report(format("continues after %.1f s", in_seconds(*silence)));
     }
 }
 
@@ -372,8 +372,8 @@ void Relay::take(AVPacket& packet) {
         return;  // the player has no place for nothing
     }
     if ((packet.flags & AV_PKT_FLAG_CORRUPT) != 0 && !is_live_) {
-        if (!std::exchange(told_of_damage_, true)) {
-            say("holds a packet that is damaged or cut short, which is left out");
+        if (!std::exchange(damage_reported_, true)) {
+            report("contains a packet that is damaged or cut short, which is left out");
         }
         return;
     }
@@ -388,8 +388,8 @@ void Relay::take(AVPacket& packet) {
     const Timeline::Reading reading = timeline_.read(
         is_picture ? Timeline::Stream::kPictures : Timeline::Stream::kSound, Time(timestamp), now);
     if (reading.jump) {
-        say(format("its timestamps jump by %+.1f s; the stream goes on without a gap",
-                   in_seconds(*reading.jump)));
+        report(format("its timestamps jump by %+.1f s; the stream continues without a gap",
+                      in_seconds(*reading.jump)));
     }
     Item item;
     item.time = reading.time;
@@ -405,8 +405,8 @@ void Relay::take(AVPacket& packet) {
 // An input can deliver sound, or frames that build on one before we came, for any length of time.
 void Relay::report_missing_keyframe(Clock::time_point now) {
     if (copies_pictures_ && now - first_arrival_.value_or(now) > kSilence &&
-        state() == State::kOpening && !std::exchange(told_of_no_keyframe_, true)) {
-        say("no keyframe has come yet");
+        state() == State::kOpening && !std::exchange(missing_keyframe_reported_, true)) {
+        report("no keyframe received yet");
     }
 }
 
@@ -426,7 +426,7 @@ void Relay::take_picture(AVPacket& packet, Item item) {
         return;  // nothing can be decoded before the first keyframe
     }
     if (frame.size() > kMaxFrame) {
-        say(format("a frame of %zu bytes is too large to send", frame.size()));
+        report(format("a frame of %zu bytes is too large to send", frame.size()));
         return;
     }
     item.bytes.assign(frame.begin(), frame.end());
@@ -459,7 +459,7 @@ void Relay::take_sound(AVPacket& packet, const Item& item) {
             }
             return;
         }
-        if (!encode_sound_anew("its Opus frames are longer than 20 ms and cannot be split")) {
+        if (!reencode_sound("its Opus frames are longer than 20 ms and cannot be split")) {
             const std::lock_guard lock(mutex_);
             has_sound_ = false;
             return;
@@ -651,13 +651,13 @@ Clock::duration Relay::time_to_next_picture(const Item& item) {
 }
 
 void Relay::report_silence(Clock::time_point now) {
-    bool tell = false;
+    bool silent = false;
     {
         const std::lock_guard lock(mutex_);
-        tell = now - last_arrival_ > kSilence && !std::exchange(told_of_silence_, true);
+        silent = now - last_arrival_ > kSilence && !std::exchange(silence_reported_, true);
     }
-    if (tell) {
-        say(format("nothing has come for %d s", static_cast<int>(kSilence.count())));
+    if (silent) {
+        report(format("nothing received for %d s", static_cast<int>(kSilence.count())));
     }
 }
 

@@ -98,7 +98,7 @@ class Relay : public Feed {
     [[nodiscard]] bool set_up_streams();
     [[nodiscard]] bool set_up_pictures();
     void set_up_sound();
-    [[nodiscard]] bool encode_sound_anew(const std::string& reason);
+    [[nodiscard]] bool reencode_sound(const std::string& reason);
     void take(AVPacket& packet);
     void report_missing_keyframe(Clock::time_point now);
     void take_picture(AVPacket& packet, Item item);
@@ -133,7 +133,7 @@ class Relay : public Feed {
     void encode_and_send(bool keyframe, Clock::time_point due, Clock::duration room);
 
     // Any thread; the mutex is not held.
-    void say(const std::string& text);
+    void report(const std::string& text);
 
     const RelaySettings settings_;
     Link& link_;
@@ -148,8 +148,8 @@ class Relay : public Feed {
     std::optional<std::int64_t> last_timestamp_[2];  // microseconds, of pictures and sound
     std::int64_t furthest_ = 0;   // latest timestamp of the round, in microseconds
     bool took_in_round_ = false;  // a packet has arrived since the input was last opened
-    bool told_of_damage_ = false;
-    bool told_of_no_keyframe_ = false;
+    bool damage_reported_ = false;
+    bool missing_keyframe_reported_ = false;
     std::optional<Clock::time_point> first_arrival_;
     std::thread reader_;
 
@@ -185,9 +185,9 @@ class Relay : public Feed {
     bool needs_new_player_ = false;
     FilePace file_pace_;
     KeyframeLimit keyframe_limit_;
-    bool told_of_request_ = false;
+    bool request_reported_ = false;
     Clock::time_point last_arrival_;
-    bool told_of_silence_ = false;
+    bool silence_reported_ = false;
 };
 
 }  // namespace vesper::tools

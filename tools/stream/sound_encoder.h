@@ -1,5 +1,4 @@
-// Sound that the player cannot take as it is, decoded and encoded anew: 20 ms of stereo Opus a
-// packet.
+// Sound that the player cannot take as it is, re-encoded: 20 ms of stereo Opus a packet.
 #pragma once
 
 #include <chrono>
