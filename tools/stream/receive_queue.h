@@ -14,7 +14,7 @@ struct ReceiveQueue {
 
 // Of the socket bound to UDP `port` of 127.0.0.1: other programs' sockets on other addresses may
 // have the same port. Nothing if there is none in this network namespace, or the kernel does not
-// tell (no /proc). Any thread.
+// report it (no /proc). Any thread.
 [[nodiscard]] std::optional<ReceiveQueue> receive_queue(std::uint16_t port);
 
 // Whether the player on UDP `port` has taken everything that has arrived for it: whether it keeps
