@@ -147,13 +147,14 @@ struct Drivers {
 void run(benchmark::State& state, Who who, Drivers drivers, bool flooded) {
     OwnPassLog log;
     const std::uint16_t port = vesper::tools::free_port();
-    ChildProcess process(command_of(who, port),
-                         {{"LD_PRELOAD", VESPER_PASS_LOG_LIBRARY},
-                          {vesper::bench::kPassLogVariable, log.path()},
-                          {"SDL_VIDEODRIVER", drivers.video},
-                          {"SDL_RENDER_DRIVER", drivers.renderer},
-                          {"SDL_FRAMEBUFFER_ACCELERATION", drivers.framebuffer_acceleration},
-                          {"SDL_AUDIODRIVER", "dummy"}});
+    ChildProcess::Environment environment = {
+        {vesper::bench::kPassLogVariable, log.path()},
+        {"SDL_VIDEODRIVER", drivers.video},
+        {"SDL_RENDER_DRIVER", drivers.renderer},
+        {"SDL_FRAMEBUFFER_ACCELERATION", drivers.framebuffer_acceleration},
+        {"SDL_AUDIODRIVER", "dummy"}};
+    vesper::test::preload(environment, VESPER_PASS_LOG_LIBRARY);
+    ChildProcess process(command_of(who, port), environment);
     if (!warm_up(*log, process)) {
         state.SkipWithError("the loop does not run");
         return;

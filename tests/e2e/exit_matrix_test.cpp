@@ -28,8 +28,7 @@ class ExitMatrixTest : public PlayerTest {
     ExitMatrixTest() {
         // Without it SDL's software renderer has nothing to draw on under Wayland.
         environment["SDL_FRAMEBUFFER_ACCELERATION"] = "1";
-        std::string& preloaded = environment["LD_PRELOAD"];
-        preloaded.append(preloaded.empty() ? "" : ":").append(VESPER_SHUT_DOWN_PROBE);
+        preload(environment, VESPER_SHUT_DOWN_PROBE);
         environment["VESPER_RENDERER_FILE"] = renderer_file();
         // Keeps the drivers' own files out of the user's home folder.
         environment["MESA_SHADER_CACHE_DISABLE"] = "true";

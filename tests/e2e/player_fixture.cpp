@@ -33,7 +33,7 @@ Color beneath_bar(Color picture) {
 ChildProcess::Environment player_environment(const VirtualDisplay& display) {
     // The suite runs once more with each renderer and the heap guard.
     const char* const renderer = std::getenv("VESPER_E2E_RENDERER");
-    const char* const preload = std::getenv("VESPER_E2E_PRELOAD");
+    const char* const library = std::getenv("VESPER_E2E_PRELOAD");
     ChildProcess::Environment environment = {
         {"DISPLAY", display.name()},
         {"SDL_VIDEODRIVER", "x11"},
@@ -44,12 +44,12 @@ ChildProcess::Environment player_environment(const VirtualDisplay& display) {
         {"UBSAN_OPTIONS", "print_stacktrace=1"},
         {"LSAN_OPTIONS", "print_suppressions=0:suppressions='" VESPER_SUPPRESSIONS "/lsan.supp'"},
         {"TSAN_OPTIONS", "exitcode=99:suppressions='" VESPER_SUPPRESSIONS "/tsan.supp'"},
-#ifdef VESPER_E2E_PRELOAD
-        {"LD_PRELOAD", VESPER_E2E_PRELOAD},
-#endif
     };
-    if (preload != nullptr) {
-        environment["LD_PRELOAD"] = preload;
+#ifdef VESPER_E2E_PRELOAD
+    preload(environment, VESPER_E2E_PRELOAD);
+#endif
+    if (library != nullptr) {
+        preload(environment, library);
     }
     return environment;
 }

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <ostream>
 #include <system_error>
 
@@ -162,6 +163,20 @@ std::optional<Ending> ChildProcess::wait_for_end() {
         return ending().has_value();
     });
     return ending_;
+}
+
+// ld.so(8) splits LD_PRELOAD at spaces, too, but LD_LIBRARY_PATH only at colons and semicolons.
+void preload(ChildProcess::Environment& environment, const std::string& library) {
+    const std::filesystem::path path(library);
+    std::string& names = environment["LD_PRELOAD"];
+    names.append(names.empty() ? "" : ":").append(path.filename());
+    const char* const inherited = std::getenv("LD_LIBRARY_PATH");
+    std::string& folders = environment["LD_LIBRARY_PATH"];
+    if (folders.empty() && inherited != nullptr) {
+        folders = inherited;
+    }
+    // An empty entry would be the current folder.
+    folders = path.parent_path().string() + (folders.empty() ? "" : ":" + folders);
 }
 
 }  // namespace vesper::test

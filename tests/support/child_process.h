@@ -68,4 +68,9 @@ class ChildProcess {
     Capture err_;
 };
 
+// Lets the programs of `environment` load `library`, the path of a file, before all others but
+// those that are preloaded already. The folder's name may contain anything but a colon or
+// semicolon.
+void preload(ChildProcess::Environment& environment, const std::string& library);
+
 }  // namespace vesper::test
