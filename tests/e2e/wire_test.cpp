@@ -32,15 +32,17 @@ class SizeChange : public PlayerTest {
         expect_color(kMiddle, kGreen);
     }
 
+    // The first frame of the new size brings the last picture of the old one. Once that is seen,
+    // the player's buffers have blue and green, however many frames it decodes at a time.
     void change_size(Extent size) {
         ASSERT_TRUE(encoder_.open({.width = size.width, .height = size.height}));
-        keyframe_ = true;
+        send(video.packetize(encoder_.encode(flat_picture(kGrey, size), true)));
+        expect_color(kMiddle, kBlue);
     }
 
     // One frame more, of the new size. As a rule the player shows the one before it.
     void show_once(const tools::Picture& picture) {
-        send(video.packetize(encoder_.encode(picture, keyframe_)));
-        keyframe_ = false;
+        send(video.packetize(encoder_.encode(picture, false)));
     }
 
     void TearDown() override {
@@ -52,7 +54,6 @@ class SizeChange : public PlayerTest {
 
   private:
     tools::Vp8Encoder encoder_;
-    bool keyframe_ = false;
 };
 
 TEST_F(SizeChange, SmallerPictureLiesAtTheTopLeftAboveTheOldOneWithBlackBesideIt) {
