@@ -5,8 +5,8 @@
 #                              makes in the folder ROOT the smallest Debian with apt, which fetches as
 #                              this machine's does: same mirror, same proxies. WORDs are mmdebstrap's;
 #                              what it prints is in the folder LOGS
-#   in_root ROOT COMMAND...    runs a command there with nothing of our environment, but with /proc and
-#                              /dev/shm, which are gone with its last process
+#   in_root ROOT COMMAND...    runs a command there with nothing of our environment, but with /proc,
+#                              /dev/shm and /dev/pts, which are gone with its last process
 #
 # shellcheck shell=bash
 
@@ -44,6 +44,7 @@ in_root() {
     unshare --mount --pid --fork --kill-child sh -ec '
         mount -t proc proc "$1/proc"
         mount -t tmpfs tmpfs "$1/dev/shm"
+        mount -t devpts -o newinstance,ptmxmode=0666 devpts "$1/dev/pts"
         root=$1
         shift
         exec chroot "$root" env -i HOME=/root LANG=C.UTF-8 \
