@@ -35,7 +35,7 @@ add_compile_options(-ffp-contract=off)
 # (_FORTIFY_SOURCE needs the optimiser).
 include(CheckPIESupported)
 check_pie_supported()
-add_link_options(-pie)
+add_link_options($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-pie>)
 set(vesper_optimised $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
 foreach(option IN ITEMS -fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3)
     add_compile_options($<${vesper_optimised}:${option}>)
