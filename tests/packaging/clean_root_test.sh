@@ -40,22 +40,6 @@ colors_on_screen() {
     colors_of "$@"
 }
 
-play_test_stream() {
-    # By default it finds the player through /proc, which is missing here.
-    "${as_user[@]}" SDL_AUDIODRIVER=disk SDL_DISKAUDIOFILE=/tmp/sound.raw \
-        vesper-parent --size 640x360 --player /usr/bin/vesper-player >"$work/player.log" 2>&1 &
-    local parent=$!
-    move_window "Stream: Test picture" 0 0
-    # shellcheck disable=SC2046 # points are words
-    expect_at_last "picture of the player" "$stripes" \
-        colors_on_screen "$work/player.png" $(stripe_points 640 360)
-    expect_at_last "sound of the player" "$tone" \
-        tone_of "${played_sound[@]}" "$root/tmp/sound.raw"
-    terminate "$parent"
-    expect_equal "status of vesper-parent after SIGTERM" 143 "$status"
-    sox "${played_sound[@]}" "$root/tmp/sound.raw" "$work/player.wav"
-}
-
 # The first stream is the test picture, the second what the screen shows, half as large: on its left
 # the first.
 show_two_streams() {
@@ -117,7 +101,7 @@ for package in vesper vesper-parent libvesper-dev; do
     cp "$packages/$package"_*.deb "$root/tmp/$package.deb"
 done
 install_in_root /tmp/vesper.deb /tmp/vesper-parent.deb
-play_test_stream
+tests/packaging/play_in_root.sh "$root" /usr/bin "$work"
 
 install_in_root /tmp/libvesper-dev.deb g++ cmake make
 examples=/usr/share/doc/vesper/examples
