@@ -54,9 +54,13 @@ expect_equal "where find_package found it" "$prefix/$libdir/cmake/vesper" \
     "$(sed -n 's/^vesper_DIR:PATH=//p' "$work/with_cmake/CMakeCache.txt")"
 
 export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
-# shellcheck disable=SC2046 # flags are words
-"$cxx" -std=c++20 "$examples/in_application.cpp" -o "$work/with_pkg_config" \
-    $(pkg-config --cflags --libs vesper-client)
+# pkg-config writes words for a shell to read: a space in the prefix comes with a backslash.
+flags=()
+flags_of() {
+    eval "flags=($(pkg-config "$@"))"
+}
+flags_of --cflags --libs vesper-client
+"$cxx" -std=c++20 "$examples/in_application.cpp" -o "$work/with_pkg_config" "${flags[@]}"
 
 # Bad usage needs neither display nor port, and shows that the program loads.
 for program in "$work/with_cmake/in_application" "$work/with_pkg_config"; do
@@ -67,10 +71,10 @@ done
 # Each header compiles by itself, with only the flags of its own room.
 for room in net audio client; do
     expect_equal "version of vesper-$room" "$version" "$(pkg-config --modversion "vesper-$room")"
+    flags_of --cflags "vesper-$room"
     for header in "$prefix/include/vesper/$room"/*.h; do
-        # shellcheck disable=SC2046
         echo "#include \"$room/$(basename "$header")\"" |
             "$cxx" -std=c++20 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -x c++ - \
-                $(pkg-config --cflags "vesper-$room")
+                "${flags[@]}"
     done
 done

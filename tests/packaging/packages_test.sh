@@ -6,7 +6,8 @@ source "$(dirname "$0")/expect.sh"
 build=$1 libdir=$2 version=$3
 architecture=$(dpkg --print-architecture)
 
-(cd "$build" && rm -rf packages && cpack -G DEB >packages.log 2>&1) || { cat "$build/packages.log"; exit 1; }
+# In the C locale CPack packs nothing from a folder whose name has more than ASCII.
+(cd "$build" && rm -rf packages && LC_ALL=C.UTF-8 cpack -G DEB >packages.log 2>&1) || { cat "$build/packages.log"; exit 1; }
 
 player=$build/packages/vesper_${version}_$architecture.deb
 parent=$build/packages/vesper-parent_${version}_$architecture.deb
