@@ -83,11 +83,12 @@ class Watchdogs {
     int sleep() {
         // Destroyed when the watchdog's thread ends.
         struct AtEnd {
-            std::atomic<int>* ended;
-            ~AtEnd() { ++*ended; }
+            explicit AtEnd(std::atomic<int>& counter) : ended(counter) {}
+            ~AtEnd() { ++ended; }
+            std::atomic<int>& ended;
         };
         thread_local std::optional<AtEnd> at_end;
-        at_end.emplace(&ended_);
+        at_end.emplace(ended_);
         std::unique_lock lock(mutex_);
         released_.wait(lock, [this] { return !held_; });
         return 0;
