@@ -604,8 +604,10 @@ TEST_P(StartUpFaultsDeathTest, AThreadThatCannotBeStartedEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     // As above main, nothing catches the exception here; GoogleTest would.
     const auto run_as_a_process = [this]() noexcept { return run(GetParam()); };
+    // Where the compiler destroys what the exception leaves before it ends the process, the decode
+    // thread's handle ends it without naming the exception.
     EXPECT_EXIT(run_as_a_process(), testing::KilledBySignal(SIGABRT),
-                "Resource temporarily unavailable");
+                "Resource temporarily unavailable|terminate called without an active exception");
 }
 
 INSTANTIATE_TEST_SUITE_P(, StartUpFaultsDeathTest,
