@@ -53,6 +53,7 @@ int main(int argc, char** argv) {
     }
     const int width = std::atoi(argv[2]);
     const int height = std::atoi(argv[3]);
+    SDL_SetHintWithPriority(SDL_HINT_RENDER_SCALE_QUALITY, "linear", SDL_HINT_DEFAULT);
     SDL_DisplayMode mode{};
     SDL_GetCurrentDisplayMode(0, &mode);
     SDL_Window* window = SDL_CreateWindow("Stream", SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED,
