@@ -1,5 +1,6 @@
 #include "bench/window/marked_stream.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdio>
@@ -27,9 +28,13 @@ constexpr std::uint8_t kNeutral = 128;
 constexpr std::array<std::uint8_t, kMarks> kMarkLuma = {60, 100, 140, 180};
 constexpr Yuv kOpeningColor = {.y = 100, .u = 70, .v = 200};
 
-// The tolerance for a lossy codec and the conversion to RGB: less than half of the distance between
-// two marks, 46 (an unrecognised mark would count as a missed flip).
-constexpr int kTolerance = 20;
+// For a lossy codec and the conversion to RGB: less than half of the distance between two
+// marks, 46.
+constexpr int kGreyTolerance = 20;
+
+// At a low bitrate a keyframe can tint the square, and the frames after it leave it so for most of
+// a second: by seven steps of chroma, 21 between two components. The opening's are 80 apart.
+constexpr int kTintTolerance = 40;
 
 // A keyframe every two seconds, as vesper-parent sends.
 constexpr int kKeyframeInterval = 2;  // seconds
@@ -104,13 +109,14 @@ MarkedStream encode_marked_stream(const MarkedStreamSettings& settings) {
 }
 
 std::optional<int> mark_of(const Rgb& pixel) {
-    if (std::abs(pixel.red - pixel.green) > kTolerance ||
-        std::abs(pixel.blue - pixel.green) > kTolerance) {
+    const auto [darkest, brightest] = std::minmax({pixel.red, pixel.green, pixel.blue});
+    if (brightest - darkest > kTintTolerance) {
         return std::nullopt;
     }
+    // ITU-R BT.601, as above: a tint leaves it alone.
+    const int grey = (299 * pixel.red + 587 * pixel.green + 114 * pixel.blue) / 1000;
     for (int mark = 0; mark < kMarks; ++mark) {
-        if (std::abs(pixel.green - grey_of(kMarkLuma[static_cast<std::size_t>(mark)])) <=
-            kTolerance) {
+        if (std::abs(grey - grey_of(kMarkLuma[static_cast<std::size_t>(mark)])) <= kGreyTolerance) {
             return mark;
         }
     }
