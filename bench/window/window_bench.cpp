@@ -37,7 +37,7 @@ using vesper::bench::kMarksPerSecond;
 using vesper::bench::StreamPicture;
 using vesper::bench::Subject;
 using vesper::bench::WindowWatch;
-using vesper::tools::has_taken_all;
+using vesper::tools::keeps_up;
 
 namespace {
 
@@ -80,7 +80,7 @@ class Sender {
         for (const auto& subject : subjects_) {
             const auto media_time =
                 std::chrono::duration_cast<std::chrono::milliseconds>(due_ - start_);
-            const bool repeated = low_delay_ && has_taken_all(subject->port());
+            const bool repeated = low_delay_ && keeps_up(subject->port());
             Sent times{.first = Clock::now(), .last = {}};
             subject->wire().send(picture.frame, media_time, spread_);
             times.last = Clock::now();

@@ -182,10 +182,11 @@ class RelayTest : public testing::Test {
     }
 
     // A player that never takes it does not keep up.
-    void let_a_datagram_wait() {
+    void let_a_picture_wait() {
         UDPSocket other;
         ASSERT_TRUE(other.bind(0));
-        ASSERT_EQ(other.send("", 1, "127.0.0.1", player_port_), 1);
+        const std::vector<char> waiting(kMaxFragmentPayload);
+        ASSERT_GT(other.send(waiting.data(), waiting.size(), "127.0.0.1", player_port_), 0);
     }
 
     test::TemporaryFolder folder_;
@@ -519,7 +520,7 @@ TEST_F(RelayTest, LowDelayFollowsEachEncodedPictureByTheFrameThatRepeatsIt) {
 }
 
 TEST_F(RelayTest, LowDelaySparesAPlayerThatDoesNotKeepUp) {
-    let_a_datagram_wait();
+    let_a_picture_wait();
     const std::string path = file("film.webm");
     make_media(kPicture + "-t 1 -g 10 -keyint_min 10 " + kVp8, path);
     RelaySettings settings = {.input = path};
@@ -529,7 +530,7 @@ TEST_F(RelayTest, LowDelaySparesAPlayerThatDoesNotKeepUp) {
 }
 
 TEST_F(RelayTest, LowDelaySparesAPlayerThatDoesNotKeepUpWithEncodedPictures) {
-    let_a_datagram_wait();
+    let_a_picture_wait();
     const std::string path = file("film.mkv");
     make_media(kPicture + "-t 0.5 -c:v mpeg4", path);
     RelaySettings settings = {.input = path};

@@ -17,8 +17,9 @@ struct ReceiveQueue {
 // report it (no /proc). Any thread.
 [[nodiscard]] std::optional<ReceiveQueue> receive_queue(std::uint16_t port);
 
-// Whether the player on UDP `port` has taken everything that has arrived for it: whether it keeps
-// up. True if nothing is known of such a socket. Any thread.
-[[nodiscard]] bool has_taken_all(std::uint16_t port);
+// Whether the player on UDP `port` keeps up: whether it has taken everything that has arrived for it,
+// except perhaps one sound packet, which comes every 20 ms and is likely to wait for the next pass.
+// True if nothing is known of such a socket. Any thread.
+[[nodiscard]] bool keeps_up(std::uint16_t port);
 
 }  // namespace vesper::tools

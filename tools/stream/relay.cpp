@@ -671,9 +671,9 @@ void Relay::send_picture(const Item& item, Clock::time_point due, Clock::duratio
     send_frame(item.bytes, item.size && may_repeat() ? 2 : 1, due, room);
 }
 
-// Asked before a picture is sent: whether the player has taken all of the previous one.
+// Asked before a picture is sent: whether the player has taken the previous one.
 bool Relay::may_repeat() const {
-    return settings_.stream.low_delay && has_taken_all(link_.player_port());
+    return settings_.stream.low_delay && keeps_up(link_.player_port());
 }
 
 void Relay::send_frame(const std::vector<std::uint8_t>& frame, int times, Clock::time_point due,

@@ -180,7 +180,7 @@ void Streamer::send_picture(bool keyframe, Clock::time_point until) {
     if (datagrams.empty()) {
         return;
     }
-    const bool repeated = settings_.low_delay && has_taken_all(link_.player_port());
+    const bool repeated = settings_.low_delay && keeps_up(link_.player_port());
     // The previous frame may not have been sent yet.
     const Clock::time_point from = std::max(Clock::now(), last_datagram_due_);
     const Clock::duration spacing = settings_.burst
