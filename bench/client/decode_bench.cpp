@@ -193,7 +193,7 @@ extern "C" void __wrap__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE
 
 int main(int argc, char** argv) {
     av_log_set_level(AV_LOG_QUIET);
-    SDL_SetHint(SDL_HINT_VIDEODRIVER, "dummy");
+    SDL_setenv("SDL_VIDEODRIVER", "dummy", 0);
     if (SDL_Init(SDL_INIT_VIDEO) != 0) {
         std::fprintf(stderr, "%s\n", SDL_GetError());
         return EXIT_FAILURE;

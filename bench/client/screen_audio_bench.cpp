@@ -118,7 +118,7 @@ void add(const char* name, void (*function)(benchmark::State&, float), float gai
 }  // namespace
 
 int main(int argc, char** argv) {
-    SDL_SetHint(SDL_HINT_AUDIODRIVER, "dummy");
+    SDL_setenv("SDL_AUDIODRIVER", "dummy", 0);
     if (SDL_Init(SDL_INIT_AUDIO) != 0) {
         std::fprintf(stderr, "%s\n", SDL_GetError());
         return EXIT_FAILURE;

@@ -135,7 +135,7 @@ void stop(benchmark::State& state, Case subject) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    SDL_SetHint(SDL_HINT_AUDIODRIVER, "dummy");  // the environment overrides it
+    SDL_setenv("SDL_AUDIODRIVER", "dummy", 0);
     av_log_set_level(AV_LOG_QUIET);
     if (SDL_Init(SDL_INIT_VIDEO | SDL_INIT_AUDIO) != 0) {
         std::fprintf(stderr, "%s\n", SDL_GetError());

@@ -48,7 +48,7 @@ extern "C" const char* __asan_default_options() {  // NOLINT: the sanitizer's na
 }
 
 void prepare_process() {
-    SDL_SetHint(SDL_HINT_VIDEODRIVER, "dummy");
+    SDL_setenv("SDL_VIDEODRIVER", "dummy", 1);
     require(SDL_Init(SDL_INIT_VIDEO) == 0, "SDL has a dummy video driver");
     av_log_set_level(AV_LOG_QUIET);
 }

@@ -406,7 +406,7 @@ TEST_F(AudioDeviceTest, ListIsEmptyWhenSdlReportsANegativeCount) {
 class AudioDeviceOnDummyDriver : public test::HookedTest {
   protected:
     void SetUp() override {
-        SDL_SetHint(SDL_HINT_AUDIODRIVER, "dummy");
+        SDL_setenv("SDL_AUDIODRIVER", "dummy", 1);
         ASSERT_EQ(SDL_InitSubSystem(SDL_INIT_AUDIO), 0) << SDL_GetError();
     }
     void TearDown() override { SDL_QuitSubSystem(SDL_INIT_AUDIO); }

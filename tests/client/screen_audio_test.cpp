@@ -719,7 +719,7 @@ TEST_F(ScreenAudioWithOpus, ADatagramAllocatesNothing) {
 
 // Nothing hooked: libopus decodes, SDL's dummy driver plays.
 TEST(ScreenAudioOnDummyDriver, PacketsWaitInTheDeviceQueueAndThenPlay) {
-    SDL_SetHint(SDL_HINT_AUDIODRIVER, "dummy");
+    SDL_setenv("SDL_AUDIODRIVER", "dummy", 1);
     ASSERT_EQ(SDL_InitSubSystem(SDL_INIT_AUDIO), 0) << SDL_GetError();
     {
         VideoReceiver receiver;
