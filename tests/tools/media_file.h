@@ -4,6 +4,8 @@
 extern "C" {
 #include <libavcodec/packet.h>
 #include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/version.h>
 }
 
 #include <array>
@@ -60,7 +62,12 @@ inline constexpr std::array<std::uint8_t, 67> kCover = {
         sound->codecpar->codec_id = AV_CODEC_ID_PCM_S16LE;
         sound->codecpar->sample_rate = tools::kSoundRate;
         sound->codecpar->bits_per_coded_sample = 16;
+#if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(57, 24, 100)
         av_channel_layout_default(&sound->codecpar->ch_layout, tools::kSoundChannels);
+#else
+        sound->codecpar->channels = tools::kSoundChannels;
+        sound->codecpar->channel_layout = AV_CH_LAYOUT_STEREO;
+#endif
         sound->time_base = {.num = 1, .den = 1000};
     }
     if (file.cover) {
