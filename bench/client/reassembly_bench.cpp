@@ -329,7 +329,9 @@ int main(int argc, char** argv) {
     for (const int count : {1, 3, 10, 32, 107, 330, 1000}) {
         add(count, Order::kInOrder, {0, 1, 15, 30, 45, 59});
     }
-    for (const int count : {1, 10, 107, 1000}) {
+    // A single fragment comes in order, and all that can be doubled of it is the last.
+    add(1, Order::kLastDoubled, {0});
+    for (const int count : {10, 107, 1000}) {
         for (const Order order : {Order::kReversed, Order::kShuffled, Order::kDoubled}) {
             add(count, order, {0, 1, 59});
         }
