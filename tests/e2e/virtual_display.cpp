@@ -4,6 +4,7 @@
 #include <X11/Xlib.h>
 
 #include <csignal>
+#include <optional>
 #include <ostream>
 #include <stdexcept>
 
@@ -19,23 +20,50 @@ int ignore_x_error(Display*, XErrorEvent*) {
     return 0;
 }
 
-// A window manager lists its windows in this property of the root window (Extended Window Manager
-// Hints, section "Root Window Properties"). openbox announces itself earlier, by
-// _NET_SUPPORTING_WM_CHECK, before it takes requests to map windows: one that comes in between is
-// never mapped.
-bool window_manager_is_up(Display* display) {
+// A window of the test's own, to find out whether the window manager maps windows. openbox
+// announces itself, and lists its windows, before it takes requests to map them: one that comes in
+// between is lost, and the player would wait for it without end.
+class TrialWindow {
+  public:
+    explicit TrialWindow(Display* display)
+        : display_(display),
+          window_(XCreateSimpleWindow(display, DefaultRootWindow(display), 0, 0, 1, 1, 0, 0, 0)) {}
+    ~TrialWindow() {
+        XDestroyWindow(display_, window_);
+        XSync(display_, False);
+    }
+    TrialWindow(const TrialWindow&) = delete;
+    TrialWindow& operator=(const TrialWindow&) = delete;
+
+    // Asks again at each call.
+    [[nodiscard]] bool becomes_visible() {
+        XMapWindow(display_, window_);
+        XWindowAttributes attributes{};
+        return XGetWindowAttributes(display_, window_, &attributes) != 0 &&
+               attributes.map_state == IsViewable;
+    }
+
+  private:
+    Display* display_;
+    Window window_;
+};
+
+// The windows that a window manager lists, in this property of the root window (Extended Window
+// Manager Hints, section "Root Window Properties"); nothing if there is none.
+std::optional<unsigned long> managed_windows(Display* display) {
+    constexpr long kMost = 100;
     const Atom property = XInternAtom(display, "_NET_CLIENT_LIST", False);
     Atom type = None;
     int format = 0;
     unsigned long items = 0;
     unsigned long rest = 0;
     unsigned char* data = nullptr;
-    XGetWindowProperty(display, DefaultRootWindow(display), property, 0, 0, False, XA_WINDOW, &type,
-                       &format, &items, &rest, &data);
+    XGetWindowProperty(display, DefaultRootWindow(display), property, 0, kMost, False, XA_WINDOW,
+                       &type, &format, &items, &rest, &data);
     if (data != nullptr) {
         XFree(data);
     }
-    return type == XA_WINDOW;  // the list is empty, but there
+    return type == XA_WINDOW ? std::optional(items) : std::nullopt;
 }
 
 }  // namespace
@@ -81,7 +109,13 @@ VirtualDisplay::~VirtualDisplay() {
 void VirtualDisplay::run_window_manager() {
     window_manager_.emplace(std::vector<std::string>{"openbox"},
                             ChildProcess::Environment{{"DISPLAY", name_}});
-    if (!eventually([this] { return window_manager_is_up(connection_); })) {
+    // Without a window manager every window becomes visible.
+    bool maps_windows = eventually([this] { return managed_windows(connection_).has_value(); });
+    if (maps_windows) {
+        TrialWindow trial(connection_);
+        maps_windows = eventually([&] { return trial.becomes_visible(); });
+    }
+    if (!maps_windows || !eventually([this] { return managed_windows(connection_) == 0; })) {
         throw std::runtime_error("openbox did not start: " + window_manager_->err());
     }
 }
