@@ -36,9 +36,9 @@ class ReceiveQueueTest : public testing::Test {
         return received;
     }
 
-    // Bytes: a fragment of a picture; 20 ms of sound at 96 kbit/s, and its header.
+    // Bytes: a fragment of a picture; 20 ms of sound at 96 kbit/s, with the header.
     static constexpr std::size_t kFragment = 1440;
-    static constexpr std::size_t kSoundPacket = 260;
+    static constexpr std::size_t kSoundPacket = 268;
 
     std::array<std::uint8_t, kFragment> datagram_{};
     UDPSocket receiver_;
@@ -80,7 +80,7 @@ TEST_F(ReceiveQueueTest, IsNoneWithoutASocket) {
 // A socket of another program may have the same port on another address of the machine.
 class SocketElsewhere {
   public:
-    // One datagram waits in it.
+    // A fragment of a picture waits in it.
     explicit SocketElsewhere(std::uint16_t port) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -88,7 +88,9 @@ class SocketElsewhere {
         EXPECT_EQ(inet_pton(AF_INET, "127.0.0.2", &address.sin_addr), 1);
         const auto* const name = reinterpret_cast<const sockaddr*>(&address);
         EXPECT_EQ(bind(descriptor_, name, sizeof(address)), 0);
-        EXPECT_EQ(sendto(descriptor_, "", 1, 0, name, sizeof(address)), 1);
+        const std::array<char, 1440> fragment{};
+        EXPECT_GT(sendto(descriptor_, fragment.data(), fragment.size(), 0, name, sizeof(address)),
+                  0);
     }
     ~SocketElsewhere() { close(descriptor_); }
     SocketElsewhere(const SocketElsewhere&) = delete;

@@ -12,7 +12,7 @@ namespace vesper::tools {
 
 namespace {
 
-// Bytes. Linux counts 832 for a datagram of up to 130 bytes, 1280 up to 600, and 2304 for a full
+// Bytes. Linux 6 counts 832 for a datagram of up to 197 bytes, 1280 up to 645, and 2304 for a full
 // fragment of a picture.
 constexpr std::uint64_t kMoreThanSound = 1500;
 

@@ -17,9 +17,9 @@ struct ReceiveQueue {
 // report it (no /proc). Any thread.
 [[nodiscard]] std::optional<ReceiveQueue> receive_queue(std::uint16_t port);
 
-// Whether the player on UDP `port` keeps up: whether it has taken everything that has arrived for it,
-// except perhaps one sound packet, which comes every 20 ms and is likely to wait for the next pass.
-// True if nothing is known of such a socket. Any thread.
+// Whether the player on UDP `port` keeps up: whether it has taken everything that has arrived for
+// it, except perhaps one small datagram: a sound packet comes every 20 ms, and waits for the next
+// pass. True if nothing is known of such a socket. Any thread.
 [[nodiscard]] bool keeps_up(std::uint16_t port);
 
 }  // namespace vesper::tools

@@ -36,8 +36,7 @@ struct StreamSettings {
 
     // Every picture is followed by a frame that repeats it. A decoder may delay a picture until the
     // next frame arrives; the repeat, one small datagram, pushes it out at once. While the player
-    // has not taken all of the previous picture, no repeat is sent: it would only delay the
-    // pictures.
+    // does not keep up (receive_queue.h), no repeat is sent: it would only delay the pictures.
     bool low_delay = false;
 };
 
