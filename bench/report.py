@@ -219,8 +219,8 @@ def duration(ns):
     return f"{ns:.0f} ns"
 
 
-def verdict(goal, met):
-    return f"{goal} {'met' if met else 'missed'}"
+def verdict(goal, met, insignificant=False):
+    return f"{goal} {'met' if met else 'missed, within the spread' if insignificant else 'missed'}"
 
 
 def summary_table(rows, pending):
@@ -230,15 +230,18 @@ def summary_table(rows, pending):
         cases = [row for row in rows if re.fullmatch(names, row["name"])]
         if cases:
             worst = min(cases, key=lambda row: row["ratio"])
-            met = verdict(f"{goal:.2f}", round(worst["ratio"], 2) >= goal) if goal else ""
-            lines.append(f"| {label} | {len(cases)} | {worst['name']} | {worst['ratio']:.2f} | {met} |")
-    if pending:
-        worst = max(pending, key=lambda row: row["each_further_ns"])
-        cost = worst["each_further_ns"]
-        lines.append(
-            f"| reassembly, each further pending frame | {len(pending)} | {worst['name']} "
-            f"| {cost:.2f} ns a datagram "
-            f"| {verdict(f'{PENDING_GOAL_NS:.0f} ns', round(cost, 2) <= PENDING_GOAL_NS)} |")
+            ratio = round(worst["ratio"], 2)
+            spread = max(worst["player_spread"], worst["floor_spread"])
+            met = verdict(f"{goal:.2f}", ratio >= goal, goal - ratio < spread) if goal else ""
+            lines.append(f"| {label} | {len(cases)} | {worst['name']} | {ratio:.2f} | {met} |")
+    for key, label in (("first_ns", "the first pending frame"),
+                       ("each_further_ns", "each further pending frame")):
+        if pending:
+            worst = max(pending, key=lambda row: row[key])
+            cost = round(worst[key], 2)
+            lines.append(
+                f"| reassembly, {label} | {len(pending)} | {worst['name']} | {cost:.2f} ns a datagram "
+                f"| {verdict(f'{PENDING_GOAL_NS:.0f} ns', cost <= PENDING_GOAL_NS)} |")
     return lines
 
 
@@ -406,7 +409,9 @@ def main():
     page = text(facts_list,
                 ["### Beside their floors"], summary_table(rows, pending),
                 ["Every case: [performance-table.md](performance-table.md)."],
-                ["### At the screen"], screen_table(screen))
+                ["### At the screen"], screen_table(screen),
+                [f"Runs of each row: {max((row['rounds'] for row in screen), default=0)}. A change that was "
+                 "missed counts in no percentile."])
     tables = text(facts_list,
                   ["## Beside their floors"], ratio_table(rows),
                   ["## Processor time of all threads"], processor_table(rows),

@@ -5,7 +5,7 @@
 #   install_packages KIND...   installs what is missing of scripts/packages' lines of these kinds
 #   build PRESET ON|OFF        configures and builds build/PRESET, with or without the tests
 #   run_tests PRESET [WORD...] runs the tests of build/PRESET, or those that CTest's words choose
-#   start_virtual_display WxH  starts an X server that ends with the script; sets DISPLAY
+#   start_virtual_display WxH [NUMBER]  starts an X server that ends with the script; sets DISPLAY
 #   "${played_sound[@]}"       in sox's words, what SDL's disk driver writes of the player's sound
 #
 # shellcheck shell=bash
@@ -60,7 +60,7 @@ run_tests() {
 start_virtual_display() {
     local number_file tries
     number_file=$(mktemp)
-    Xvfb -displayfd 3 -screen 0 "$1x24" -nolisten tcp 3>"$number_file" 2>/dev/null &
+    Xvfb ${2:+":$2"} -displayfd 3 -screen 0 "$1x24" -nolisten tcp 3>"$number_file" 2>/dev/null &
     trap 'kill $(jobs -p) 2>/dev/null; wait' EXIT
     for ((tries = 0; tries < 100; ++tries)); do
         if [ -s "$number_file" ]; then
