@@ -234,8 +234,10 @@ std::vector<std::uint8_t> make_repeat_frame(int width, int height) {
     const std::vector<std::uint8_t> partition = encoder.finish();
     const std::uint32_t tag = kFrameTag | static_cast<std::uint32_t>(partition.size())
                                               << kPartitionSizeShift;
+    constexpr std::array kTagShifts = {0, 8, 16};
     std::vector<std::uint8_t> frame;
-    for (const int shift : {0, 8, 16}) {
+    frame.reserve(kTagShifts.size() + partition.size() + kCoefficientBytes);
+    for (const int shift : kTagShifts) {
         frame.push_back(static_cast<std::uint8_t>(tag >> shift));
     }
     frame.insert(frame.end(), partition.begin(), partition.end());
