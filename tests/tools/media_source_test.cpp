@@ -8,7 +8,9 @@ extern "C" {
 
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <numeric>
 
 #include "tests/support/captured_output.h"
@@ -192,6 +194,19 @@ TEST_F(FileSource, AFileWithoutSoundHasNone) {
     ASSERT_TRUE(write_media_file(path, {.sound_frames = 0}));
     ASSERT_TRUE(source_.open_file({.width = 320, .height = 240}, path, false));
     EXPECT_FALSE(source_.has_sound());
+}
+
+// Left to themselves, decoder and filters start one for each processor.
+TEST_F(FileSource, NeitherDecodingNorFilteringStartsAThread) {
+    const auto threads = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+    };
+    const std::string path = folder_.file("threads.mkv");
+    ASSERT_TRUE(write_media_file(path, {}));
+    const auto before = threads();
+    ASSERT_TRUE(source_.open_file({.width = 640, .height = 240}, path, false));
+    ASSERT_TRUE(source_.next_picture());
+    EXPECT_EQ(threads(), before);
 }
 
 TEST_F(FileSource, AnyNameWillDo) {

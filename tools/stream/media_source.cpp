@@ -1,11 +1,13 @@
 #include "tools/stream/media_source.h"
 
 extern "C" {
+#include <libavcodec/packet.h>
 #include <libavdevice/avdevice.h>
 #include <libavfilter/avfilter.h>
 #include <libavfilter/buffersink.h>
 #include <libavformat/avformat.h>
 #include <libavutil/avstring.h>
+#include <libavutil/dict.h>
 #include <libavutil/mem.h>
 }
 
@@ -13,6 +15,8 @@ extern "C" {
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "tools/stream/libav.h"
 
@@ -30,7 +34,7 @@ constexpr int kThreads = 1;
 
 // The screen grabber waits until its next frame is due, unless it is late. At a rate that nobody
 // asks for it is always late, so that it never waits and the picture is as new as can be.
-constexpr int kGrabRate = 1000;  // frames/s
+constexpr const char* kGrabRate = "1000";  // frames/s
 
 // What names an end of a graph's description.
 std::string picture_end() {
@@ -109,6 +113,7 @@ void MediaSource::close() {
     avfilter_graph_free(&graph_);
     pictures_ = nullptr;
     sound_ = nullptr;
+    avformat_close_input(&screen_);
 }
 
 bool MediaSource::open_test_picture(const MediaSettings& settings) {
@@ -140,11 +145,10 @@ bool MediaSource::open_file(const MediaSettings& settings, const std::string& pa
     const bool sound = settings.sound && file.has_sound;
     // The rate filter takes the last picture's time for the end and drops it, unless something
     // follows: a clone, which it then drops instead.
-    std::string graph =
-        "movie=filename=" + escaped(path) + ":dec_threads=" + std::to_string(kThreads) +
-        ":streams=dv" + (sound ? "+da" : "") + "[v]" + (sound ? "[a]" : "") +
-        ";[v]tpad=stop=1:stop_mode=clone,fps=" + std::to_string(settings.frames_per_second) + "," +
-        picture_shape(settings) + picture_end();
+    std::string graph = "movie=filename=" + escaped(path) + ":streams=dv" + (sound ? "+da" : "") +
+                        "[v]" + (sound ? "[a]" : "") + ";[v]tpad=stop=1:stop_mode=clone,fps=" +
+                        std::to_string(settings.frames_per_second) + "," + picture_shape(settings) +
+                        picture_end();
     if (sound) {
         graph += ";[a]" + sound_shape() + sound_end();
     }
@@ -158,15 +162,31 @@ bool MediaSource::open_file(const MediaSettings& settings, const std::string& pa
 }
 
 bool MediaSource::open_screen(const MediaSettings& settings, const std::string& display) {
-    avdevice_register_all();
-    const int result = open_graph("movie=filename=" + escaped(display) + ":format_name=x11grab:" +
-                                  "format_opts=framerate=" + std::to_string(kGrabRate) + "," +
-                                  picture_shape(settings) + picture_end());
+    const int result = open_grabber(settings, display);
     if (result < 0) {
         std::fprintf(stderr, "cannot grab the display \"%s\": %s\n", display.c_str(),
                      libav_error(result).c_str());
     }
     return result >= 0;
+}
+
+// libavfilter's movie source would do all of this, but FFmpeg 4.3's takes no options for a grabber.
+// Negative: libavformat's error; the source is then closed.
+int MediaSource::open_grabber(const MediaSettings& settings, const std::string& display) {
+    close();
+    avdevice_register_all();
+    AVDictionary* options = nullptr;
+    av_dict_set(&options, "framerate", kGrabRate, 0);
+    int result =
+        avformat_open_input(&screen_, display.c_str(), av_find_input_format("x11grab"), &options);
+    av_dict_free(&options);
+    if (result >= 0 && !grabs_.open(*screen_->streams[0]->codecpar, picture_shape(settings))) {
+        result = AVERROR_DECODER_NOT_FOUND;
+    }
+    if (result < 0) {
+        close();
+    }
+    return result;
 }
 
 // Negative: libavfilter's error; the source is then closed.
@@ -201,7 +221,20 @@ int MediaSource::open_graph(const std::string& description) {
     return result;
 }
 
+Picture MediaSource::grab() {
+    AVPacket* packet = av_packet_alloc();
+    std::vector<Picture> pictures;
+    if (packet != nullptr && av_read_frame(screen_, packet) >= 0) {
+        pictures = grabs_.decode(*packet);
+    }
+    av_packet_free(&packet);
+    return pictures.empty() ? nullptr : std::move(pictures.front());
+}
+
 Picture MediaSource::next_picture() {
+    if (screen_ != nullptr) {
+        return grab();
+    }
     Picture picture(av_frame_alloc());
     if (!picture) {
         return nullptr;

@@ -1,5 +1,5 @@
-// The source of pictures and sound: a libavfilter graph that delivers them in the one format that
-// the encoders take, whatever they were before.
+// The source of pictures and sound: libavfilter delivers them in the one format that the encoders
+// take, whatever they were before.
 #pragma once
 
 #include <array>
@@ -7,10 +7,12 @@
 #include <cstdint>
 #include <string>
 
+#include "tools/stream/decoder.h"
 #include "tools/stream/picture.h"
 
 struct AVFilterContext;
 struct AVFilterGraph;
+struct AVFormatContext;
 
 namespace vesper::tools {
 
@@ -63,12 +65,16 @@ class MediaSource {
 
   private:
     [[nodiscard]] int open_graph(const std::string& description);
+    [[nodiscard]] int open_grabber(const MediaSettings& settings, const std::string& display);
+    [[nodiscard]] Picture grab();
     void close();
 
     std::string looped_graph_;  // to reopen at the end; empty: no loop
     AVFilterGraph* graph_ = nullptr;
     AVFilterContext* pictures_ = nullptr;  // sink; owned by the graph
     AVFilterContext* sound_ = nullptr;     // sink, or null; owned by the graph
+    AVFormatContext* screen_ = nullptr;    // the grabber, or null: pictures come from the graph
+    Decoder grabs_;                        // what the grabber delivers
 };
 
 }  // namespace vesper::tools
