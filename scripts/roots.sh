@@ -1,5 +1,6 @@
 # Sourced after setup.sh: small Debians in folders of their own, on a machine with Debian. Needs root.
 #
+#   is_debian                  true on a Debian, but not on what is made from it
 #   debian_release             prints this machine's release by its code name
 #   make_root RELEASE ROOT LOGS [WORD...]
 #                              makes in the folder ROOT the smallest Debian with apt, which fetches as
@@ -9,6 +10,10 @@
 #                              /dev/shm and /dev/pts, which are gone with its last process
 #
 # shellcheck shell=bash
+
+is_debian() {
+    (source /etc/os-release && [ "$ID" = debian ])
+}
 
 debian_release() {
     (source /etc/os-release && echo "$VERSION_CODENAME")

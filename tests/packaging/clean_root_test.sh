@@ -5,9 +5,9 @@
 #   clean_root_test.sh PACKAGES_DIR WORK_DIR
 #
 # Leaves in WORK_DIR what a person would have seen and heard (player.png, in_application.png,
-# player.wav) and what was printed (*.log). Needs root, or sudo without a password, and is skipped
-# (status 77) without either. Fetches Debian's own packages from where this machine's apt gets them.
-# Mounts nothing.
+# player.wav) and what was printed (*.log). Needs a Debian, and root, or sudo without a password; it is
+# skipped (status 77) without them. Fetches Debian's own packages from where this machine's apt gets
+# them. Mounts nothing.
 if [ "$(id -u)" -ne 0 ]; then
     sudo -n true 2>/dev/null || { echo "Only root may install packages."; exit 77; }
     exec sudo -n "$0" "$@"
@@ -17,6 +17,7 @@ source "$(dirname "$0")/perceived.sh"
 source "$(dirname "$0")/../../scripts/setup.sh"
 source scripts/roots.sh
 packages=$1 work=$2
+is_debian || { echo "Only a Debian's apt knows Debian's packages."; exit 77; }
 
 install_in_root() {
     chroot "$root" env DEBIAN_FRONTEND=noninteractive \
