@@ -17,9 +17,12 @@ constexpr int kLastPort = 32767;
 
 constexpr int kMaxTries = 1000;  // far more than a machine with thousands of ports in use needs
 
-// A socket of this type on that port of 127.0.0.1; -1 when somebody else has it.
+// A socket of this type on that port of 127.0.0.1; -1 when somebody else has it, or there is none.
 int bound_socket(int type, std::uint16_t port) {
     const int descriptor = ::socket(AF_INET, type | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) {
+        return -1;
+    }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

@@ -78,7 +78,7 @@ class PolledFile {
         : fd_(fd), owned_(owned), give_up_(give_up) {}
     ~PolledFile() {
         if (context_ != nullptr) {
-            av_freep(&context_->buffer);
+            av_freep(static_cast<void*>(&context_->buffer));
         }
         avio_context_free(&context_);
         if (owned_ && fd_ >= 0) {
@@ -187,9 +187,12 @@ std::string MediaInput::open(const std::string& name) {
     for (unsigned i = 0; i < format_->nb_streams; ++i) {
         known = known && format_->streams[i]->codecpar->codec_id != AV_CODEC_ID_NONE;
     }
-    if (!known && (result = avformat_find_stream_info(format_, nullptr)) < 0) {
-        close();
-        return libav_error(result);
+    if (!known) {
+        result = avformat_find_stream_info(format_, nullptr);
+        if (result < 0) {
+            close();
+            return libav_error(result);
+        }
     }
     const auto best = [this](AVMediaType type) -> const AVStream* {
         const int index = av_find_best_stream(format_, type, -1, -1, nullptr, 0);
