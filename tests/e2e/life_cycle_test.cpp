@@ -25,7 +25,7 @@ TEST_F(LifeCycle, StartUpLinesWithSoundNameTheDevice) {
 
 TEST_F(LifeCycle, TitleNamesTheStreamer) {
     start_player({"--username", "Ann"});
-    EXPECT_EQ(window->title(), "Stream: Ann");
+    EXPECT_TRUE(eventually([this] { return window->title() == "Stream: Ann"; })) << window->title();
 }
 
 TEST_F(LifeCycle, WindowHasTheStreamsSizeInTheMiddleOfTheScreen) {

@@ -344,7 +344,7 @@ std::vector<std::string> command_line_of(pid_t pid) {
 TEST_F(RelayOfTwoSizes, StartsAPlayerForEachWithTheVolumeThatTheViewerChose) {
     RelayingParent parent({"--file", film, "--copy", "--volume", "0.5"}, sound_);
     ASSERT_NO_FATAL_FAILURE(parent.find_window());
-    EXPECT_EQ(parent.window().title(), "Stream: film.mkv");
+    EXPECT_TRUE(eventually([&] { return parent.window().title() == "Stream: film.mkv"; }));
     EXPECT_EQ(parent.window().size(), (Extent{.width = 320, .height = 240}));
     parent.window().press_key("Up");
     ASSERT_TRUE(parent.prints("volume 55 %"));
@@ -352,7 +352,7 @@ TEST_F(RelayOfTwoSizes, StartsAPlayerForEachWithTheVolumeThatTheViewerChose) {
         parent.prints("pictures of 480x360 follow those of 320x240: another player is "
                       "started"));
     ASSERT_NO_FATAL_FAILURE(parent.find_window());
-    EXPECT_EQ(parent.window().title(), "Stream: film.mkv");
+    EXPECT_TRUE(eventually([&] { return parent.window().title() == "Stream: film.mkv"; }));
     EXPECT_THAT(command_line_of(parent.player()),
                 testing::IsSupersetOf({"480", "360", "0.550000"}));
     const auto pictures = pictures_of(file("large.mkv"));

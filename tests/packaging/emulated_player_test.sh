@@ -45,7 +45,14 @@ player_process=$!
     >"$work/parent.log" 2>&1 &
 parent_process=$!
 
-timeout "$patience" xdotool search --sync --onlyvisible --name "^$title\$" >"$work/window.log"
+until xdotool search --onlyvisible --name "^$title\$" >"$work/window.log" 2>&1; do
+    ((SECONDS < patience)) || { echo "no window" && exit 1; }
+    # openbox loses requests to map a window that come before it is ready, and SDL waits for the answer.
+    for window in $(xdotool search --name "^(Video Stream|$title)\$" 2>/dev/null); do
+        xdotool windowmap "$window"
+    done
+    sleep 1
+done
 expect_at_last "picture" "$stripes" colors_of_window
 expect_at_last "sound" "$tone" tone_of "${played_sound[@]}" "$work/sound.raw"
 xdotool key alt+F4
