@@ -410,8 +410,8 @@ def main():
                 ["### Beside their floors"], summary_table(rows, pending),
                 ["Every case: [performance-table.md](performance-table.md)."],
                 ["### At the screen"], screen_table(screen),
-                [f"Runs of each row: {max((row['rounds'] for row in screen), default=0)}. A change that was "
-                 "missed counts in no percentile."])
+                [f"Runs of each row: {max((row['rounds'] for row in screen), default=0)}. "
+                 "A change that was missed counts in no percentile."])
     tables = text(facts_list,
                   ["## Beside their floors"], ratio_table(rows),
                   ["## Processor time of all threads"], processor_table(rows),

@@ -2,11 +2,11 @@
 #
 #   usage                      prints how the script is called, and ends it with status 2
 #   is_number WORD             true for a whole number above 0
-#   install_packages KIND...   installs what is missing of scripts/packages' lines of these kinds
-#   build PRESET ON|OFF        configures and builds build/PRESET, with or without the tests
-#   run_tests PRESET [WORD...] runs the tests of build/PRESET, or those that CTest's words choose
+#   install_packages KIND...            installs what is missing of scripts/packages' lines of these kinds
+#   build PRESET ON|OFF                 configures and builds build/PRESET, with or without the tests
+#   run_tests PRESET [WORD...]          runs the tests of build/PRESET, or those that CTest's words choose
 #   start_virtual_display WxH [NUMBER]  starts an X server that ends with the script; sets DISPLAY
-#   "${played_sound[@]}"       in sox's words, what SDL's disk driver writes of the player's sound
+#   "${played_sound[@]}"                in sox's words, what SDL's disk driver writes of the player's sound
 #
 # shellcheck shell=bash
 set -euo pipefail

@@ -33,7 +33,8 @@ constexpr Yuv kOpeningColor = {.y = 100, .u = 70, .v = 200};
 constexpr int kGreyTolerance = 20;
 
 // At a low bitrate a keyframe can tint the square, and the frames after it leave it so for most of
-// a second: by seven steps of chroma, 21 between two components. The opening's are 80 apart.
+// a second: by seven steps of chroma, 21 between two components. is_opening() asks for more
+// than 80.
 constexpr int kTintTolerance = 40;
 
 // A keyframe every two seconds, as vesper-parent sends.

@@ -29,6 +29,10 @@ colors_of_window() {
     colors_of "$work/screenshot.png" $(stripe_points $width $height)
 }
 
+activated_window() {
+    xdotool windowactivate "$(cat "$work/window.log")" getactivewindow 2>/dev/null
+}
+
 rm -rf "$work"
 mkdir -p "$work"
 start_virtual_display 640x480
@@ -55,6 +59,8 @@ until xdotool search --onlyvisible --name "^$title\$" >"$work/window.log" 2>&1; 
 done
 expect_at_last "picture" "$stripes" colors_of_window
 expect_at_last "sound" "$tone" tone_of "${played_sound[@]}" "$work/sound.raw"
+# openbox gives no focus to a window that was there before it.
+expect_at_last "active window" "$(cat "$work/window.log")" activated_window
 xdotool key alt+F4
 status=0
 wait "$player_process" || status=$?
