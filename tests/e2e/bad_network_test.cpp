@@ -187,6 +187,7 @@ TEST_F(BadStream, SilenceOfTenSecondsChangesNothing) {
 }
 
 TEST_F(BadStream, ParentThatComesBackAndCountsOnIsShown) {
+    keep_bar();
     start_stream();
     (void)send_frame_without_its_end();
     parent.die();

@@ -36,45 +36,48 @@ class Controls : public PlayerTest {
         expect_color(kBarPoint, kPicture);
     }
 
-    // Waits until the bar shows the colour there. The pointer moves meanwhile: the bar goes after
-    // two seconds without, however long looking takes.
-    void expect_in_bar(Point point, Color color) {
-        Point pointer{.x = 200, .y = 100};
-        EXPECT_TRUE(eventually([&] {
-            pointer.x ^= 1;
-            window->move_pointer(pointer);
-            return shows_color(point, color);
-        })) << "at "
-            << point << ": " << window->screenshot().at(point) << ", not " << color;
+    // With a bar that stays.
+    void start_player_with_bar(const std::vector<std::string>& more) {
+        keep_bar();
+        start_player_with_picture(more);
+        window->move_pointer({.x = 200, .y = 100});
+        EXPECT_TRUE(eventually([this] { return bar_is_visible_over(kPicture); }));
     }
 };
 
 TEST_F(Controls, BarComesWithMotionAndGoesAfterTwoSeconds) {
     start_player_with_picture({});
-    const auto moved = std::chrono::steady_clock::now();
-    window->move_pointer({.x = 200, .y = 100});
-    EXPECT_TRUE(eventually([this] { return bar_is_visible_over(kPicture); }));
+    // Moves until the bar is seen: whoever looks later than two seconds after a motion sees none.
+    Point pointer{.x = 200, .y = 100};
+    std::chrono::steady_clock::time_point moved;
+    EXPECT_TRUE(eventually([&] {
+        pointer.x ^= 1;
+        moved = std::chrono::steady_clock::now();
+        window->move_pointer(pointer);
+        return bar_is_visible_over(kPicture);
+    }));
     EXPECT_TRUE(eventually([this] { return !bar_is_visible_over(kPicture); }));
     EXPECT_GT(std::chrono::steady_clock::now() - moved, std::chrono::milliseconds(2000));
     expect_color(kBarPoint, kPicture);
 }
 
 TEST_F(Controls, BarShowsVolumeAndMute) {
-    start_player_with_picture({"--has-audio", "--audio-volume", "0.5"});
+    start_player_with_bar({"--has-audio", "--audio-volume", "0.5"});
     constexpr Color kLevel{.red = 100, .green = 180, .blue = 255};
     constexpr Color kTrack{.red = 80, .green = 80, .blue = 80};
     constexpr Color kWhite{.red = 255, .green = 255, .blue = 255};
     constexpr Color kMuted{.red = 200, .green = 60, .blue = 60};
-    expect_in_bar({.x = 15, .y = kBarY - 4}, kWhite);  // speaker
-    expect_in_bar(slider_at(0.25), kLevel);
-    expect_in_bar(slider_at(0.5), kWhite);  // knob
-    expect_in_bar(slider_at(0.75), kTrack);
+    expect_color({.x = 15, .y = kBarY - 4}, kWhite);  // speaker
+    expect_color(slider_at(0.25), kLevel);
+    expect_color(slider_at(0.5), kWhite);  // knob
+    expect_color(slider_at(0.75), kTrack);
     window->press_key("m");
-    expect_in_bar({.x = 15, .y = kBarY - 4}, kMuted);
-    expect_in_bar(slider_at(0.25), kTrack);
+    expect_color({.x = 15, .y = kBarY - 4}, kMuted);
+    expect_color(slider_at(0.25), kTrack);
 }
 
 TEST_F(Controls, KeyMFlipsMuteAndKeepsTheVolume) {
+    keep_bar();
     start_player_with_picture({"--has-audio", "--audio-volume", "0.5"});
     window->press_key("m");
     EXPECT_EQ(parent.next_message(),
@@ -106,7 +109,7 @@ TEST_F(Controls, StartUpAudioStateIsNotSent) {
 }
 
 TEST_F(Controls, ClickOnTheSpeakerFlipsMute) {
-    start_player_with_picture({"--has-audio"});
+    start_player_with_bar({"--has-audio"});
     window->click(kMuteButton);
     EXPECT_EQ(parent.next_message(), audio_state(true, 1.0F));
     window->click({.x = 43, .y = kPictureSize.height - 36});  // the button's last pixel
@@ -114,7 +117,7 @@ TEST_F(Controls, ClickOnTheSpeakerFlipsMute) {
 }
 
 TEST_F(Controls, ClickOnTheSliderSetsTheVolume) {
-    start_player_with_picture({"--has-audio"});
+    start_player_with_bar({"--has-audio"});
     window->click(slider_at(0.5));
     EXPECT_EQ(parent.next_message(), audio_state(false, 0.5F));
     window->click(slider_at(0.0));
@@ -124,7 +127,7 @@ TEST_F(Controls, ClickOnTheSliderSetsTheVolume) {
 }
 
 TEST_F(Controls, ClicksBesideTheButtonsDoNothing) {
-    start_player_with_picture({"--has-audio"});
+    start_player_with_bar({"--has-audio"});
     window->click({.x = 46, .y = kBarY});                     // between speaker and slider
     window->click({.x = 354, .y = kBarY});                    // right of the slider
     window->click({.x = 20, .y = kPictureSize.height - 37});  // just above the bar
@@ -133,7 +136,7 @@ TEST_F(Controls, ClicksBesideTheButtonsDoNothing) {
 }
 
 TEST_F(Controls, DragReportsEveryMotionUntilTheButtonIsReleased) {
-    start_player_with_picture({"--has-audio"});
+    start_player_with_bar({"--has-audio"});
     window->press_button(slider_at(0.5), 1);
     EXPECT_EQ(parent.next_message(), audio_state(false, 0.5F));
     window->move_pointer(slider_at(0.75));
@@ -149,10 +152,10 @@ TEST_F(Controls, DragReportsEveryMotionUntilTheButtonIsReleased) {
 }
 
 TEST_F(Controls, BarStaysWhileTheSliderIsHeld) {
-    start_player_with_picture({"--has-audio"});
+    start_player_with_bar({"--has-audio"});
     window->press_button(slider_at(0.5), 1);
     EXPECT_EQ(parent.next_message(), audio_state(false, 0.5F));
-    EXPECT_TRUE(eventually([this] { return bar_is_visible_over(kPicture); }));
+    let_bar_go();
     // Nothing signals that nothing happens: watch for longer than the bar would otherwise stay.
     EXPECT_FALSE(eventually([this] { return !bar_is_visible_over(kPicture); },
                             std::chrono::milliseconds(2500)));
@@ -161,16 +164,15 @@ TEST_F(Controls, BarStaysWhileTheSliderIsHeld) {
 }
 
 TEST_F(Controls, WithoutSoundTheBarIsDrawnAndItsControlsAreSilent) {
-    start_player_with_picture({});
+    start_player_with_bar({});
     window->click(kMuteButton);
-    EXPECT_TRUE(eventually([this] { return bar_is_visible_over(kPicture); }));
     constexpr Color kLevel{.red = 100, .green = 180, .blue = 255};
-    expect_in_bar(slider_at(0.25), kLevel);
+    expect_color(slider_at(0.25), kLevel);
     window->click(slider_at(0.1));
     window->press_key("m");
     window->press_key("Down");
     window->press_key("Up");
-    expect_in_bar(slider_at(0.25), kLevel);  // still full volume
+    expect_color(slider_at(0.25), kLevel);  // still full volume
     expect_clean_end();
     EXPECT_TRUE(parent.has_no_message());
 }

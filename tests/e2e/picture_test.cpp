@@ -141,6 +141,7 @@ TEST_F(Picture, FirstFrameMakesOneKeyframeRequest) {
 }
 
 TEST_F(Picture, WithoutAParentPortNothingIsSent) {
+    keep_bar();
     start_player({"--parent-port", "0", "--has-audio"});
     show_picture(flat_picture(kRed));
     failure_text = "[VideoReceiver] VP8 receive_frame error: -11\n";

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <concepts>
+#include <csignal>
 #include <cstdlib>
 #include <stdexcept>
 
@@ -140,6 +141,14 @@ void PlayerTest::expect_color(Point point, Color color) {
 
 bool PlayerTest::bar_is_visible_over(Color picture) const {
     return shows_color(kBarPoint, beneath_bar(picture));
+}
+
+void PlayerTest::keep_bar() {
+    preload(environment, VESPER_KEEP_BAR);
+}
+
+void PlayerTest::let_bar_go() {
+    player->send_signal(SIGUSR1);
 }
 
 std::string PlayerTest::start_up_text() const {

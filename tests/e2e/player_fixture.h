@@ -77,6 +77,12 @@ class PlayerTest : public testing::Test {
     static constexpr Point kBarPoint{.x = 354, .y = 210};
     [[nodiscard]] bool bar_is_visible_over(Color picture) const;
 
+    // For a player that is started afterwards: the bar stays once it has come, so that no click is
+    // lost, and the bar is seen, however slow the player and the test are.
+    void keep_bar();
+    // Makes the bar's two seconds count again, and those since the player started.
+    void let_bar_go();
+
     // Texts, each a list of whole lines.
     [[nodiscard]] std::string start_up_text() const;
     [[nodiscard]] static std::string shut_down_text();

@@ -146,6 +146,7 @@ TEST_F(Sound, MutedStartIsSilentUntilUnmutedAndKeepsTheVolume) {
 }
 
 TEST_F(Sound, LevelFollowsTheControls) {
+    keep_bar();
     start_player_with_sound();
     SoundBlocks expected;
     const auto play_at = [&](float volume) {
