@@ -1,7 +1,7 @@
 # Sourced by the other scripts: goes to the top of the tree and offers
 #
-#   usage                      prints how the script is called, and ends it with status 2
-#   is_number WORD             true for a whole number above 0
+#   usage                               prints how the script is called, and ends it with status 2
+#   is_number WORD                      true for a whole number above 0
 #   install_packages KIND...            installs what is missing of scripts/packages' lines of these kinds
 #   build PRESET ON|OFF                 configures and builds build/PRESET, with or without the tests
 #   run_tests PRESET [WORD...]          runs the tests of build/PRESET, or those that CTest's words choose

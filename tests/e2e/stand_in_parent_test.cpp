@@ -6,6 +6,7 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/e2e/player_fixture.h"
@@ -178,6 +179,30 @@ TEST(StandInParentTest, ShowsAScreen) {
     EXPECT_TRUE(parent.shows({(corner.x + 120) / 2, (corner.y + 230) / 2}, kGreen));
     EXPECT_TRUE(parent.shows({(corner.x + 280) / 2, (corner.y + 230) / 2}, kBlue));
     EXPECT_TRUE(parent.shows({2, 100}, {}));
+}
+
+// In a picture two columns wide, less than one pair of rows is left of this screen.
+TEST(StandInParentTest, AScreenThatDoesNotFitIsRefused) {
+    const VirtualDisplay display({.width = 1280, .height = 800});
+    ChildProcess parent({VESPER_PARENT, "--size", "2x320", "--screen", display.name()},
+                        player_environment(display));
+    EXPECT_EQ(parent.wait_for_end(), (Ending{.status = 2, .signal = 0}));
+    EXPECT_EQ(parent.out(), "");
+    EXPECT_EQ(parent.err(),
+              "cannot grab the display \"" + display.name() + "\": Invalid argument\n");
+}
+
+TEST(StandInParentTest, AScreenThatGoesAwayEndsTheStreamWithALine) {
+    std::optional<VirtualDisplay> shown(std::in_place);
+    const std::string name = shown->name();
+    StandInParent parent({"--size", "480x240", "--screen", name});
+    EXPECT_TRUE(parent.prints("(Screen " + name + ", 480x240, audio=no)\n"));
+    shown.reset();
+    EXPECT_EQ(parent.process().wait_for_end(), (Ending{.status = 0, .signal = 0}));
+    EXPECT_NE(
+        parent.process().err().find("the display \"" + name + "\" can no longer be grabbed: "),
+        std::string::npos)
+        << parent.process().err();
 }
 
 TEST(StandInParentTest, EndsWithStatusZeroWhenTheWindowIsClosed) {

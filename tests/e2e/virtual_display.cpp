@@ -76,10 +76,10 @@ std::ostream& operator<<(std::ostream& stream, const Extent& extent) {
     return stream << extent.width << 'x' << extent.height;
 }
 
-VirtualDisplay::VirtualDisplay() {
+VirtualDisplay::VirtualDisplay(Extent size) {
     XSetErrorHandler(ignore_x_error);
     const std::string screen =
-        std::to_string(kSize.width) + "x" + std::to_string(kSize.height) + "x24";
+        std::to_string(size.width) + "x" + std::to_string(size.height) + "x24";
     // The server writes the number it chose to standard output once it takes clients.
     server_.emplace(std::vector<std::string>{"Xvfb", "-displayfd", "1", "-screen", "0", screen,
                                              "-nolisten", "tcp", "-noreset"});
@@ -110,13 +110,21 @@ void VirtualDisplay::run_window_manager() {
     window_manager_.emplace(std::vector<std::string>{"openbox"},
                             ChildProcess::Environment{{"DISPLAY", name_}});
     // Without a window manager every window becomes visible.
-    bool maps_windows = eventually([this] { return managed_windows(connection_).has_value(); });
-    if (maps_windows) {
+    if (!eventually([this] { return managed_windows(connection_).has_value(); })) {
+        throw std::runtime_error("openbox did not start: " + window_manager_->err());
+    }
+    wait_for_window_manager();
+}
+
+void VirtualDisplay::wait_for_window_manager() {
+    const auto before = managed_windows(connection_);
+    bool maps_windows = false;
+    {
         TrialWindow trial(connection_);
         maps_windows = eventually([&] { return trial.becomes_visible(); });
     }
-    if (!maps_windows || !eventually([this] { return managed_windows(connection_) == 0; })) {
-        throw std::runtime_error("openbox did not start: " + window_manager_->err());
+    if (!maps_windows || !eventually([&] { return managed_windows(connection_) == before; })) {
+        throw std::runtime_error("openbox maps no window: " + window_manager_->err());
     }
 }
 

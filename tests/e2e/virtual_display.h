@@ -34,13 +34,17 @@ class VirtualDisplay {
 
     // Starts the server on a display number that nobody uses, with the pointer parked in the top
     // left corner, where it touches no window. Throws std::runtime_error when it does not come up.
-    VirtualDisplay();
+    explicit VirtualDisplay(Extent size = kSize);
     ~VirtualDisplay();
     VirtualDisplay(const VirtualDisplay&) = delete;
     VirtualDisplay& operator=(const VirtualDisplay&) = delete;
 
     // Runs a window manager, which fullscreen needs. Throws when it does not take over.
     void run_window_manager();
+
+    // Returns when the window manager, which runs, has done what programs have asked of it so far:
+    // it takes their requests in order. Throws when it does not.
+    void wait_for_window_manager();
 
     // ":N", for DISPLAY.
     [[nodiscard]] const std::string& name() const { return name_; }

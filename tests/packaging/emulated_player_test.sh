@@ -61,6 +61,7 @@ expect_at_last "picture" "$stripes" colors_of_window
 expect_at_last "sound" "$tone" tone_of "${played_sound[@]}" "$work/sound.raw"
 # openbox gives no focus to a window that was there before it.
 expect_at_last "active window" "$(cat "$work/window.log")" activated_window
+((expectations_failed == 0)) || exit 1  # nobody would close the window
 xdotool key alt+F4
 status=0
 wait "$player_process" || status=$?

@@ -71,11 +71,16 @@ std::string source_options(const AVFrame& frame) {
 }  // namespace
 
 Decoder::~Decoder() {
+    close();
+}
+
+void Decoder::close() {
     close_graph();
     avcodec_free_context(&context_);
 }
 
 bool Decoder::open(const AVCodecParameters& parameters, std::string shape) {
+    close();
     shape_ = std::move(shape);
     const AVCodec* codec = avcodec_find_decoder(parameters.codec_id);
     if (codec == nullptr) {

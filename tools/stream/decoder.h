@@ -23,7 +23,7 @@ class Decoder {
     Decoder& operator=(const Decoder&) = delete;
 
     // For a stream of `parameters`, video or sound; `shape` describes a chain of filters, one end
-    // in and one out. False when libavcodec has no decoder for it.
+    // in and one out. False when libavcodec has no decoder for it. An open decoder is closed first.
     [[nodiscard]] bool open(const AVCodecParameters& parameters, std::string shape);
 
     // Decodes `packet`, stamped in microseconds, and returns what is ready: pictures, or blocks of
@@ -38,6 +38,7 @@ class Decoder {
     [[nodiscard]] bool fits_graph(const AVFrame& frame) const;
     [[nodiscard]] bool open_graph(const AVFrame& frame);
     void close_graph();
+    void close();
 
     std::string shape_;
     AVCodecContext* context_ = nullptr;

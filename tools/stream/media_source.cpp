@@ -175,13 +175,21 @@ bool MediaSource::open_screen(const MediaSettings& settings, const std::string& 
 int MediaSource::open_grabber(const MediaSettings& settings, const std::string& display) {
     close();
     avdevice_register_all();
+    const auto* const grabber = av_find_input_format("x11grab");
+    if (grabber == nullptr) {  // libavformat would take the display's name for a file's
+        return AVERROR_DEMUXER_NOT_FOUND;
+    }
     AVDictionary* options = nullptr;
     av_dict_set(&options, "framerate", kGrabRate, 0);
-    int result =
-        avformat_open_input(&screen_, display.c_str(), av_find_input_format("x11grab"), &options);
+    int result = avformat_open_input(&screen_, display.c_str(), grabber, &options);
     av_dict_free(&options);
     if (result >= 0 && !grabs_.open(*screen_->streams[0]->codecpar, picture_shape(settings))) {
         result = AVERROR_DECODER_NOT_FOUND;
+    }
+    // Whether there can be pictures of the settings' size shows with the first.
+    if (result >= 0) {
+        Picture first;
+        result = grab(first);
     }
     if (result < 0) {
         close();
@@ -221,22 +229,34 @@ int MediaSource::open_graph(const std::string& description) {
     return result;
 }
 
-Picture MediaSource::grab() {
+// Negative: an error of libav's; `picture` is then as it was.
+int MediaSource::grab(Picture& picture) {
     AVPacket* packet = av_packet_alloc();
-    std::vector<Picture> pictures;
-    if (packet != nullptr && av_read_frame(screen_, packet) >= 0) {
-        pictures = grabs_.decode(*packet);
+    int result = packet != nullptr ? av_read_frame(screen_, packet) : AVERROR(ENOMEM);
+    if (result >= 0) {
+        std::vector<Picture> pictures = grabs_.decode(*packet);
+        if (pictures.empty()) {
+            result = AVERROR(EINVAL);
+        } else {
+            picture = std::move(pictures.front());
+        }
     }
     av_packet_free(&packet);
-    return pictures.empty() ? nullptr : std::move(pictures.front());
+    return result;
 }
 
 Picture MediaSource::next_picture() {
+    Picture picture;
     if (screen_ != nullptr) {
-        return grab();
+        if (const int result = grab(picture); result < 0) {
+            std::fprintf(stderr, "the display \"%s\" can no longer be grabbed: %s\n", screen_->url,
+                         libav_error(result).c_str());
+            close();
+        }
+        return picture;
     }
-    Picture picture(av_frame_alloc());
-    if (!picture) {
+    picture.reset(av_frame_alloc());
+    if (pictures_ == nullptr || !picture) {
         return nullptr;
     }
     int result = av_buffersink_get_frame(pictures_, picture.get());

@@ -50,11 +50,11 @@ class MediaSource {
     [[nodiscard]] bool open_file(const MediaSettings& settings, const std::string& path, bool loop);
 
     // The contents of the X display `display` (":0"), silent. Each picture is captured when it is
-    // requested. It never ends.
+    // requested. It ends, with a line, when the display does or changes its size.
     [[nodiscard]] bool open_screen(const MediaSettings& settings, const std::string& display);
 
     // The next picture: YUV 4:2:0 of the settings' size, settings' frames to a second of media.
-    // Null at the end.
+    // Null at the end and from then on.
     [[nodiscard]] Picture next_picture();
 
     // Fills `sound` with the next 20 ms; silence once the source's sound has ended. False where
@@ -66,7 +66,7 @@ class MediaSource {
   private:
     [[nodiscard]] int open_graph(const std::string& description);
     [[nodiscard]] int open_grabber(const MediaSettings& settings, const std::string& display);
-    [[nodiscard]] Picture grab();
+    [[nodiscard]] int grab(Picture& picture);
     void close();
 
     std::string looped_graph_;  // to reopen at the end; empty: no loop
