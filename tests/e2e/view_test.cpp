@@ -112,7 +112,7 @@ TEST_F(View, KeyRResetsTheZoom) {
 }
 
 // Fullscreen is the window manager's work.
-class Fullscreen : public View {
+class FullscreenWindow : public View {
   protected:
     void SetUp() override {
         display.run_window_manager();
@@ -161,21 +161,21 @@ class Fullscreen : public View {
     Point saved_position_;
 };
 
-TEST_F(Fullscreen, KeyFGoesThereAndBack) {
+TEST_F(FullscreenWindow, KeyFGoesThereAndBack) {
     window->press_key("f");
     expect_fullscreen();
     window->press_key("f");
     expect_window();
 }
 
-TEST_F(Fullscreen, KeyF11GoesThereAndEscapeComesBack) {
+TEST_F(FullscreenWindow, KeyF11GoesThereAndEscapeComesBack) {
     window->press_key("F11");
     expect_fullscreen();
     window->press_key("Escape");
     expect_window();
 }
 
-TEST_F(Fullscreen, EscapeInAWindowDoesNothing) {
+TEST_F(FullscreenWindow, EscapeInAWindowDoesNothing) {
     window->press_key("Escape");
     window->press_key("F11");
     expect_fullscreen();
@@ -183,14 +183,14 @@ TEST_F(Fullscreen, EscapeInAWindowDoesNothing) {
     expect_window();
 }
 
-TEST_F(Fullscreen, DoubleClickOnThePictureGoesThereAndBack) {
+TEST_F(FullscreenWindow, DoubleClickOnThePictureGoesThereAndBack) {
     window->double_click({.x = 100, .y = 100});
     expect_fullscreen();
     window->double_click({.x = 500, .y = 100});
     expect_window();
 }
 
-TEST_F(Fullscreen, ButtonOfTheBarWorksWithoutSound) {
+TEST_F(FullscreenWindow, ButtonOfTheBarWorksWithoutSound) {
     window->click({.x = kPictureSize.width - 24, .y = kPictureSize.height - 18});
     expect_fullscreen();
     window->click({.x = VirtualDisplay::kSize.width - 24, .y = VirtualDisplay::kSize.height - 18});
