@@ -58,11 +58,14 @@ run_tests() {
 }
 
 start_virtual_display() {
-    local number_file tries
+    local number_file server tries
     number_file=$(mktemp)
     Xvfb ${2:+":$2"} -displayfd 3 -screen 0 "$1x24" -nolisten tcp 3>"$number_file" 2>/dev/null &
+    server=$!
     trap 'kill $(jobs -p) 2>/dev/null; wait' EXIT
-    for ((tries = 0; tries < 100; ++tries)); do
+    # Five minutes, for a machine so busy that ten seconds were not enough.
+    for ((tries = 0; tries < 3000; ++tries)); do
+        kill -0 "$server" 2>/dev/null || break
         if [ -s "$number_file" ]; then
             DISPLAY=:$(cat "$number_file")
             export DISPLAY

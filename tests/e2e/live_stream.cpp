@@ -25,10 +25,9 @@ LiveStream::LiveStream(Parent& parent, std::uint16_t player_port, NextFrame next
     : parent_(parent), player_port_(player_port), next_frame_(std::move(next_frame)) {}
 
 bool LiveStream::run(std::chrono::milliseconds time, const Network& network) {
-    const Clock::time_point end = Clock::now() + time;
     Clock::time_point frame_due = Clock::now();
     Clock::time_point packet_due = frame_due;
-    while (Clock::now() < end) {
+    for (std::chrono::nanoseconds left = time; left.count() > 0;) {
         std::this_thread::sleep_until(std::min(frame_due, packet_due));
         take_messages();
         if (Clock::now() - std::min(frame_due, packet_due) > kHopelesslyLate) {
@@ -39,7 +38,12 @@ bool LiveStream::run(std::chrono::milliseconds time, const Network& network) {
         if (!(sound_first ? send_sound(network) : send_frame(network))) {
             return false;
         }
-        sound_first ? packet_due += kPacketInterval : frame_due += kFrameInterval;
+        if (sound_first) {
+            packet_due += kPacketInterval;
+        } else {
+            frame_due += kFrameInterval;
+            left -= kFrameInterval;
+        }
     }
     take_messages();
     return true;

@@ -35,10 +35,10 @@ class LiveStream {
     // object. Sound is sent, too.
     LiveStream(Parent& parent, std::uint16_t player_port, NextFrame next_frame);
 
-    // Streams for `time` over `network`. Each frame and packet leaves when it is due and the player
-    // has taken what came before: a slow machine slows the stream down instead of losing more than
-    // the network does, so the same seed loses the same. False when the player stops taking
-    // datagrams.
+    // Streams as many frames as `time` has, and their sound, over `network`. Each frame and packet
+    // leaves when it is due and the player has taken what came before: a slow machine takes longer
+    // instead of losing more than the network does, so the same seed loses the same. False when the
+    // player stops taking datagrams.
     [[nodiscard]] bool run(std::chrono::milliseconds time, const Network& network);
 
     // Counts the keyframe requests that have come since.
