@@ -60,7 +60,8 @@ run_tests() {
 start_virtual_display() {
     local number_file server tries
     number_file=$(mktemp)
-    Xvfb ${2:+":$2"} -displayfd 3 -screen 0 "$1x24" -nolisten tcp 3>"$number_file" 2>/dev/null &
+    # Without -noreset the server begins anew when its last client leaves, and drops who connects then.
+    Xvfb ${2:+":$2"} -displayfd 3 -screen 0 "$1x24" -nolisten tcp -noreset 3>"$number_file" 2>/dev/null &
     server=$!
     trap 'kill $(jobs -p) 2>/dev/null; wait' EXIT
     # Five minutes, for a machine so busy that ten seconds were not enough.

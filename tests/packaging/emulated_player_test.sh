@@ -29,8 +29,8 @@ colors_of_window() {
     colors_of "$work/screenshot.png" $(stripe_points $width $height)
 }
 
-activated_window() {
-    xdotool windowactivate "$(cat "$work/window.log")" getactivewindow 2>/dev/null
+managed_window() {
+    wmctrl -l | grep -o "$title"
 }
 
 rm -rf "$work"
@@ -59,10 +59,11 @@ until xdotool search --onlyvisible --name "^$title\$" >"$work/window.log" 2>&1; 
 done
 expect_at_last "picture" "$stripes" colors_of_window
 expect_at_last "sound" "$tone" tone_of "${played_sound[@]}" "$work/sound.raw"
-# openbox gives no focus to a window that was there before it.
-expect_at_last "active window" "$(cat "$work/window.log")" activated_window
+# Closed as by a taskbar. A key needs a window with the focus, which openbox gives to none that was there
+# before it, and is lost while openbox grabs its keys anew, as it does when xdotool's keyboard appears.
+expect_at_last "window that openbox has" "$title" managed_window
 ((expectations_failed == 0)) || exit 1  # nobody would close the window
-xdotool key alt+F4
+wmctrl -F -c "$title"
 status=0
 wait "$player_process" || status=$?
 expect_equal "status of the player" 0 "$status"
