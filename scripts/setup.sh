@@ -60,7 +60,7 @@ run_tests() {
 start_virtual_display() {
     local number_file server tries
     number_file=$(mktemp)
-    # Without -noreset the server begins anew when its last client leaves, and drops who connects then.
+    # Without -noreset the server begins anew when its last client leaves, and drops others.
     Xvfb ${2:+":$2"} -displayfd 3 -screen 0 "$1x24" -nolisten tcp -noreset 3>"$number_file" 2>/dev/null &
     server=$!
     trap 'kill $(jobs -p) 2>/dev/null; wait' EXIT
@@ -75,6 +75,7 @@ start_virtual_display() {
         fi
         sleep 0.1
     done
+    rm -f "$number_file"
     echo "Xvfb did not start" >&2
     exit 1
 }

@@ -27,11 +27,13 @@ LiveStream::LiveStream(Parent& parent, std::uint16_t player_port, NextFrame next
 bool LiveStream::run(std::chrono::milliseconds time, const Network& network) {
     Clock::time_point frame_due = Clock::now();
     Clock::time_point packet_due = frame_due;
-    for (std::chrono::nanoseconds left = time; left.count() > 0;) {
+    for (auto frames = time / kFrameInterval; frames > 0;) {
         std::this_thread::sleep_until(std::min(frame_due, packet_due));
         take_messages();
-        if (Clock::now() - std::min(frame_due, packet_due) > kHopelesslyLate) {
-            frame_due = packet_due = Clock::now();
+        if (const auto late = Clock::now() - std::min(frame_due, packet_due);
+            late > kHopelesslyLate) {
+            frame_due += late;
+            packet_due += late;
             ++counters_.late;
         }
         const bool sound_first = packet_due < frame_due;
@@ -42,7 +44,7 @@ bool LiveStream::run(std::chrono::milliseconds time, const Network& network) {
             packet_due += kPacketInterval;
         } else {
             frame_due += kFrameInterval;
-            left -= kFrameInterval;
+            --frames;
         }
     }
     take_messages();

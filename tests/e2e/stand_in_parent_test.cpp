@@ -181,9 +181,9 @@ TEST(StandInParentTest, ShowsAScreen) {
     EXPECT_TRUE(parent.shows({2, 100}, {}));
 }
 
-// In a picture two columns wide, less than one pair of rows is left of this screen.
+// In a picture two columns wide, less than one row is left of this screen.
 TEST(StandInParentTest, AScreenThatDoesNotFitIsRefused) {
-    const VirtualDisplay display({.width = 1280, .height = 800});
+    const VirtualDisplay display({.width = 2000, .height = 100});
     ChildProcess parent({VESPER_PARENT, "--size", "2x320", "--screen", display.name()},
                         player_environment(display));
     EXPECT_EQ(parent.wait_for_end(), (Ending{.status = 2, .signal = 0}));

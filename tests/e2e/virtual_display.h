@@ -42,8 +42,9 @@ class VirtualDisplay {
     // Runs a window manager, which fullscreen needs. Throws when it does not take over.
     void run_window_manager();
 
-    // Returns when the window manager, which runs, has done what programs have asked of it so far:
-    // it takes their requests in order. Throws when it does not.
+    // Returns once the running window manager has done what programs have asked of it so far: it
+    // takes requests in order. A window that comes and goes for that may take the focus. Throws
+    // when it does not.
     void wait_for_window_manager();
 
     // ":N", for DISPLAY.

@@ -59,8 +59,8 @@ until xdotool search --onlyvisible --name "^$title\$" >"$work/window.log" 2>&1; 
 done
 expect_at_last "picture" "$stripes" colors_of_window
 expect_at_last "sound" "$tone" tone_of "${played_sound[@]}" "$work/sound.raw"
-# Closed as by a taskbar. A key needs a window with the focus, which openbox gives to none that was there
-# before it, and is lost while openbox grabs its keys anew, as it does when xdotool's keyboard appears.
+# Closed as by a taskbar. A key needs a focused window, and openbox focuses none that was there before it
+# started; a key is also lost while openbox grabs its keys anew, when xdotool's keyboard appears.
 expect_at_last "window that openbox has" "$title" managed_window
 ((expectations_failed == 0)) || exit 1  # nobody would close the window
 wmctrl -F -c "$title"

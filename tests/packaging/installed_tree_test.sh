@@ -47,6 +47,8 @@ mkdir "$work/moved"
 mv "$work/staged/usr" "$work/moved/vesper"
 prefix=$work/moved/vesper
 examples=$prefix/share/doc/vesper/examples
+expect_equal "lines of a file that does" 2 \
+    "$(printf -- '-I%s/include\nprefix=%s\n/usr%s\n' "$tree" "$tree" "$tree" | grep -cP "$path_of_tree")"
 expect_equal "files that name the build tree" "" \
     "$(grep -rlP --exclude-dir=bin --exclude='*.a' "$path_of_tree" "$prefix" || true)"
 

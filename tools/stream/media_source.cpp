@@ -175,18 +175,20 @@ bool MediaSource::open_screen(const MediaSettings& settings, const std::string& 
 int MediaSource::open_grabber(const MediaSettings& settings, const std::string& display) {
     close();
     avdevice_register_all();
-    const auto* const grabber = av_find_input_format("x11grab");
-    if (grabber == nullptr) {  // libavformat would take the display's name for a file's
+    constexpr const char* kGrabber = "x11grab";
+    // Without one, libavformat would take the display's name for a file's.
+    if (av_find_input_format(kGrabber) == nullptr) {
         return AVERROR_DEMUXER_NOT_FOUND;
     }
     AVDictionary* options = nullptr;
     av_dict_set(&options, "framerate", kGrabRate, 0);
-    int result = avformat_open_input(&screen_, display.c_str(), grabber, &options);
+    int result =
+        avformat_open_input(&screen_, display.c_str(), av_find_input_format(kGrabber), &options);
     av_dict_free(&options);
     if (result >= 0 && !grabs_.open(*screen_->streams[0]->codecpar, picture_shape(settings))) {
         result = AVERROR_DECODER_NOT_FOUND;
     }
-    // Whether there can be pictures of the settings' size shows with the first.
+    // Only the first picture shows whether there can be any of the settings' size.
     if (result >= 0) {
         Picture first;
         result = grab(first);
