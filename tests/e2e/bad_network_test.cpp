@@ -129,8 +129,8 @@ INSTANTIATE_TEST_SUITE_P(Networks, BadNetwork, testing::ValuesIn(kNetworks),
 
 class BadStream : public LiveStreamTest {
   protected:
-    // Of a frame of several datagrams; returns how many there are. A player that stood still
-    // between two of them would find the frame too old at the second.
+    // Sends only the first of a frame's several datagrams; returns how many there are. A player
+    // that stood still between two of them would find the frame too old at the second.
     int send_first_fragment_of_a_frame() {
         std::vector<Datagram> datagrams = video.frame(random_picture(random), true);
         const int fragments = static_cast<int>(datagrams.size());

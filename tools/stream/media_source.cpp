@@ -36,6 +36,9 @@ constexpr int kThreads = 1;
 // asks for it is always late, so that it never waits and the picture is as new as can be.
 constexpr const char* kGrabRate = "1000";  // frames/s
 
+// libavdevice's name of the grabber.
+constexpr const char* kGrabber = "x11grab";
+
 // What names an end of a graph's description.
 std::string picture_end() {
     return "[" + std::string(kPictureEnd) + "]";
@@ -175,8 +178,8 @@ bool MediaSource::open_screen(const MediaSettings& settings, const std::string& 
 int MediaSource::open_grabber(const MediaSettings& settings, const std::string& display) {
     close();
     avdevice_register_all();
-    constexpr const char* kGrabber = "x11grab";
-    // Without one, libavformat would take the display's name for a file's.
+    // Without a grabber, libavformat would take the display's name for a file's. No variable holds
+    // it: FFmpeg 4.4 has a type for it that is not const, later releases one that is.
     if (av_find_input_format(kGrabber) == nullptr) {
         return AVERROR_DEMUXER_NOT_FOUND;
     }
