@@ -173,6 +173,17 @@ TEST_F(FileSource, ALoopBeginsAgainWithPicturesAndSound) {
     EXPECT_EQ(sound.at(0), MediaFile().sound_level);
 }
 
+TEST_F(FileSource, ALoopThatCannotBeginAgainEndsWithALine) {
+    const std::string path = folder_.file("removed.mkv");
+    ASSERT_TRUE(write_media_file(path, {.frames = 5}));
+    ASSERT_TRUE(
+        source_.open_file({.width = 320, .height = 240, .frames_per_second = 25}, path, true));
+    ASSERT_TRUE(std::filesystem::remove(path));
+    EXPECT_EQ(
+        printed_by([&] { EXPECT_EQ(pictures_until_the_end(source_, 1000), 5); }),
+        (Printed{.out = "", .err = "cannot play " + path + " again: No such file or directory\n"}));
+}
+
 TEST_F(FileSource, SoundIsTheFilesOwnThenSilence) {
     const std::string path = folder_.file("sound.mkv");
     ASSERT_TRUE(write_media_file(path, {.frames = 25, .sound_frames = 2}));

@@ -160,6 +160,7 @@ bool MediaSource::open_file(const MediaSettings& settings, const std::string& pa
         std::fprintf(stderr, "cannot play %s: %s\n", path.c_str(), libav_error(result).c_str());
         return false;
     }
+    file_ = path;
     looped_graph_ = loop ? graph : "";
     return true;
 }
@@ -269,6 +270,9 @@ Picture MediaSource::next_picture() {
         result = open_graph(looped_graph_);
         if (result >= 0) {
             result = av_buffersink_get_frame(pictures_, picture.get());
+        } else {
+            std::fprintf(stderr, "cannot play %s again: %s\n", file_.c_str(),
+                         libav_error(result).c_str());
         }
     }
     return result >= 0 ? std::move(picture) : nullptr;

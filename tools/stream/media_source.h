@@ -69,6 +69,7 @@ class MediaSource {
     [[nodiscard]] int grab(Picture& picture);
     void close();
 
+    std::string file_;
     std::string looped_graph_;  // to reopen at the end; empty: no loop
     AVFilterGraph* graph_ = nullptr;
     AVFilterContext* pictures_ = nullptr;  // sink; owned by the graph
