@@ -173,15 +173,23 @@ TEST_F(FileSource, ALoopBeginsAgainWithPicturesAndSound) {
     EXPECT_EQ(sound.at(0), MediaFile().sound_level);
 }
 
-TEST_F(FileSource, ALoopThatCannotBeginAgainEndsWithALine) {
-    const std::string path = folder_.file("removed.mkv");
-    ASSERT_TRUE(write_media_file(path, {.frames = 5}));
+TEST_F(FileSource, ALoopThatCannotRestartEndsWithALineForGood) {
+    const std::string path = folder_.file("loop.mkv");
+    const std::string removed = folder_.file("removed.mkv");
+    ASSERT_TRUE(write_media_file(path, {.frames = 5, .sound_frames = 10}));
     ASSERT_TRUE(
         source_.open_file({.width = 320, .height = 240, .frames_per_second = 25}, path, true));
-    ASSERT_TRUE(std::filesystem::remove(path));
+    std::filesystem::rename(path, removed);
     EXPECT_EQ(
         printed_by([&] { EXPECT_EQ(pictures_until_the_end(source_, 1000), 5); }),
-        (Printed{.out = "", .err = "cannot play " + path + " again: No such file or directory\n"}));
+        (Printed{.out = "",
+                 .err = "cannot read " + path + " any further: No such file or directory\n"}));
+    std::filesystem::rename(removed, path);
+    EXPECT_EQ(printed_by([&] { EXPECT_FALSE(source_.next_picture()); }), test::kNothing);
+    // It is silent from then on, as after any end.
+    SoundFrame sound{1};
+    EXPECT_TRUE(source_.next_sound(sound));
+    EXPECT_EQ(sound.at(0), 0);
 }
 
 TEST_F(FileSource, SoundIsTheFilesOwnThenSilence) {

@@ -33,12 +33,14 @@ class Decoder {
     // The rest of the decoder's output when no packet follows. After this the stream may restart.
     [[nodiscard]] std::vector<Picture> finish();
 
+    // Frees the decoder; one that is not open stays so.
+    void close();
+
   private:
     [[nodiscard]] std::vector<Picture> receive();
     [[nodiscard]] bool fits_graph(const AVFrame& frame) const;
     [[nodiscard]] bool open_graph(const AVFrame& frame);
     void close_graph();
-    void close();
 
     std::string shape_;
     AVCodecContext* context_ = nullptr;

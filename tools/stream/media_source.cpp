@@ -36,8 +36,8 @@ constexpr int kThreads = 1;
 // asks for it is always late, so that it never waits and the picture is as new as can be.
 constexpr const char* kGrabRate = "1000";  // frames/s
 
-// libavdevice's name of the grabber.
-constexpr const char* kGrabber = "x11grab";
+// Points to a constant in FFmpeg 5 and later, but not in 4.4.
+using InputFormat = decltype(av_find_input_format(nullptr));
 
 // What names an end of a graph's description.
 std::string picture_end() {
@@ -117,6 +117,7 @@ void MediaSource::close() {
     pictures_ = nullptr;
     sound_ = nullptr;
     avformat_close_input(&screen_);
+    grabs_.close();
 }
 
 bool MediaSource::open_test_picture(const MediaSettings& settings) {
@@ -131,8 +132,11 @@ bool MediaSource::open_test_picture(const MediaSettings& settings) {
     if (result < 0) {
         std::fprintf(stderr, "no test picture of %s: %s\n", size_of(settings).c_str(),
                      libav_error(result).c_str());
+        return false;
     }
-    return result >= 0;
+    name_ = "the test picture";
+    has_sound_ = settings.sound;
+    return true;
 }
 
 bool MediaSource::open_file(const MediaSettings& settings, const std::string& path, bool loop) {
@@ -160,7 +164,8 @@ bool MediaSource::open_file(const MediaSettings& settings, const std::string& pa
         std::fprintf(stderr, "cannot play %s: %s\n", path.c_str(), libav_error(result).c_str());
         return false;
     }
-    file_ = path;
+    name_ = path;
+    has_sound_ = sound;
     looped_graph_ = loop ? graph : "";
     return true;
 }
@@ -170,8 +175,10 @@ bool MediaSource::open_screen(const MediaSettings& settings, const std::string& 
     if (result < 0) {
         std::fprintf(stderr, "cannot grab the display \"%s\": %s\n", display.c_str(),
                      libav_error(result).c_str());
+        return false;
     }
-    return result >= 0;
+    name_ = "the display \"" + display + "\"";
+    return true;
 }
 
 // libavfilter's movie source would do all of this, but FFmpeg 4.3's takes no options for a grabber.
@@ -179,15 +186,14 @@ bool MediaSource::open_screen(const MediaSettings& settings, const std::string& 
 int MediaSource::open_grabber(const MediaSettings& settings, const std::string& display) {
     close();
     avdevice_register_all();
-    // Without a grabber, libavformat would take the display's name for a file's. No variable holds
-    // it: FFmpeg 4.4 has a type for it that is not const, later releases one that is.
-    if (av_find_input_format(kGrabber) == nullptr) {
+    InputFormat grabber = av_find_input_format("x11grab");
+    // libavformat would take the display's name for a file's.
+    if (grabber == nullptr) {
         return AVERROR_DEMUXER_NOT_FOUND;
     }
     AVDictionary* options = nullptr;
     av_dict_set(&options, "framerate", kGrabRate, 0);
-    int result =
-        avformat_open_input(&screen_, display.c_str(), av_find_input_format(kGrabber), &options);
+    int result = avformat_open_input(&screen_, display.c_str(), grabber, &options);
     av_dict_free(&options);
     if (result >= 0 && !grabs_.open(*screen_->streams[0]->codecpar, picture_shape(settings))) {
         result = AVERROR_DECODER_NOT_FOUND;
@@ -251,31 +257,39 @@ int MediaSource::grab(Picture& picture) {
     return result;
 }
 
-Picture MediaSource::next_picture() {
-    Picture picture;
-    if (screen_ != nullptr) {
-        if (const int result = grab(picture); result < 0) {
-            std::fprintf(stderr, "the display \"%s\" can no longer be grabbed: %s\n", screen_->url,
-                         libav_error(result).c_str());
-            close();
-        }
-        return picture;
-    }
+// The graph's next picture; a looped one restarts at its end. Negative: libavfilter's error.
+int MediaSource::filter(Picture& picture) {
     picture.reset(av_frame_alloc());
-    if (pictures_ == nullptr || !picture) {
-        return nullptr;
+    if (!picture) {
+        return AVERROR(ENOMEM);
     }
     int result = av_buffersink_get_frame(pictures_, picture.get());
     if (result == AVERROR_EOF && !looped_graph_.empty()) {
         result = open_graph(looped_graph_);
         if (result >= 0) {
             result = av_buffersink_get_frame(pictures_, picture.get());
-        } else {
-            std::fprintf(stderr, "cannot play %s again: %s\n", file_.c_str(),
-                         libav_error(result).c_str());
         }
     }
-    return result >= 0 ? std::move(picture) : nullptr;
+    return result;
+}
+
+Picture MediaSource::next_picture() {
+    if (pictures_ == nullptr && screen_ == nullptr) {
+        return nullptr;
+    }
+    Picture picture;
+    const int result = screen_ != nullptr ? grab(picture) : filter(picture);
+    if (result < 0) {
+        if (result != AVERROR_EOF || !looped_graph_.empty()) {
+            std::fprintf(stderr, "cannot read %s any further: %s\n", name_.c_str(),
+                         libav_error(result).c_str());
+        }
+        // What is left of the sound may still be wanted.
+        pictures_ = nullptr;
+        avformat_close_input(&screen_);
+        return nullptr;
+    }
+    return picture;
 }
 
 bool MediaSource::next_sound(SoundFrame& sound) {
@@ -283,7 +297,7 @@ bool MediaSource::next_sound(SoundFrame& sound) {
     if (!has_sound() || !frame) {
         return false;
     }
-    if (av_buffersink_get_frame(sound_, frame.get()) < 0) {
+    if (sound_ == nullptr || av_buffersink_get_frame(sound_, frame.get()) < 0) {
         sound.fill(0);
         return true;
     }

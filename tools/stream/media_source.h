@@ -32,7 +32,8 @@ struct MediaSettings {
     bool sound = true;  // whether any is wanted
 };
 
-// One thread at a time uses a source. Failures print one line on standard error.
+// One thread at a time uses a source. Failures, while opening or later, print one line on standard
+// error.
 class MediaSource {
   public:
     MediaSource() = default;
@@ -50,27 +51,29 @@ class MediaSource {
     [[nodiscard]] bool open_file(const MediaSettings& settings, const std::string& path, bool loop);
 
     // The contents of the X display `display` (":0"), silent. Each picture is captured when it is
-    // requested. It ends, with a line, when the display does or changes its size.
+    // requested. It ends, with a line, when the display does.
     [[nodiscard]] bool open_screen(const MediaSettings& settings, const std::string& display);
 
     // The next picture: YUV 4:2:0 of the settings' size, settings' frames to a second of media.
-    // Null at the end and from then on.
+    // Null at the end, or after a failure, and from then on.
     [[nodiscard]] Picture next_picture();
 
     // Fills `sound` with the next 20 ms; silence once the source's sound has ended. False where
     // there is no sound at all.
     [[nodiscard]] bool next_sound(SoundFrame& sound);
 
-    [[nodiscard]] bool has_sound() const { return sound_ != nullptr; }
+    [[nodiscard]] bool has_sound() const { return has_sound_; }
 
   private:
     [[nodiscard]] int open_graph(const std::string& description);
     [[nodiscard]] int open_grabber(const MediaSettings& settings, const std::string& display);
     [[nodiscard]] int grab(Picture& picture);
+    [[nodiscard]] int filter(Picture& picture);
     void close();
 
-    std::string file_;
+    std::string name_;          // for the line after a failure
     std::string looped_graph_;  // to reopen at the end; empty: no loop
+    bool has_sound_ = false;
     AVFilterGraph* graph_ = nullptr;
     AVFilterContext* pictures_ = nullptr;  // sink; owned by the graph
     AVFilterContext* sound_ = nullptr;     // sink, or null; owned by the graph
