@@ -63,8 +63,8 @@ start_virtual_display() {
     # Without -noreset the server begins anew when its last client leaves, and drops others.
     Xvfb ${2:+":$2"} -displayfd 3 -screen 0 "$1x24" -nolisten tcp -noreset 3>"$number_file" 2>/dev/null &
     server=$!
-    trap 'kill $(jobs -p) 2>/dev/null; wait' EXIT
-    # Five minutes, for a machine so busy that ten seconds were not enough.
+    trap 'kill $(jobs -p) 2>/dev/null || true; wait' EXIT
+    # Five minutes: a busy machine can take longer than ten seconds.
     for ((tries = 0; tries < 3000; ++tries)); do
         kill -0 "$server" 2>/dev/null || break
         if [ -s "$number_file" ]; then

@@ -42,13 +42,26 @@ share/man/man1/vesper-player.1" "$(cd "$work/staged/usr" && find . -type f -prin
 
 # None of it may contain the path that it was built or installed in. A tree in /vesper is not named by
 # share/doc/vesper, so the path is looked for only where one begins, and whole.
-readonly path_of_tree="(?:(?<![\w.}/-])|(?<=-[IL]))\Q$tree\E(?![\w.-])"
+readonly path_of_tree="(?:(?<![\w.}/-])|(?<=-[IL])|(?<=-isystem)|(?<=://))\Q$tree\E(?![\w-]|\.\w)"
 mkdir "$work/moved"
 mv "$work/staged/usr" "$work/moved/vesper"
 prefix=$work/moved/vesper
 examples=$prefix/share/doc/vesper/examples
-expect_equal "lines of a file that does" 2 \
-    "$(printf -- '-I%s/include\nprefix=%s\n/usr%s\n' "$tree" "$tree" "$tree" | grep -cP "$path_of_tree")"
+expect_equal "lines that name the tree" "-I$tree/include
+-isystem$tree/include
+file://$tree/README.md
+prefix=$tree
+It is in $tree." "$(grep -P "$path_of_tree" <<END
+-I$tree/include
+-isystem$tree/include
+file://$tree/README.md
+prefix=$tree
+It is in $tree.
+/usr$tree
+$tree-1.0
+$tree.tar
+END
+)"
 expect_equal "files that name the build tree" "" \
     "$(grep -rlP --exclude-dir=bin --exclude='*.a' "$path_of_tree" "$prefix" || true)"
 
