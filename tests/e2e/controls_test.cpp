@@ -1,6 +1,4 @@
 // The control bar, the audio keys, and their reports to the parent.
-#include <cstring>
-
 #include "tests/e2e/player_fixture.h"
 
 namespace vesper::test {
@@ -17,13 +15,6 @@ constexpr Point kMuteButton{.x = 20, .y = kBarY};
 
 Point slider_at(double volume) {
     return {.x = kTrackX + static_cast<int>(kTrackLength * volume), .y = kBarY};
-}
-
-// "AUDS", the mute byte, and the volume as the machine holds it.
-Message audio_state(bool muted, float volume) {
-    Message message = {'A', 'U', 'D', 'S', static_cast<std::uint8_t>(muted ? 1 : 0), 0, 0, 0, 0};
-    std::memcpy(message.data() + 5, &volume, sizeof(volume));
-    return message;
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
-// Preloaded into the player where a test clicks. The control bar goes two seconds after the last
-// motion, and a click that the player takes later than that does nothing, as on a machine so busy
-// that the player stands still between the two. While the player's SDL_GetTicks(), which it uses
-// for the bar alone, stands still, the bar stays. SIGUSR1 lets it go on.
+// Preloaded into the player where a test clicks. The control bar disappears two seconds after the
+// last motion, and a click that the player takes later than that does nothing; on a busy machine
+// that happens. While the player's SDL_GetTicks(), which it uses for the bar alone, stands still,
+// the bar stays. SIGUSR1 lets it go on.
 #include <SDL2/SDL.h>
 #include <dlfcn.h>
 

@@ -37,7 +37,7 @@ class LiveStream {
 
     // Streams as many frames as `time` has, and their sound, over `network`. Each frame and packet
     // leaves when it is due and the player has taken what came before: a slow machine takes longer
-    // instead of losing more than the network does, so the same seed loses the same. False when the
+    // instead of losing more than the network does, so the same seed loses as much. False when the
     // player stops taking datagrams.
     [[nodiscard]] bool run(std::chrono::milliseconds time, const Network& network);
 

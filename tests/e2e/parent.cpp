@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -25,6 +26,12 @@ bool receive_queue_is_empty(std::uint16_t port) {
 }
 
 }  // namespace
+
+Message audio_state(bool muted, float volume) {
+    Message message = {'A', 'U', 'D', 'S', static_cast<std::uint8_t>(muted ? 1 : 0), 0, 0, 0, 0};
+    std::memcpy(message.data() + 5, &volume, sizeof(volume));
+    return message;
+}
 
 Parent::Parent() {
     if (!socket_.bind(0)) {

@@ -12,6 +12,9 @@ namespace vesper::test {
 
 using Message = std::vector<std::uint8_t>;
 
+// "AUDS", the mute byte, and the volume as the machine holds it.
+[[nodiscard]] Message audio_state(bool muted, float volume);
+
 class Parent {
   public:
     // Throws std::runtime_error when no port is free.

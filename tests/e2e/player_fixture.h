@@ -80,8 +80,8 @@ class PlayerTest : public testing::Test {
     // For a player that is started afterwards: the bar stays once it has come, so that no click is
     // lost, and the bar is seen, however slow the player and the test are.
     void keep_bar();
-    // After keep_bar(): counts the bar's time again, from SDL's start on. An idle bar goes once
-    // those two seconds have passed: at once, if the player has run for longer.
+    // After keep_bar(): counts the bar's time again, from SDL's start on. An idle bar disappears
+    // once those two seconds have passed: at once, if the player has run for longer.
     void let_bar_go();
 
     // Texts, each a list of whole lines.

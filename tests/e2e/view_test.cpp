@@ -86,8 +86,8 @@ TEST_F(View, RightDragMovesThePictureWithThePointer) {
     expect_crossing_at(moved(kCrossing, 30, 20), kCrossing);
     window->release_button(kRightButton);
     window->move_pointer(moved(kCrossing, -60, -40));
-    // When the zoom shows, the player has taken that motion. About the pointer, the crossing
-    // is 1.25 times as far away.
+    // When the zoom shows, the player has taken that motion. The crossing is then 1.25 times as
+    // far from the pointer.
     window->wheel_up(moved(kCrossing, -60, -40));
     expect_crossing_at(moved(kCrossing, -60 + 112, -40 + 75), kCrossing);
 }
@@ -99,7 +99,7 @@ TEST_F(View, RightDragDoesNotMoveTheWholePicture) {
     // When the player answers the key, it has taken the drag. What came of that is seen in pictures
     // that it shows later: another one, then the fields again.
     window->press_key("m");
-    ASSERT_EQ(parent.next_message(), (Message{'A', 'U', 'D', 'S', 1, 0, 0, 0x80, 0x3F}));
+    ASSERT_EQ(parent.next_message(), audio_state(true, 1.0F));
     constexpr Color kOther{.red = 60, .green = 160, .blue = 220};
     show_picture(flat_picture(kOther));
     expect_color(kCrossing, kOther);

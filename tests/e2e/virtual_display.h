@@ -32,8 +32,9 @@ class VirtualDisplay {
     // pixel for pixel.
     static constexpr Extent kSize{.width = 1024, .height = 768};
 
-    // Starts the server on a display number that nobody uses, with the pointer parked in the top
-    // left corner, where it touches no window. Throws std::runtime_error when it does not come up.
+    // Starts the server, with one screen of `size` pixels, on a display number that nobody uses,
+    // and with the pointer parked in the top left corner, where it touches no window. Throws
+    // std::runtime_error when it does not come up.
     explicit VirtualDisplay(Extent size = kSize);
     ~VirtualDisplay();
     VirtualDisplay(const VirtualDisplay&) = delete;
