@@ -35,6 +35,7 @@ ChildProcess::Environment player_environment(const VirtualDisplay& display) {
     // The suite runs once more with each renderer and the heap guard.
     const char* const renderer = std::getenv("VESPER_E2E_RENDERER");
     const char* const library = std::getenv("VESPER_E2E_PRELOAD");
+    const std::string support = VESPER_TEST_SUPPORT "/";
     ChildProcess::Environment environment = {
         {"DISPLAY", display.name()},
         {"SDL_VIDEODRIVER", "x11"},
@@ -43,8 +44,10 @@ ChildProcess::Environment player_environment(const VirtualDisplay& display) {
         {"SDL_AUDIODRIVER", "dummy"},
         {"ASAN_OPTIONS", "exitcode=99:verify_asan_link_order=0"},
         {"UBSAN_OPTIONS", "print_stacktrace=1"},
-        {"LSAN_OPTIONS", "print_suppressions=0:suppressions='" VESPER_SUPPRESSIONS "/lsan.supp'"},
-        {"TSAN_OPTIONS", "exitcode=99:suppressions='" VESPER_SUPPRESSIONS "/tsan.supp'"},
+        {"LSAN_OPTIONS", "print_suppressions=0:suppressions='" + support + "lsan.supp'"},
+        {"TSAN_OPTIONS", "exitcode=99:suppressions='" + support +
+                             "tsan.supp':external_symbolizer_path='" + support +
+                             "llvm-symbolizer'"},
     };
 #ifdef VESPER_E2E_PRELOAD
     preload(environment, VESPER_E2E_PRELOAD);
