@@ -37,8 +37,8 @@ class LiveStream {
 
     // Streams as many frames as `time` has, and their sound, over `network`. Each frame and packet
     // leaves when it is due and the player has taken what came before: a slow machine takes longer
-    // instead of losing more than the network does, so the same seed loses as much. False when the
-    // player stops taking datagrams.
+    // instead of losing more than the network does, so the same seed loses as much anywhere. False
+    // when the player stops taking datagrams.
     [[nodiscard]] bool run(std::chrono::milliseconds time, const Network& network);
 
     // Counts the keyframe requests that have come since.

@@ -36,7 +36,7 @@ constexpr int kThreads = 1;
 // asks for it is always late, so that it never waits and the picture is as new as can be.
 constexpr const char* kGrabRate = "1000";  // frames/s
 
-// Points to a constant in FFmpeg 5 and later, but not in 4.4.
+// A pointer to const in FFmpeg 5 and later, but not in 4.4.
 using InputFormat = decltype(av_find_input_format(nullptr));
 
 // What names an end of a graph's description.
@@ -280,13 +280,15 @@ Picture MediaSource::next_picture() {
     Picture picture;
     const int result = screen_ != nullptr ? grab(picture) : filter(picture);
     if (result < 0) {
-        if (result != AVERROR_EOF || !looped_graph_.empty()) {
+        const bool at_end = result == AVERROR_EOF && screen_ == nullptr && looped_graph_.empty();
+        if (!at_end) {
             std::fprintf(stderr, "cannot read %s any further: %s\n", name_.c_str(),
                          libav_error(result).c_str());
         }
         // What is left of the sound may still be wanted.
         pictures_ = nullptr;
         avformat_close_input(&screen_);
+        grabs_.close();
         return nullptr;
     }
     return picture;

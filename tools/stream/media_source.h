@@ -32,8 +32,8 @@ struct MediaSettings {
     bool sound = true;  // whether any is wanted
 };
 
-// One thread at a time uses a source. Failures, while opening or later, print one line on standard
-// error.
+// One thread at a time uses a source, and opens it once. If it cannot be opened, or has no next
+// picture before its end, one line is printed on standard error.
 class MediaSource {
   public:
     MediaSource() = default;
