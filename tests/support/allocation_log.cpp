@@ -3,6 +3,20 @@
 #include <cstdlib>
 #include <new>
 
+#ifdef __clang__
+#if __has_feature(thread_sanitizer)
+// The shared runtime of clang 14 crashes if a library allocates while it is being initialized,
+// before the runtime is. This runs before all libraries' initialization, as the static runtime's
+// own does.
+extern "C" void __tsan_init();
+
+namespace {
+using Initializer = void (*)();
+[[gnu::section(".preinit_array"), gnu::used]] const Initializer initialize_sanitizer = __tsan_init;
+}  // namespace
+#endif
+#endif
+
 namespace vesper::test {
 
 namespace {
