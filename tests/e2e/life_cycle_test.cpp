@@ -148,7 +148,10 @@ TEST_P(LifeCycleSignal, EndsThePlayerWithoutShutDownLines) {
     EXPECT_EQ(player->err(), failure_text);
 }
 
-INSTANTIATE_TEST_SUITE_P(Termination, LifeCycleSignal, testing::Values(SIGTERM, SIGINT));
+INSTANTIATE_TEST_SUITE_P(Termination, LifeCycleSignal, testing::Values(SIGTERM, SIGINT),
+                         [](const auto& signal) {
+                             return signal.param == SIGTERM ? "SIGTERM" : "SIGINT";
+                         });
 
 // Without a window system there is no way to close the window; a signal ends the player.
 class LifeCycleHeadless : public PlayerTest, public testing::WithParamInterface<const char*> {};
@@ -163,7 +166,8 @@ TEST_P(LifeCycleHeadless, TakesTheStream) {
     EXPECT_EQ(player->err(), failure_text);
 }
 
-INSTANTIATE_TEST_SUITE_P(Drivers, LifeCycleHeadless, testing::Values("dummy", "offscreen"));
+INSTANTIATE_TEST_SUITE_P(Drivers, LifeCycleHeadless, testing::Values("dummy", "offscreen"),
+                         [](const auto& driver) { return std::string(driver.param); });
 
 TEST_F(LifeCycle, CloseInTheMiddleOfAStreamEndsWithStatusZero) {
     start_player({"--has-audio"});

@@ -397,7 +397,12 @@ TEST_F(UdpSocket, SendBeforeBindToANameReportsOnlyTheMissingSocket) {
               (Printed{.out = "", .err = "[UDPSocket] Socket not initialized\n"}));
 }
 
-class UdpSocketHost : public UdpSocket, public testing::WithParamInterface<const char*> {};
+struct BadHost {
+    const char* name;
+    const char* text;
+};
+
+class UdpSocketHost : public UdpSocket, public testing::WithParamInterface<BadHost> {};
 
 TEST_P(UdpSocketHost, ThatIsNoDottedIpv4TextIsRefusedWithoutSending) {
     UDPSocket socket;
@@ -407,16 +412,19 @@ TEST_P(UdpSocketHost, ThatIsNoDottedIpv4TextIsRefusedWithoutSending) {
         ++sent;
         return ssize_t{0};
     };
-    const std::string expected =
-        std::string("[UDPSocket] Invalid host address: ") + GetParam() + "\n";
-    EXPECT_EQ(printed_by([&] { EXPECT_EQ(send_greeting(socket, 5000, GetParam()), -1); }),
+    const char* const host = GetParam().text;
+    const std::string expected = std::string("[UDPSocket] Invalid host address: ") + host + "\n";
+    EXPECT_EQ(printed_by([&] { EXPECT_EQ(send_greeting(socket, 5000, host), -1); }),
               (Printed{.out = "", .err = expected}));
     EXPECT_EQ(sent, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Text, UdpSocketHost,
-                         testing::Values("localhost", "", "::1", "127.1", "256.0.0.1",
-                                         "127.0.0.1 "));
+                         testing::Values(BadHost{"Name", "localhost"}, BadHost{"Nothing", ""},
+                                         BadHost{"Ipv6", "::1"}, BadHost{"TwoNumbers", "127.1"},
+                                         BadHost{"NumberAbove255", "256.0.0.1"},
+                                         BadHost{"SpaceAtTheEnd", "127.0.0.1 "}),
+                         [](const auto& host) { return std::string(host.param.name); });
 
 TEST_F(UdpSocket, SendThatWouldBlockIsSilent) {
     UDPSocket socket;
@@ -487,7 +495,8 @@ TEST_P(UdpSocketWait, LooksForReadabilityOfTheOneDescriptorForTheWholeTimeout) {
     EXPECT_THAT(waits, ElementsAre(GetParam()));
 }
 
-INSTANTIATE_TEST_SUITE_P(Milliseconds, UdpSocketWait, testing::Values(1, 5, 999, 1000, 1500));
+INSTANTIATE_TEST_SUITE_P(Milliseconds, UdpSocketWait, testing::Values(1, 5, 999, 1000, 1500),
+                         testing::PrintToStringParamName());
 
 class UdpSocketNoWait : public UdpSocket, public testing::WithParamInterface<int> {};
 

@@ -11,6 +11,7 @@ extern "C" {
 #include <opus.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -159,6 +160,12 @@ std::string replaced(std::string text, std::string_view old_words, std::string_v
     const std::size_t place = text.find(old_words);
     EXPECT_NE(place, std::string::npos) << old_words;
     return place == std::string::npos ? text : text.replace(place, old_words.size(), new_words);
+}
+
+// GoogleTest takes no spaces in the name of a test.
+std::string test_name(std::string call) {
+    std::replace(call.begin(), call.end(), ' ', '_');
+    return call;
 }
 
 std::string whole_run() {
@@ -530,7 +537,8 @@ TEST_P(StartUpFaultsTolerated, ChangesNothingElse) {
 INSTANTIATE_TEST_SUITE_P(, StartUpFaultsTolerated,
                          testing::Values("setvbuf", "hint SDL_NO_SIGNAL_HANDLERS",
                                          "hint SDL_RENDER_SCALE_QUALITY",
-                                         "SDL_GetCurrentDisplayMode", "signal", "getsockname"));
+                                         "SDL_GetCurrentDisplayMode", "signal", "getsockname"),
+                         [](const auto& call) { return test_name(call.param); });
 
 TEST_F(StartUpFaults, WithoutAcceleratedRendererTheSoftwareRendererIsTaken) {
     transcript_.emplace();
@@ -611,6 +619,7 @@ TEST_P(StartUpFaultsDeathTest, AThreadThatCannotBeStartedEndsTheProcess) {
 }
 
 INSTANTIATE_TEST_SUITE_P(, StartUpFaultsDeathTest,
-                         testing::Values("decode thread", "watchdog thread"));
+                         testing::Values("decode thread", "watchdog thread"),
+                         [](const auto& thread) { return test_name(thread.param); });
 
 }  // namespace
