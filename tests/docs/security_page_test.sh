@@ -5,10 +5,10 @@
 source "$(dirname "$0")/../packaging/expect.sh"
 page=$1 build=$2
 
-# Without the instance before the name and the parameters after it, which are not part of the rule.
+# Without the instance before the name and the parameter after it, which are not part of the rule.
 existing_tests() {
     ctest --test-dir "$build" --show-only |
-        sed -n -e 's/^ *Test *#[0-9]*: *//' -e 's#^[A-Za-z0-9_]*/##' -e 's#[/ ].*##' -e '/\./p' |
+        sed -n -e 's/^ *Test *#[0-9]*: *//' -e 's#^[A-Za-z0-9_]*/##' -e 's#/.*##' -e '/\./p' |
         LC_ALL=C sort -u
 }
 

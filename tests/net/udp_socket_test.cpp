@@ -15,8 +15,10 @@
 #include <chrono>
 #include <csignal>
 #include <cstdarg>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -402,6 +404,10 @@ struct BadHost {
     const char* text;
 };
 
+void PrintTo(const BadHost& host, std::ostream* stream) {
+    *stream << testing::PrintToString(host.text);
+}
+
 class UdpSocketHost : public UdpSocket, public testing::WithParamInterface<BadHost> {};
 
 TEST_P(UdpSocketHost, ThatIsNoDottedIpv4TextIsRefusedWithoutSending) {
@@ -420,7 +426,7 @@ TEST_P(UdpSocketHost, ThatIsNoDottedIpv4TextIsRefusedWithoutSending) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Text, UdpSocketHost,
-                         testing::Values(BadHost{"Name", "localhost"}, BadHost{"Nothing", ""},
+                         testing::Values(BadHost{"Name", "localhost"}, BadHost{"EmptyText", ""},
                                          BadHost{"Ipv6", "::1"}, BadHost{"TwoNumbers", "127.1"},
                                          BadHost{"NumberAbove255", "256.0.0.1"},
                                          BadHost{"SpaceAtTheEnd", "127.0.0.1 "}),
@@ -516,7 +522,10 @@ TEST_P(UdpSocketNoWait, AsksTheSocketOnceAndReturnsZeroAtOnce) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Milliseconds, UdpSocketNoWait, testing::Values(0, -1, -1500),
-                         [](const auto& timeout) { return std::to_string(-timeout.param); });
+                         [](const auto& timeout) {
+                             return (timeout.param < 0 ? "Minus" : "") +
+                                    std::to_string(std::abs(timeout.param));
+                         });
 
 TEST_F(UdpSocket, AnInterruptedWaitIsASilentError) {
     UDPSocket socket;

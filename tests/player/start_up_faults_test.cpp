@@ -162,10 +162,10 @@ std::string replaced(std::string text, std::string_view old_words, std::string_v
     return place == std::string::npos ? text : text.replace(place, old_words.size(), new_words);
 }
 
-// GoogleTest takes no spaces in the name of a test.
-std::string test_name(std::string call) {
-    std::replace(call.begin(), call.end(), ' ', '_');
-    return call;
+// GoogleTest allows no spaces in the name of a test.
+std::string test_name(std::string words) {
+    std::ranges::replace(words, ' ', '_');
+    return words;
 }
 
 std::string whole_run() {

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -29,9 +31,8 @@ inline void run_command(const std::vector<std::string>& words) {
     return words;
 }
 
-// Has ffmpeg write `file`: a moving picture and a tone of 440 Hz, with these options. One thread
-// encodes: libvpx's threads spin while they wait for each other, which on a busy machine they do
-// most of the time.
+// Has ffmpeg write `file` with these options, encoding in one thread: libvpx's threads spin while
+// they wait for each other, which on a busy machine is most of their time.
 inline void make_media(const std::string& options, const std::string& file) {
     std::vector<std::string> words = {"ffmpeg", "-nostdin", "-y", "-loglevel", "error"};
     for (const std::string& word : split_words(options)) {

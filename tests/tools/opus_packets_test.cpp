@@ -68,7 +68,7 @@ TEST_P(ShortOpusPacket, StaysAsItIs) {
     EXPECT_THAT(split_opus(packet), Optional(ElementsAre(packet)));
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, ShortOpusPacket, testing::Values(5, 10, 20),
+INSTANTIATE_TEST_SUITE_P(Milliseconds, ShortOpusPacket, testing::Values(5, 10, 20),
                          testing::PrintToStringParamName());
 
 class LongOpusPacket : public testing::TestWithParam<int> {};
@@ -84,7 +84,7 @@ TEST_P(LongOpusPacket, BecomesPacketsOf20MsWithTheSameSound) {
     EXPECT_EQ(decode(*parts), decode({packet}));
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, LongOpusPacket, testing::Values(40, 60, 80, 100, 120),
+INSTANTIATE_TEST_SUITE_P(Milliseconds, LongOpusPacket, testing::Values(40, 60, 80, 100, 120),
                          testing::PrintToStringParamName());
 
 // Of 10 ms each, two and two together; the last one is alone.

@@ -352,7 +352,7 @@ TEST_P(RelayOfLongOpus, IsSplitAndSoundsTheSame) {
     EXPECT_EQ(sent().sequences, numbers_to(sent().sounds.size()));
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, RelayOfLongOpus, testing::Values("40", "60"),
+INSTANTIATE_TEST_SUITE_P(Milliseconds, RelayOfLongOpus, testing::Values("40", "60"),
                          [](const auto& duration) { return std::string(duration.param); });
 
 // The mean of the samples' squares, and their passages through zero on the way up in a second.
