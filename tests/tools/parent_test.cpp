@@ -122,6 +122,11 @@ class ParentTest : public testing::Test {
     std::string patient_player() const {
         return player("echo \"pid $$\"; echo '" + std::string(kListening) + "1'; exec sleep 1000");
     }
+    // One that is patient too, but for the first of several, which ends at once.
+    std::string player_that_fails_once() const {
+        return player("case \"$*\" in *'--streamer-id 1 '*) exit 3 ;; esac; echo '" +
+                      std::string(kListening) + "1'; exec sleep 1000");
+    }
 
     test::TemporaryFolder folder_;
 };
@@ -271,6 +276,18 @@ TEST_F(ParentTest, SendsNothingBeforeThePlayerListens) {
     EXPECT_EQ(parent.out().back(),
               "[Parent] 0:00  0.0 fps  0 kbit/s  0 frames in 0 datagrams, 0 keyframes asked "
               "for");
+}
+
+TEST_F(ParentTest, APlayerThatNeverListensDoesNotExtendTheSecondsAskedFor) {
+    Parent parent({"--player", player_that_fails_once(), "--streams", "2", "--seconds", "0.1"});
+    EXPECT_EQ(parent.status(), 0);
+}
+
+TEST_F(ParentTest, APlayerThatNeverListensDoesNotKeepTheFileFromEnding) {
+    const std::string file = folder_.file("short.mkv");
+    ASSERT_TRUE(test::write_media_file(file, {.frames = 10}));
+    Parent parent({"--player", player_that_fails_once(), "--streams", "2", "--file", file});
+    EXPECT_EQ(parent.status(), 0);
 }
 
 TEST_F(ParentTest, EndsThePlayerOnCtrlC) {

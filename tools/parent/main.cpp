@@ -156,8 +156,7 @@ std::optional<int> Run::all_players_ended() {
 }
 
 bool Run::all_feeds_finished() const {
-    return std::ranges::all_of(sessions_,
-                               [](const auto& session) { return session->feed_finished(); });
+    return std::ranges::all_of(sessions_, [](const auto& session) { return session->finished(); });
 }
 
 std::optional<int> Run::received_signal() const {

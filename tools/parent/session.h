@@ -47,8 +47,9 @@ class Session {
     [[nodiscard]] std::optional<int> player_exit_status();
 
     // Whether the stream has started, and whether the feed has ended and all of it has been sent.
-    [[nodiscard]] bool started() const { return started_; }
-    [[nodiscard]] bool feed_finished() const;
+    // Both are true once the player has ended by itself: there is nothing more to wait for.
+    [[nodiscard]] bool started() { return started_ || player_exit_status(); }
+    [[nodiscard]] bool finished() { return feed_finished() || player_exit_status(); }
 
     // Ends the stream and asks the player to end.
     void stop();
@@ -57,6 +58,7 @@ class Session {
     void add_to(Figures& figures);
 
   private:
+    [[nodiscard]] bool feed_finished() const;
     [[nodiscard]] bool has_sound() const;
     [[nodiscard]] PictureSize picture_size() const;
     [[nodiscard]] bool open_player();
