@@ -159,6 +159,14 @@ TEST_F(Capture, WasSentToThePlayerWhereItIsNoMessageOfThePlayer) {
                             datagram(kParentPort, kPlayerPort, odd_fragment_)));
 }
 
+// An empty datagram means nothing to a player, and cannot be impaired.
+TEST_F(Capture, WasSentToThePlayerWhereItIsNotEmpty) {
+    EXPECT_THAT(sent_to_player({{.destination_port = kParentPort, .bytes = {}},
+                                {.destination_port = kPlayerPort, .bytes = fragment_},
+                                {.destination_port = kPlayerPort, .bytes = {}}}),
+                ElementsAre(Field(&CapturedDatagram::bytes, fragment_)));
+}
+
 // What `tcpdump -i lo` writes: an Ethernet header in front of each packet; other traffic between.
 TEST_F(Capture, OfTheLoopbackInterfaceIsReadWithoutItsOtherTraffic) {
     write_conversation();

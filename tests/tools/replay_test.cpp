@@ -249,6 +249,15 @@ TEST_F(Replay, AtHighSpeedMakesTheTimeBetweenDatagramsShorter) {
     EXPECT_THAT(received(), testing::SizeIs(2));
 }
 
+TEST_F(Replay, LeavesOutEmptyDatagramsWhateverTheImpairments) {
+    const Datagram only = {1};
+    write_capture({Datagram{}, only, Datagram{}});
+    for (const std::string impairment : {"--corrupt", "--truncate"}) {
+        EXPECT_EQ(run_parent(impairment + " 100 --replay '" + capture_ + "'"), kGoodEnding);
+        EXPECT_THAT(received(), testing::ElementsAre(testing::SizeIs(1))) << impairment;
+    }
+}
+
 TEST_F(Replay, OfAFileThatIsNoCaptureFails) {
     std::ofstream(capture_) << "DKIF, and more that is no capture";
     EXPECT_EQ(run_parent("--replay '" + capture_ + "'"),

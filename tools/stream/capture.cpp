@@ -272,7 +272,8 @@ std::optional<std::vector<CapturedDatagram>> read_capture(const std::string& pat
 
 std::vector<CapturedDatagram> sent_to_player(std::vector<CapturedDatagram> capture) {
     std::erase_if(capture, [](const CapturedDatagram& datagram) {
-        return is_keyframe_request(datagram.bytes) || read_audio_state(datagram.bytes).has_value();
+        return datagram.bytes.empty() || is_keyframe_request(datagram.bytes) ||
+               read_audio_state(datagram.bytes).has_value();
     });
     if (!capture.empty()) {
         std::erase_if(capture, [port = capture.front().destination_port](const auto& datagram) {

@@ -74,8 +74,9 @@ class CaptureWriter {
 // or comes from a kind of interface that loopback datagrams never pass.
 [[nodiscard]] std::optional<std::vector<CapturedDatagram>> read_capture(const std::string& path);
 
-// From a capture, the datagrams sent to the player that appears first. The players' own messages
-// are recognised by their content; a stream datagram is never as short.
+// From a capture, the datagrams sent to the player that appears first, without empty ones, which
+// mean nothing to it. The players' own messages are recognised by their content; a stream datagram
+// is never as short.
 [[nodiscard]] std::vector<CapturedDatagram> sent_to_player(std::vector<CapturedDatagram> capture);
 
 }  // namespace vesper::tools
