@@ -4,10 +4,13 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "tests/support/captured_output.h"
+#include "tests/support/temporary_folder.h"
 
 namespace vesper::tools {
 namespace {
@@ -192,6 +195,23 @@ TEST(ParentOptions, AFileIsCopiedWhereAskedFor) {
 TEST(ParentOptions, OnlyAFileIsCopied) {
     expect_refused({"--copy"}, "--copy requires --file");
     expect_refused({"--file", "a.webm", "--no-restart"}, "--no-restart requires --copy");
+}
+
+TEST(ParentOptions, ACaptureDoesNotReplaceWhatIsStreamed) {
+    const test::TemporaryFolder folder;
+    const std::string film = folder.file("film.mkv");
+    std::ofstream(film) << "pictures";
+    const std::string link = folder.file("link.mkv");
+    std::filesystem::create_symlink(film, link);
+    const std::string other = folder.file("other.pcap");
+    std::ofstream(other) << "an old capture";
+    for (const std::string& capture : {film, link}) {
+        expect_refused({"--file", film.c_str(), "--capture", capture.c_str()},
+                       "--capture: would overwrite what --file reads");
+        expect_refused({"--replay", film.c_str(), "--capture", capture.c_str()},
+                       "--capture: would overwrite what --replay reads");
+    }
+    EXPECT_EQ(parsed({"--file", film.c_str(), "--capture", other.c_str()}).capture, other);
 }
 
 TEST(ParentOptions, StandardInputFeedsOnePlayer) {

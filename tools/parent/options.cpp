@@ -5,6 +5,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <string>
+#include <system_error>
+#include <utility>
 
 namespace vesper::tools {
 
@@ -181,9 +184,13 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& sta
     try {
         app.parse(argc, argv);
         options.has_size = app.count("--size") > 0;
-        std::error_code none_there;
-        if (std::filesystem::equivalent(options.capture, options.replay, none_there)) {
-            throw CLI::ValidationError("--capture", "would overwrite what --replay reads");
+        for (const auto& [option, input] :
+             {std::pair("--file", options.file), std::pair("--replay", options.replay)}) {
+            std::error_code none_there;
+            if (std::filesystem::equivalent(options.capture, input, none_there)) {
+                throw CLI::ValidationError(
+                    "--capture", std::string("would overwrite what ") + option + " reads");
+            }
         }
         if (options.file == "-" && options.streams > 1) {
             throw CLI::ValidationError("--streams", "standard input can be read only once");
