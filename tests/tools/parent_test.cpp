@@ -391,6 +391,9 @@ TEST_F(ParentTest, BadInputIsOneLineAndStatusTwo) {
     ASSERT_TRUE(test::write_media_file(song, {.frames = 0}));
     const std::string text = folder_.file("notes.txt");
     std::ofstream(text) << std::string(1000, 'a');
+    const std::string garbage = folder_.file("garbage");
+    std::ofstream(garbage) << "neither a program nor a script";
+    std::filesystem::permissions(garbage, std::filesystem::perms::owner_all);
     const std::string cut_short = folder_.file("cut short.pcap");
     ASSERT_TRUE(write_capture(cut_short, {.width = 320, .height = 240}, 1));
     std::filesystem::resize_file(cut_short, std::filesystem::file_size(cut_short) - 1);
@@ -404,7 +407,10 @@ TEST_F(ParentTest, BadInputIsOneLineAndStatusTwo) {
              {{"--file", song}, song + " has no video"},
              {{"--file", text}, text + " has no video"},
              {{"--screen", ":4711"}, "cannot grab the display \":4711\": Input/output error"},
-             {{"--player", "/dev/null"}, "vesper-parent: /dev/null cannot be executed"},
+             {{"--player", "/dev/null"},
+              "vesper-parent: /dev/null cannot be executed: Permission denied"},
+             {{"--player", garbage},
+              "vesper-parent: " + garbage + " cannot be executed: Exec format error"},
              {{"--player", missing}, "vesper-parent: --player: File does not exist: " + missing},
              {{"--size", "3x4"},
               "vesper-parent: --size: width and height must be even and from 2 to 16382, not 3x4"},

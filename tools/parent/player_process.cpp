@@ -19,8 +19,11 @@ namespace {
 constexpr int kSignalBase = 128;     // as a shell reports a death by signal
 constexpr int kCannotExecute = 127;  // as a shell reports a program that it could not start
 
+// The child's end of a pipe that exec closes; if that fails, its error number goes through.
+constexpr int kReport = STDERR_FILENO + 1;
+
 // In the child, between fork and exec: only calls that are safe there.
-[[noreturn]] void become(char* const* arguments, int output, int errors, pid_t parent) {
+[[noreturn]] void become(char* const* arguments, int output, int errors, int report, pid_t parent) {
     setpgid(0, 0);
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != parent) {
@@ -33,8 +36,11 @@ constexpr int kCannotExecute = 127;  // as a shell reports a program that it cou
     dup2(output, STDOUT_FILENO);
     dup2(errors, STDERR_FILENO);
     // The child must not inherit our sockets and captures: a port that we close must be free.
-    close_range(STDERR_FILENO + 1, ~0U, 0);
+    dup3(report, kReport, O_CLOEXEC);  // refused where it is there already, and closed on exec
+    close_range(kReport + 1, ~0U, 0);
     execv(arguments[0], arguments);
+    const int reason = errno;
+    [[maybe_unused]] const ssize_t written = write(kReport, &reason, sizeof reason);
     _exit(kCannotExecute);
 }
 
@@ -88,26 +94,37 @@ bool PlayerProcess::start(const std::vector<std::string>& command_line) {
 
     std::array<int, 2> output{};
     std::array<int, 2> errors{};
-    if (pipe2(output.data(), O_CLOEXEC) < 0 || pipe2(errors.data(), O_CLOEXEC) < 0) {
+    std::array<int, 2> report{};
+    if (pipe2(output.data(), O_CLOEXEC) < 0 || pipe2(errors.data(), O_CLOEXEC) < 0 ||
+        pipe2(report.data(), O_CLOEXEC) < 0) {
         std::fprintf(stderr, "vesper-parent: cannot make a pipe: %s\n", std::strerror(errno));
         return false;
     }
     const pid_t self = getpid();
     pid_ = fork();
     if (pid_ == 0) {
-        become(arguments.data(), output[1], errors[1], self);
+        become(arguments.data(), output[1], errors[1], report[1], self);
     }
     close(output[1]);
     close(errors[1]);
+    close(report[1]);
     output_.fd = output[0];
     errors_.fd = errors[0];
     fcntl(output_.fd, F_SETFL, O_NONBLOCK);
     fcntl(errors_.fd, F_SETFL, O_NONBLOCK);
     if (pid_ < 0) {
         std::fprintf(stderr, "vesper-parent: cannot start a process: %s\n", std::strerror(errno));
+        close(report[0]);
         return false;
     }
-    return true;
+    int reason = 0;
+    const bool refused = read(report[0], &reason, sizeof reason) == sizeof reason;
+    close(report[0]);
+    if (refused) {
+        std::fprintf(stderr, "vesper-parent: %s cannot be executed: %s\n", arguments[0],
+                     std::strerror(reason));
+    }
+    return !refused;
 }
 
 void PlayerProcess::read_lines(Stream& stream, const LineHandler& line) {

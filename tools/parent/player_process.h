@@ -42,7 +42,7 @@ class PlayerProcess {
     PlayerProcess& operator=(const PlayerProcess&) = delete;
 
     // Starts `command_line`, whose first word is the program's path. False, with a line on standard
-    // error, when the system refuses.
+    // error, when the system refuses to start a process or to execute that program.
     [[nodiscard]] bool start(const std::vector<std::string>& command_line);
 
     // Readable when there is output to read; -1 once the player closed it.
