@@ -2,14 +2,19 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <fstream>
 #include <set>
 
 #include "net/udp_socket.h"
+#include "tests/support/captured_output.h"
 
 namespace vesper::tools {
 namespace {
+
+using test::Printed;
+using test::printed_by;
 
 TEST(FreePort, CanBeBound) {
     UDPSocket socket;
@@ -24,6 +29,19 @@ TEST(FreePort, IsGivenOnce) {
     }
     EXPECT_EQ(ports.size(), kPorts);
     EXPECT_FALSE(ports.contains(0));
+}
+
+TEST(FreePort, IsNoneWhereNoSocketCanBeOpened) {
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const rlimit none{.rlim_cur = 0, .rlim_max = usual.rlim_max};
+    const Printed printed = printed_by([&] {
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+        EXPECT_EQ(free_port(), 0);
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    });
+    EXPECT_EQ(printed,
+              (Printed{.out = "", .err = "No free port for a player: Too many open files\n"}));
 }
 
 TEST(FreePort, IsNotOneThatTheSystemGivesOutByItself) {

@@ -5,6 +5,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <random>
 
 namespace vesper::tools {
@@ -60,6 +63,7 @@ std::uint16_t free_port() {
             return port;
         }
     }
+    std::fprintf(stderr, "No free port for a player: %s\n", std::strerror(errno));
     return 0;
 }
 
