@@ -172,6 +172,14 @@ TEST(ParentOptions, NumbersMustBeInRange) {
     expect_refused({"--jitter", "-1"}, "--jitter: " + out_of(CLI::Range(0, 10'000), "-1"));
 }
 
+TEST(ParentOptions, NumbersMustBeNumbers) {
+    for (const char* option : {"--volume", "--seconds", "--loss", "--duplicate", "--reorder",
+                               "--corrupt", "--truncate"}) {
+        expect_refused({option, "nan"}, std::string(option) + ": nan is not a number");
+    }
+    expect_refused({"--replay", "a.pcap", "--speed", "-NaN"}, "--speed: -NaN is not a number");
+}
+
 TEST(ParentOptions, OptionsThatContradictEachOtherAreRefused) {
     expect_refused({"--file", "a.mkv", "--screen", ":5"}, "--file excludes --screen");
     expect_refused({"--streams", "2", "--to", "8000"}, "--to excludes --streams");

@@ -20,6 +20,7 @@
 #include "tests/support/temporary_folder.h"
 #include "tests/tools/grey_picture.h"
 #include "tools/stream/capture.h"
+#include "tools/stream/link.h"
 #include "tools/stream/packetizer.h"
 #include "tools/stream/replay.h"
 #include "tools/stream/vp8_encoder.h"
@@ -256,6 +257,17 @@ TEST_F(Replay, LeavesOutEmptyDatagramsWhateverTheImpairments) {
         EXPECT_EQ(run_parent(impairment + " 100 --replay '" + capture_ + "'"), kGoodEnding);
         EXPECT_THAT(received(), testing::ElementsAre(testing::SizeIs(1))) << impairment;
     }
+}
+
+TEST_F(Replay, OfADatagramThatIsAbsurdlyLateWaits) {
+    Link link;
+    ASSERT_TRUE(link.open(0, player_.get_bound_port()));
+    replay({{.time = {}, .bytes = {1}}, {.time = std::chrono::microseconds::max(), .bytes = {2}}},
+           0.01, Clock::now(), link);
+    link.start({});
+    ASSERT_TRUE(test::eventually([&] { return link.counters().datagrams_sent > 0; }));
+    EXPECT_EQ(link.counters().datagrams_sent, 1U);
+    EXPECT_FALSE(link.idle());
 }
 
 TEST_F(Replay, OfAFileThatIsNoCaptureFails) {

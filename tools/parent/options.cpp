@@ -1,6 +1,7 @@
 #include "tools/parent/options.h"
 
 #include <CLI/CLI.hpp>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -17,6 +18,11 @@ constexpr int kBadUsage = 2;
 
 // Largest side that a VP8 frame header can name (RFC 6386, section 9.1: 14 bits).
 constexpr int kMaxSide = 16'383;  // pixels
+
+// NaN, which the other checks let pass, is neither too small nor too large.
+std::string refuse_nan(const std::string& text) {
+    return std::isnan(std::strtod(text.c_str(), nullptr)) ? text + " is not a number" : "";
+}
 
 // "1280x720" into `video`; returns what is wrong, or an empty text.
 std::string read_size(const std::string& text, Vp8Settings& video) {
@@ -56,6 +62,7 @@ void add_player_options(CLI::App& app, Options& options) {
     app.add_option("--volume", options.volume, "Volume that the player starts with")
         ->capture_default_str()
         ->check(CLI::Range(0.0, 1.0))
+        ->check(refuse_nan)
         ->group("Player");
     app.add_flag("--muted", options.muted, "Start the player muted")->group("Player");
 }
@@ -84,6 +91,7 @@ void add_source_options(CLI::App& app, Options& options) {
     app.add_option("--speed", options.speed, "Replay this many times as fast")
         ->capture_default_str()
         ->check(CLI::Range(0.01, 100.0))
+        ->check(refuse_nan)
         ->needs(replay)
         ->group("Source");
     app.add_option_function<std::string>(
@@ -144,6 +152,7 @@ void add_link_options(CLI::App& app, Options& options, int& jitter) {
     const auto add_percentage = [&app](const char* name, double& percent, const char* help) {
         app.add_option(name, percent, help)
             ->check(CLI::Range(0.0, 100.0))
+            ->check(refuse_nan)
             ->type_name("PERCENT")
             ->group("Link");
     };
@@ -180,7 +189,8 @@ std::optional<Options> parse_options(int argc, const char* const* argv, int& sta
     add_link_options(app, options, jitter);
     add_player_options(app, options);
     app.add_option("--seconds", seconds, "End after this many seconds (default: never)")
-        ->check(CLI::PositiveNumber);
+        ->check(CLI::PositiveNumber)
+        ->check(refuse_nan);
     try {
         app.parse(argc, argv);
         options.has_size = app.count("--size") > 0;

@@ -11,6 +11,11 @@ namespace vesper::tools {
 
 namespace {
 
+using Seconds = std::chrono::duration<double>;
+
+// Later than anybody waits, yet a time that the clock can express.
+constexpr Seconds kLatest = std::chrono::years(100);
+
 bool is_sound(std::span<const std::uint8_t> datagram) {
     return datagram.size() > kPacketHeaderSize &&
            (read_packet_header(datagram.data()).flags & kScreenAudioFlag) != 0;
@@ -34,9 +39,9 @@ void replay(std::vector<CapturedDatagram> stream, double speed, Clock::time_poin
             Link& link) {
     Clock::time_point due = start;
     for (CapturedDatagram& datagram : stream) {
-        const std::chrono::duration<double> since_first = datagram.time - stream.front().time;
-        due =
-            std::max(due, start + std::chrono::duration_cast<Clock::duration>(since_first / speed));
+        const Seconds since_first = datagram.time - stream.front().time;
+        const Seconds wait = std::clamp(since_first / speed, Seconds(0), kLatest);
+        due = std::max(due, start + std::chrono::duration_cast<Clock::duration>(wait));
         link.send(std::move(datagram.bytes), due);
     }
 }

@@ -13,8 +13,8 @@
 namespace vesper::tools {
 
 // Passes `stream` to the link: the first datagram is due at `start`, the others as long after it as
-// in the capture, `speed` (above 0) times as fast. Where the capture's times go back, the order
-// stays. The link is idle once the last one has been sent.
+// in the capture, `speed` (above 0) times as fast, but at most a hundred years. Where the capture's
+// times go back, the order stays. The link is idle once the last one has been sent.
 void replay(std::vector<CapturedDatagram> stream, double speed, Clock::time_point start,
             Link& link);
 
