@@ -12,6 +12,7 @@ extern "C" {
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -297,6 +298,33 @@ TEST_F(ParentTest, EndsThePlayerOnCtrlC) {
     parent.send_signal(SIGINT);
     EXPECT_EQ(parent.status(), 128 + SIGINT);
     EXPECT_TRUE(eventually([player] { return ended(player); }));
+}
+
+// The player may be a script that prepares something and then starts the real one.
+TEST_F(ParentTest, EndsWhatThePlayerStarted) {
+    Parent parent({"--player", player("sleep 1000 & echo \"pid $!\"; echo '" +
+                                      std::string(kListening) + "1'; wait")});
+    ASSERT_TRUE(parent.prints(kListening));
+    const pid_t started = pid_of(parent);
+    parent.send_signal(SIGTERM);
+    EXPECT_EQ(parent.status(), 128 + SIGTERM);
+    EXPECT_TRUE(eventually([started] { return ended(started); }));
+}
+
+TEST_F(ParentTest, KillsWhatThePlayerStartedAndWillNotEnd) {
+    std::optional<PlayerProcess> process(std::in_place);
+    ASSERT_TRUE(
+        process->start({player("(trap '' TERM; exec sh -c 'echo $$; exec sleep 1000') & wait")}));
+    pid_t started = 0;
+    ASSERT_TRUE(eventually([&] {
+        process->read_output(
+            [&](std::string_view line) { started = std::stoi(std::string(line)); });
+        return started != 0;
+    }));
+    process->terminate();
+    ASSERT_TRUE(eventually([&] { return ended(process->pid()); }));
+    process.reset();
+    EXPECT_TRUE(eventually([&] { return ended(started); }));
 }
 
 TEST_F(ParentTest, ThePlayerEndsEvenWhenTheParentIsKilled) {

@@ -73,8 +73,8 @@ std::vector<std::string> command_line(const std::string& program,
 }
 
 PlayerProcess::~PlayerProcess() {
-    if (pid_ > 0 && !exit_status()) {
-        kill(pid_, SIGKILL);
+    if (pid_ > 0 && !exit_status_) {  // so the number is still its group's, even if it is dead
+        kill(-pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
     for (const Stream& stream : {std::cref(output_), std::cref(errors_)}) {
@@ -157,7 +157,7 @@ std::optional<int> PlayerProcess::exit_status() {
 
 void PlayerProcess::terminate() const {
     if (pid_ > 0 && !exit_status_) {
-        kill(pid_, SIGTERM);
+        kill(-pid_, SIGTERM);
     }
 }
 

@@ -29,14 +29,16 @@ struct PlayerArguments {
                                                     const PlayerArguments& arguments);
 
 // One thread uses it. The child is in a process group of its own, so that Ctrl-C reaches only us
-// and we end it; if we die without doing so, the system ends it.
+// and we end it, with all that it started there; if we die without doing so, the system ends it,
+// but nothing that it started.
 class PlayerProcess {
   public:
     // Called with each line that the player writes, without its newline.
     using LineHandler = std::function<void(std::string_view)>;
 
     PlayerProcess() = default;
-    // Ends the player and waits for it.
+    // Kills the player with its group, unless exit_status() has returned its status, and waits for
+    // it.
     ~PlayerProcess();
     PlayerProcess(const PlayerProcess&) = delete;
     PlayerProcess& operator=(const PlayerProcess&) = delete;
@@ -59,7 +61,7 @@ class PlayerProcess {
     // -1 before start().
     [[nodiscard]] pid_t pid() const { return pid_; }
 
-    // Asks the player to end (SIGTERM).
+    // Asks the player and its group to end (SIGTERM), unless exit_status() has returned its status.
     void terminate() const;
 
   private:
