@@ -15,6 +15,8 @@ extern "C" {
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
+#include <thread>
 #include <vector>
 
 #include "net/stream_datagrams.h"
@@ -36,10 +38,12 @@ namespace {
 using test::eventually;
 using testing::Contains;
 using testing::ContainsRegex;
+using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::IsSupersetOf;
+using testing::Le;
 using testing::Not;
 
 constexpr const char* kListening = "[VideoPlayer] Listening on UDP port ";
@@ -269,6 +273,19 @@ TEST_F(ParentTest, PassesOnWhatThePlayerWrites) {
     EXPECT_EQ(parent.status(), 0);
     EXPECT_THAT(parent.out(), ElementsAre("one", "three", ContainsRegex("^\\[Parent\\] ")));
     EXPECT_THAT(parent.err(), ElementsAre("two"));
+}
+
+// It would take all our memory, and we would do nothing else.
+TEST_F(ParentTest, PassesOnALineWithoutEndInPieces) {
+    constexpr std::size_t kLongest = 2 * 64 * 1024;  // bytes
+    PlayerProcess process;
+    ASSERT_TRUE(process.start({player("exec tr '\\0' x < /dev/zero")}));
+    std::vector<std::size_t> pieces;
+    EXPECT_TRUE(eventually([&] {
+        process.read_output([&](std::string_view line) { pieces.push_back(line.size()); });
+        return pieces.size() >= 10;
+    }));
+    EXPECT_THAT(pieces, Each(Le(kLongest)));
 }
 
 TEST_F(ParentTest, SendsNothingBeforeThePlayerListens) {

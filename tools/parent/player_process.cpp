@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <utility>
 
 namespace vesper::tools {
 
@@ -18,6 +20,10 @@ namespace {
 
 constexpr int kSignalBase = 128;     // as a shell reports a death by signal
 constexpr int kCannotExecute = 127;  // as a shell reports a program that it could not start
+
+// What a pipe holds (pipe(7)). No more is read at once, so that a player that never stops writing
+// does not keep us from the rest, and no more is kept of a line that does not end.
+constexpr std::size_t kPipeSize = 65'536;  // bytes
 
 // The child's end of a pipe that exec closes; if that fails, its error number goes through.
 constexpr int kReport = STDERR_FILENO + 1;
@@ -128,9 +134,12 @@ bool PlayerProcess::start(const std::vector<std::string>& command_line) {
 }
 
 void PlayerProcess::read_lines(Stream& stream, const LineHandler& line) {
-    std::array<char, 4096> buffer{};
-    ssize_t length = 0;
-    while (stream.fd >= 0 && (length = read(stream.fd, buffer.data(), buffer.size())) > 0) {
+    if (stream.fd < 0) {
+        return;
+    }
+    std::array<char, kPipeSize> buffer{};
+    const ssize_t length = read(stream.fd, buffer.data(), buffer.size());
+    if (length > 0) {
         stream.partial_line.append(buffer.data(), static_cast<std::size_t>(length));
     }
     std::size_t end = 0;
@@ -138,10 +147,11 @@ void PlayerProcess::read_lines(Stream& stream, const LineHandler& line) {
         line(std::string_view(stream.partial_line).substr(0, end));
         stream.partial_line.erase(0, end + 1);
     }
-    if (stream.fd >= 0 && length == 0) {
-        if (!stream.partial_line.empty()) {
-            line(stream.partial_line);
-        }
+    const bool ended = length == 0;
+    if (!stream.partial_line.empty() && (ended || stream.partial_line.size() >= kPipeSize)) {
+        line(std::exchange(stream.partial_line, {}));
+    }
+    if (ended) {
         close(stream.fd);
         stream.fd = -1;
     }

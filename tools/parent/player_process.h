@@ -33,7 +33,8 @@ struct PlayerArguments {
 // but nothing that it started.
 class PlayerProcess {
   public:
-    // Called with each line that the player writes, without its newline.
+    // Called with each line that the player writes, without its newline. One of more than 64 KiB
+    // comes in pieces of at most twice that.
     using LineHandler = std::function<void(std::string_view)>;
 
     PlayerProcess() = default;
@@ -51,7 +52,8 @@ class PlayerProcess {
     [[nodiscard]] int output() const { return output_.fd; }
     [[nodiscard]] int errors() const { return errors_.fd; }
 
-    // Read what the player has written to its standard output or standard error, without waiting.
+    // Read some of what the player has written to its standard output or standard error, without
+    // waiting.
     void read_output(const LineHandler& line) { read_lines(output_, line); }
     void read_errors(const LineHandler& line) { read_lines(errors_, line); }
 
