@@ -41,9 +41,10 @@ constexpr int kReport = STDERR_FILENO + 1;
     signal(SIGPIPE, SIG_DFL);
     dup2(output, STDOUT_FILENO);
     dup2(errors, STDERR_FILENO);
-    // The child must not inherit our sockets and captures: a port that we close must be free.
     dup3(report, kReport, O_CLOEXEC);  // refused where it is there already, and closed on exec
-    close_range(kReport + 1, ~0U, 0);
+    // The child must not inherit our sockets and captures: a port that we close must be free.
+    // Unlike close_range(), this works on every system.
+    closefrom(kReport + 1);
     execv(arguments[0], arguments);
     const int reason = errno;
     [[maybe_unused]] const ssize_t written = write(kReport, &reason, sizeof reason);
