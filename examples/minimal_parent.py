@@ -13,9 +13,10 @@ def read_ivf(path):
     with open(path, "rb") as file:
         rate, scale = struct.unpack("<16xII8x", file.read(32))
         frames = []
-        while head := file.read(12):
+        while len(head := file.read(12)) == 12:
             size, timestamp = struct.unpack("<IQ", head)
-            frames.append((timestamp * scale / rate, file.read(size)))
+            if frame := file.read(size):  # of an empty one there is nothing to send
+                frames.append((timestamp * scale / rate, frame))
     return frames
 
 
@@ -42,7 +43,8 @@ while at < len(frames):
     due, frame = frames[at]
     if frame[0] % 2 == 0:
         keyframe = at  # VP8's first bit
-    frame_id = max(frame_id + 1, int(time.monotonic() * 100))  # grows, even if this program restarts
+    # Grows, even if this program restarts.
+    frame_id = max(frame_id + 1, int(time.monotonic() * 100) % 2**32)
     slices = [frame[i : i + 1400] for i in range(0, len(frame), 1400)]
     for index, payload in enumerate(slices):
         # Never a burst: the player takes one datagram a pass.

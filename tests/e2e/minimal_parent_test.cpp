@@ -75,11 +75,15 @@ class MinimalParent : public PlayerTest {
         example_port_ = std::to_string(tools::free_port());
     }
 
-    void run_example(const Video& film) {
+    void run_example(const Video& film) { run_example_with(ivf(film), {VESPER_PYTHON}); }
+
+    // With the content of its video file, and the words of the command that runs Python.
+    void run_example_with(const std::string& file, std::vector<std::string> command) {
         const std::string video_file = directory.path() / "video.ivf";
-        std::ofstream(video_file, std::ios::binary) << ivf(film);
-        example_.emplace(std::vector<std::string>{VESPER_PYTHON, VESPER_MINIMAL_PARENT,
-                                                  std::to_string(port), example_port_, video_file});
+        std::ofstream(video_file, std::ios::binary) << file;
+        command.insert(command.end(),
+                       {VESPER_MINIMAL_PARENT, std::to_string(port), example_port_, video_file});
+        example_.emplace(command);
     }
 
     void expect_fields() {
@@ -145,6 +149,29 @@ TEST_F(MinimalParent, TakesTheTimeOfEachFrameFromTheFile) {
     run_example({.frames = 2 * kFramesPerSecond, .time_units = 1000});
     EXPECT_EQ(example_->wait_for_end(), Ending{});
     EXPECT_GT(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(1800));
+}
+
+TEST_F(MinimalParent, LeavesOutFramesWithoutAByteAndWhatIsCutShort) {
+    std::string file = ivf({.frames = 2});
+    append(file, 0, 4);
+    append(file, 2, 8);
+    file += "cut";
+    run_example_with(file, {VESPER_PYTHON});
+    EXPECT_EQ(example_->wait_for_end(), Ending{});
+    EXPECT_EQ(example_->err(), "");
+}
+
+// The frames' numbers come from a clock that runs from the machine's start on.
+TEST_F(MinimalParent, RunsOnAMachineThatHasRunForYears) {
+    const std::string years_later =
+        "import runpy, sys, time\n"
+        "now = time.monotonic\n"
+        "time.monotonic = lambda: now() + 5 * 365 * 86400\n"
+        "sys.argv = sys.argv[1:]\n"
+        "runpy.run_path(sys.argv[0], run_name='__main__')\n";
+    run_example_with(ivf({.frames = 2}), {VESPER_PYTHON, "-c", years_later});
+    EXPECT_EQ(example_->wait_for_end(), Ending{});
+    EXPECT_EQ(example_->err(), "");
 }
 
 TEST_F(MinimalParent, IsShownAgainAfterACrash) {
