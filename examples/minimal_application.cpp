@@ -10,6 +10,9 @@
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
 
+// More than a full receive buffer holds, yet limited, so that a flood does not freeze the window.
+constexpr int kDatagramsPerPass = 200;
+
 void feed(vesper::client::VideoReceiver& receiver, const std::uint8_t* datagram, int length) {
     if (length < vesper::kPacketHeaderSize) {
         return;
@@ -36,11 +39,13 @@ bool show_stream(std::uint16_t port, std::uint16_t reply_port) {
                 return true;
             }
         }
-        // Waits up to 5 ms for the first datagram, and takes all that have arrived.
-        int length = socket.recv(datagram.data(), datagram.size(), 5);
-        while (length > 0) {
+        // Waits up to 5 ms for the first datagram, and takes what has arrived.
+        for (int taken = 0; taken < kDatagramsPerPass; ++taken) {
+            const int length = socket.recv(datagram.data(), datagram.size(), taken == 0 ? 5 : 0);
+            if (length <= 0) {
+                break;
+            }
             feed(receiver, datagram.data(), length);
-            length = socket.recv(datagram.data(), datagram.size(), 0);
         }
         if (receiver.needs_keyframe_request()) {
             socket.send(vesper::kKeyframeRequest.data(), vesper::kKeyframeRequest.size(),
