@@ -49,6 +49,8 @@ constexpr int kDatagramsPerPass = 200;
 // the next pass, so this is short.
 constexpr std::uint32_t kPassPause = 1;  // ms
 
+constexpr int kLastPort = 65'535;
+
 struct Source {
     std::uint16_t port = 0;
     std::uint16_t reply_port = 0;  // 0: nobody to ask for keyframes
@@ -56,14 +58,16 @@ struct Source {
 };
 
 std::optional<Source> parse_source(const char* text) {
-    Source source;
+    int port = 0;
+    int reply_port = 0;
     int name_at = 0;
-    if (std::sscanf(text, "%hu:%hu:%n", &source.port, &source.reply_port, &name_at) != 2 ||
-        name_at == 0) {
+    if (std::sscanf(text, "%5d:%5d:%n", &port, &reply_port, &name_at) != 2 || name_at == 0 ||
+        port < 1 || port > kLastPort || reply_port < 0 || reply_port > kLastPort) {
         return std::nullopt;
     }
-    source.name = text + name_at;
-    return source;
+    return Source{.port = static_cast<std::uint16_t>(port),
+                  .reply_port = static_cast<std::uint16_t>(reply_port),
+                  .name = text + name_at};
 }
 
 // One stream that somebody watches. Main thread only.
@@ -285,6 +289,9 @@ int main(int argc, char** argv) {
             return print_usage(argv[0]);
         }
         sources.push_back(*source);
+    }
+    if (sources.empty()) {
+        return print_usage(argv[0]);
     }
     if (SDL_Init(SDL_INIT_VIDEO | SDL_INIT_AUDIO) < 0) {
         std::fprintf(stderr, "SDL_Init failed: %s\n", SDL_GetError());

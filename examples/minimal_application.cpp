@@ -3,8 +3,9 @@
 #include <SDL2/SDL.h>
 
 #include <array>
+#include <charconv>
 #include <cstdint>
-#include <string>
+#include <string_view>
 
 #include "client/video_receiver.h"
 #include "net/stream_datagrams.h"
@@ -55,13 +56,20 @@ bool show_stream(std::uint16_t port, std::uint16_t reply_port) {
     }
 }
 
+// 0 if `text` is no port.
+std::uint16_t port_of(std::string_view text) {
+    std::uint16_t port = 0;
+    const char* const end = text.data() + text.size();
+    return std::from_chars(text.data(), end, port).ptr == end ? port : 0;
+}
+
 int main(int argc, char** argv) {
-    if (argc != 3 || SDL_Init(SDL_INIT_VIDEO | SDL_INIT_AUDIO) < 0) {
+    if (argc != 3 || port_of(argv[1]) == 0 || port_of(argv[2]) == 0 ||
+        SDL_Init(SDL_INIT_VIDEO | SDL_INIT_AUDIO) < 0) {
         return 2;
     }
     socket_init();
-    const bool shown = show_stream(static_cast<std::uint16_t>(std::stoi(argv[1])),
-                                   static_cast<std::uint16_t>(std::stoi(argv[2])));
+    const bool shown = show_stream(port_of(argv[1]), port_of(argv[2]));
     socket_cleanup();
     SDL_Quit();  // the receiver is gone by now
     return shown ? 0 : 1;

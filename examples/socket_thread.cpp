@@ -4,10 +4,11 @@
 #include <SDL2/SDL.h>
 
 #include <array>
+#include <charconv>
 #include <cstdint>
 #include <mutex>
 #include <stop_token>
-#include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -111,15 +112,22 @@ bool show_stream(std::uint16_t port, std::uint16_t reply_port) {
     return true;
 }
 
+// 0 if `text` is no port.
+std::uint16_t port_of(std::string_view text) {
+    std::uint16_t port = 0;
+    const char* const end = text.data() + text.size();
+    return std::from_chars(text.data(), end, port).ptr == end ? port : 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3 || SDL_Init(SDL_INIT_VIDEO | SDL_INIT_AUDIO) < 0) {
+    if (argc != 3 || port_of(argv[1]) == 0 || port_of(argv[2]) == 0 ||
+        SDL_Init(SDL_INIT_VIDEO | SDL_INIT_AUDIO) < 0) {
         return 2;
     }
     socket_init();
-    const bool shown = show_stream(static_cast<std::uint16_t>(std::stoi(argv[1])),
-                                   static_cast<std::uint16_t>(std::stoi(argv[2])));
+    const bool shown = show_stream(port_of(argv[1]), port_of(argv[2]));
     socket_cleanup();
     SDL_Quit();  // the receiver is gone by now
     return shown ? 0 : 1;

@@ -5,8 +5,9 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstdint>
-#include <string>
+#include <string_view>
 
 #include "audio/opus_codec.h"
 #include "client/audio_device.h"
@@ -125,15 +126,22 @@ bool talk(std::uint16_t port, std::uint16_t peer_port) {
     return true;
 }
 
+// 0 if `text` is no port.
+std::uint16_t port_of(std::string_view text) {
+    std::uint16_t port = 0;
+    const char* const end = text.data() + text.size();
+    return std::from_chars(text.data(), end, port).ptr == end ? port : 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3 || SDL_Init(SDL_INIT_AUDIO | SDL_INIT_EVENTS) < 0) {
+    if (argc != 3 || port_of(argv[1]) == 0 || port_of(argv[2]) == 0 ||
+        SDL_Init(SDL_INIT_AUDIO | SDL_INIT_EVENTS) < 0) {
         return 2;
     }
     socket_init();
-    const bool talked = talk(static_cast<std::uint16_t>(std::stoi(argv[1])),
-                             static_cast<std::uint16_t>(std::stoi(argv[2])));
+    const bool talked = talk(port_of(argv[1]), port_of(argv[2]));
     socket_cleanup();
     SDL_Quit();  // the devices are closed by now
     return talked ? 0 : 1;
