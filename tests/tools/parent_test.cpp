@@ -3,12 +3,15 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -133,6 +136,11 @@ class ParentTest : public testing::Test {
     // One that reports that it listens, prints its process id, and keeps running.
     std::string patient_player() const {
         return player("echo \"pid $$\"; echo '" + std::string(kListening) + "1'; exec sleep 1000");
+    }
+    // One that is patient too, and ignores SIGTERM.
+    std::string stubborn_player() const {
+        return player("trap '' TERM; echo \"pid $$\"; echo '" + std::string(kListening) +
+                      "1'; exec sleep 1000");
     }
     // One that is patient too, but for the first of several, which ends at once.
     std::string player_that_fails_once() const {
@@ -383,8 +391,23 @@ TEST_F(ParentTest, KillsWhatThePlayerStartedAndWillNotEnd) {
     EXPECT_TRUE(eventually([&] { return ended(started); }));
 }
 
+// A pipe that nobody writes into blocks whoever reads it.
+TEST_F(ParentTest, EndsOnCtrlCWhileItsFileIsStillBeingOpened) {
+    const std::string pipe = folder_.file("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    Parent parent({"--player", patient_player(), "--file", pipe});
+    int writer = -1;  // only once there is a reader
+    ASSERT_TRUE(eventually([&] {
+        writer = open(pipe.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        return writer >= 0;
+    }));
+    parent.send_signal(SIGINT);
+    EXPECT_EQ(parent.status(), 128 + SIGINT);
+    close(writer);
+}
+
 TEST_F(ParentTest, ThePlayerEndsEvenWhenTheParentIsKilled) {
-    Parent parent({"--player", patient_player()});
+    Parent parent({"--player", stubborn_player()});
     ASSERT_TRUE(parent.prints(kListening));
     const pid_t player = pid_of(parent);
     parent.send_signal(SIGKILL);
@@ -497,7 +520,8 @@ TEST_F(ParentTest, BadInputIsOneLineAndStatusTwo) {
               "vesper-parent: " + garbage + " cannot be executed: Exec format error"},
              {{"--player", missing}, "vesper-parent: --player: File does not exist: " + missing},
              {{"--size", "3x4"},
-              "vesper-parent: --size: width and height must be even and from 2 to 16382, not 3x4"},
+              "vesper-parent: --size: width and height must be even and from 2 to 16382, not "
+              "3x4"},
              {{"--replay", missing}, missing + ": No such file or directory"},
              {{"--replay", text}, text + ": not a capture: unknown file format"},
              {{"--replay", cut_short},

@@ -1,7 +1,6 @@
 // vesper-parent: stands in for the application that starts the player, for engineers who write such
 // an application and for anyone who wants to try the player.
 #include <poll.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 extern "C" {
@@ -10,7 +9,6 @@ extern "C" {
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -19,6 +17,7 @@ extern "C" {
 #include "net/udp_socket.h"
 #include "tools/parent/options.h"
 #include "tools/parent/session.h"
+#include "tools/parent/signal_watch.h"
 #include "tools/parent/status.h"
 #include "tools/stream/capture.h"
 
@@ -27,6 +26,7 @@ using vesper::tools::Clock;
 using vesper::tools::Figures;
 using vesper::tools::Options;
 using vesper::tools::Session;
+using vesper::tools::SignalWatch;
 using vesper::tools::StatusReporter;
 
 namespace {
@@ -40,24 +40,10 @@ constexpr int kWait = 100;  // ms
 // Patience with a player that was asked to end.
 constexpr auto kEndTimeout = std::chrono::seconds(5);
 
-// A descriptor for the signals that end us. They are blocked in all threads from here on.
-int watch_signals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaddset(&signals, signal);
-    }
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    return signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-}
-
 // The streams of one run.
 class Run {
   public:
-    explicit Run(const Options& options) : options_(options), signals_(watch_signals()) {}
-    ~Run() { close(signals_); }
-    Run(const Run&) = delete;
-    Run& operator=(const Run&) = delete;
+    explicit Run(const Options& options) : options_(options) {}
 
     // The exit status.
     int run();
@@ -67,13 +53,12 @@ class Run {
     [[nodiscard]] int stream();
     [[nodiscard]] std::optional<int> all_players_ended();
     [[nodiscard]] bool all_feeds_finished() const;
-    [[nodiscard]] std::optional<int> received_signal() const;
     void wait_for_news();
     void end_players();
     [[nodiscard]] Figures figures();
 
     Options options_;
-    int signals_;
+    SignalWatch signals_;  // the first of all threads
     StatusReporter reporter_{isatty(STDOUT_FILENO) == 1};
     CaptureWriter capture_;
     std::vector<std::unique_ptr<Session>> sessions_;
@@ -85,6 +70,7 @@ int Run::run() {
     if (!open()) {
         return kBadUsage;
     }
+    signals_.report_first();
     const int status = stream();
     if (failed_) {
         return kBadUsage;
@@ -120,7 +106,7 @@ int Run::stream() {
         if (const auto status = all_players_ended()) {
             return *status;
         }
-        if (const auto signal = received_signal()) {
+        if (const auto signal = signals_.take()) {
             return kSignalBase + *signal;
         }
         const auto started = [](const auto& session) { return session->started(); };
@@ -159,16 +145,9 @@ bool Run::all_feeds_finished() const {
     return std::ranges::all_of(sessions_, [](const auto& session) { return session->finished(); });
 }
 
-std::optional<int> Run::received_signal() const {
-    signalfd_siginfo info{};
-    if (read(signals_, &info, sizeof info) != sizeof info) {
-        return std::nullopt;
-    }
-    return static_cast<int>(info.ssi_signo);
-}
-
 void Run::wait_for_news() {
-    std::vector<pollfd> descriptors = {{.fd = signals_, .events = POLLIN, .revents = 0}};
+    std::vector<pollfd> descriptors = {
+        {.fd = signals_.descriptor(), .events = POLLIN, .revents = 0}};
     for (const auto& session : sessions_) {
         for (const int fd : {session->player_output(), session->player_errors()}) {
             descriptors.push_back({.fd = fd, .events = POLLIN, .revents = 0});
@@ -190,6 +169,7 @@ void Run::end_players() {
     };
     while (!std::ranges::all_of(sessions_, silent) && Clock::now() < give_up) {
         wait_for_news();
+        static_cast<void>(signals_.take());  // what it asks for is being done, and it would wake us
     }
 }
 

@@ -31,7 +31,7 @@ constexpr int kReport = STDERR_FILENO + 1;
 // In the child, between fork and exec: only calls that are safe there.
 [[noreturn]] void become(char* const* arguments, int output, int errors, int report, pid_t parent) {
     setpgid(0, 0);
-    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // SIGTERM could be ignored
     if (getppid() != parent) {
         _exit(kCannotExecute);  // it died before we could ask to be notified
     }
