@@ -294,6 +294,15 @@ INSTANTIATE_TEST_SUITE_P(
                    kVp8 + kOpus + "-application voip -dtx 1 -b:a 16k"}),
     [](const auto& copied) { return copied.param.name; });
 
+// libavformat has to look into packets to know what the streams of such a file are.
+TEST_F(RelayTest, AFileWhoseHeaderDescribesNothingLosesNothing) {
+    const std::string path = file("film.flv");
+    make_media(kPicture + "-t 0.5 -c:v flv1", path);
+    relay({.input = path});
+    const Feed::Counters counters = relay_->counters();
+    EXPECT_EQ(counters.frames + counters.skipped, 15U);
+}
+
 // Two formats that contain only sound.
 TEST_F(RelayTest, SoundAloneIsAStreamToo) {
     for (const std::string name : {"song.opus", "song.ogg"}) {

@@ -188,6 +188,10 @@ std::string MediaInput::open(const std::string& name) {
         known = known && format_->streams[i]->codecpar->codec_id != AV_CODEC_ID_NONE;
     }
     if (!known) {
+        // A file waits for us, and would lose its beginning otherwise.
+        if (is_repeatable()) {
+            format_->flags &= ~AVFMT_FLAG_NOBUFFER;
+        }
         result = avformat_find_stream_info(format_, nullptr);
         if (result < 0) {
             close();

@@ -34,6 +34,8 @@ class MediaInput {
     MediaInput& operator=(const MediaInput&) = delete;
 
     // Opens `name`, closing what was open before. Returns an empty text on success, or the reason.
+    // Where the header does not describe the streams, packets are looked into; those of a file are
+    // read again, those of anything else are lost, so that the stream does not begin late.
     [[nodiscard]] std::string open(const std::string& name);
 
     // The best stream of each kind; null where there is none. Until the next open().
