@@ -18,6 +18,7 @@ extern "C" {
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <ostream>
 #include <string>
@@ -420,6 +421,28 @@ INSTANTIATE_TEST_SUITE_P(
                 "-ac 1 -c:a libopus -application voip -frame_duration 60 -b:a 10k -cutoff 4000",
                 "its Opus frames are longer than 20 ms and cannot be split: it is re-encoded"}),
     [](const auto& encoded) { return encoded.param.name; });
+
+// Replaces the first `from` in a file; both are as long.
+void replace_in_file(const std::string& path, const std::string& from, const std::string& to) {
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+    const std::size_t at = bytes.find(from);
+    ASSERT_NE(at, std::string::npos) << path << " holds no " << from;
+    file.seekp(static_cast<std::streamoff>(at)) << to;
+}
+
+TEST_F(RelayTest, SoundWithoutADecoderIsLeftOut) {
+    const std::string path = file("film.mkv");
+    make_media(kPicture + kTone + "-t 0.5 " + kVp8 + kOpus, path);
+    replace_in_file(path, "A_OPUS", "A_XPUS");
+    relay({.input = path});
+    EXPECT_THAT(relay_->take_lines(),
+                ElementsAre(path + ": its sound is none and not Opus: it is left out, libavcodec "
+                                   "has no decoder for it"));
+    EXPECT_FALSE(relay_->has_sound());
+    EXPECT_EQ(sent().frames, packets_of(path, AVMEDIA_TYPE_VIDEO));
+    EXPECT_THAT(sent().sounds, IsEmpty());
+}
 
 TEST_F(RelayTest, VideoThatIsNoVp8IsEncodedInTheSizeAskedFor) {
     const std::string path = file("film.mkv");

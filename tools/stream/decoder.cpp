@@ -87,19 +87,30 @@ bool Decoder::open(const AVCodecParameters& parameters, std::string shape) {
         return false;
     }
     context_ = avcodec_alloc_context3(codec);
-    if (context_ == nullptr || avcodec_parameters_to_context(context_, &parameters) < 0) {
+    if (context_ == nullptr) {
         return false;
     }
     context_->pkt_timebase = kMicroseconds;
     context_->thread_count = kThreads;
-    return avcodec_open2(context_, codec, nullptr) >= 0;
+    if (avcodec_parameters_to_context(context_, &parameters) < 0 ||
+        avcodec_open2(context_, codec, nullptr) < 0) {
+        close();
+        return false;
+    }
+    return true;
 }
 
 std::vector<Picture> Decoder::decode(const AVPacket& packet) {
-    return avcodec_send_packet(context_, &packet) >= 0 ? receive() : std::vector<Picture>();
+    if (context_ == nullptr || avcodec_send_packet(context_, &packet) < 0) {
+        return {};
+    }
+    return receive();
 }
 
 std::vector<Picture> Decoder::finish() {
+    if (context_ == nullptr) {
+        return {};
+    }
     avcodec_send_packet(context_, nullptr);
     std::vector<Picture> rest = receive();
     avcodec_flush_buffers(context_);

@@ -14,7 +14,7 @@ struct AVPacket;
 
 namespace vesper::tools {
 
-// One thread at a time uses a decoder.
+// One thread at a time uses a decoder. One that is not open returns nothing.
 class Decoder {
   public:
     Decoder() = default;
@@ -23,7 +23,8 @@ class Decoder {
     Decoder& operator=(const Decoder&) = delete;
 
     // For a stream of `parameters`, video or sound; `shape` describes a chain of filters, one end
-    // in and one out. False when libavcodec has no decoder for it. An open decoder is closed first.
+    // in and one out. False, and not open, when libavcodec has no decoder for it or cannot open it.
+    // An open decoder is closed first.
     [[nodiscard]] bool open(const AVCodecParameters& parameters, std::string shape);
 
     // Decodes `packet`, stamped in microseconds, and returns what is ready: pictures, or blocks of

@@ -298,6 +298,9 @@ bool Relay::reencode_sound(const std::string& reason) {
     sound_encoder_.emplace();
     const std::string wrong = sound_encoder_->open(*input_.sound()->codecpar);
     report(reason + (wrong.empty() ? ": it is re-encoded" : ": it is left out, " + wrong));
+    if (!wrong.empty()) {
+        sound_encoder_.reset();
+    }
     return wrong.empty();
 }
 
