@@ -82,6 +82,7 @@ void Decoder::close() {
 bool Decoder::open(const AVCodecParameters& parameters, std::string shape) {
     close();
     shape_ = std::move(shape);
+    end_of_sound_ = 0;
     const AVCodec* codec = avcodec_find_decoder(parameters.codec_id);
     if (codec == nullptr) {
         return false;
@@ -114,6 +115,7 @@ std::vector<Picture> Decoder::finish() {
     avcodec_send_packet(context_, nullptr);
     std::vector<Picture> rest = receive();
     avcodec_flush_buffers(context_);
+    end_of_sound_ = 0;
     return rest;
 }
 
@@ -125,6 +127,9 @@ std::vector<Picture> Decoder::receive() {
             return out;
         }
         frame->pts = frame->best_effort_timestamp;
+        if (is_sound(*frame)) {
+            continue_sound(*frame);
+        }
         if ((!fits_graph(*frame) && !open_graph(*frame)) ||
             av_buffersrc_add_frame(source_, frame.get()) < 0) {
             continue;
@@ -137,6 +142,14 @@ std::vector<Picture> Decoder::receive() {
             out.push_back(std::move(shaped));
         }
     }
+}
+
+// Of the blocks of sound in one packet libavcodec stamps only the first.
+void Decoder::continue_sound(AVFrame& block) {
+    if (block.pts == AV_NOPTS_VALUE) {
+        block.pts = end_of_sound_;
+    }
+    end_of_sound_ = block.pts + av_rescale(block.nb_samples, kMicroseconds.den, block.sample_rate);
 }
 
 bool Decoder::fits_graph(const AVFrame& frame) const {

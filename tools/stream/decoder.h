@@ -1,6 +1,7 @@
 // Decodes the packets of one stream of an input and converts the result to a given format.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@ struct AVCodecContext;
 struct AVCodecParameters;
 struct AVFilterContext;
 struct AVFilterGraph;
+struct AVFrame;
 struct AVPacket;
 
 namespace vesper::tools {
@@ -28,7 +30,8 @@ class Decoder {
     [[nodiscard]] bool open(const AVCodecParameters& parameters, std::string shape);
 
     // Decodes `packet`, stamped in microseconds, and returns what is ready: pictures, or blocks of
-    // sound, each stamped in microseconds. For a damaged packet, nothing.
+    // sound, each stamped in microseconds; a block of sound always, if need be where the one before
+    // it ends, or from 0 on. For a damaged packet, nothing.
     [[nodiscard]] std::vector<Picture> decode(const AVPacket& packet);
 
     // The rest of the decoder's output when no packet follows. After this the stream may restart.
@@ -39,11 +42,13 @@ class Decoder {
 
   private:
     [[nodiscard]] std::vector<Picture> receive();
+    void continue_sound(AVFrame& block);
     [[nodiscard]] bool fits_graph(const AVFrame& frame) const;
     [[nodiscard]] bool open_graph(const AVFrame& frame);
     void close_graph();
 
     std::string shape_;
+    std::int64_t end_of_sound_ = 0;  // microseconds, of the last block
     AVCodecContext* context_ = nullptr;
     AVFilterGraph* graph_ = nullptr;
     AVFilterContext* source_ = nullptr;  // owned by the graph
