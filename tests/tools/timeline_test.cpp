@@ -109,6 +109,23 @@ TEST_F(FileTimeline, AnotherRoundGoesOnWhereTheLastPacketEnds) {
     EXPECT_FALSE(jumped);
 }
 
+// How long it lasts is not known; as long as it would at 25 a second.
+TEST_F(FileTimeline, ARoundOfOnePacketLastsToo) {
+    EXPECT_EQ(picture(seconds(5)), Time(0));
+    timeline.begin_again();
+    EXPECT_EQ(picture(seconds(5)), milliseconds(40));
+    timeline.begin_again();
+    EXPECT_EQ(picture(seconds(5)), milliseconds(80));
+    EXPECT_FALSE(jumped);
+}
+
+TEST_F(FileTimeline, ARoundOfPacketsOfOneTimeLastsToo) {
+    EXPECT_EQ(picture(seconds(5)), Time(0));
+    EXPECT_EQ(picture(seconds(5)), Time(0));
+    timeline.begin_again();
+    EXPECT_EQ(picture(seconds(5)), milliseconds(40));
+}
+
 struct LiveTimeline : testing::Test {
     Timeline::Reading picture(Time timestamp, Clock::duration arrival) {
         return timeline.read(Stream::kPictures, timestamp, kStart + arrival);

@@ -33,6 +33,10 @@ class Timeline {
     // A smaller step back is the interleaving of a muxer or the correction of a clock.
     static constexpr Time kLongestStepBack = std::chrono::seconds(1);
 
+    // How long a packet lasts where the timestamps of its stream do not show it: as long as one of
+    // 25 a second. Otherwise an input of a single packet would restart at its own beginning.
+    static constexpr Time kUsualStep = std::chrono::milliseconds(40);
+
     // 73,000 years: further timestamps, which only a damaged or hostile input has, count as this
     // one, so that sums of them fit.
     static constexpr Time kFurthest{std::int64_t{1} << 61};
@@ -52,7 +56,7 @@ class Timeline {
         bool seen = false;
         Time offset{};  // from timestamp to time
         Time last{};
-        Time step{};  // between its last two packets: how long the last one lasts
+        Time step = kUsualStep;  // between its last two packets: how long the last one lasts
         Clock::time_point arrival;
     };
 
