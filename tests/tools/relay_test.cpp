@@ -460,6 +460,16 @@ TEST_F(RelayTest, VideoThatIsNoVp8IsEncodedInTheSizeAskedFor) {
     EXPECT_EQ(counters.frames + counters.skipped, 20U);
 }
 
+// A decoder that puts pictures in order holds the last of them back.
+TEST_F(RelayTest, TheLastPicturesAreEncodedToo) {
+    const std::string path = file("film.mkv");
+    make_media(kPicture + "-t 0.5 -c:v mpeg4 -bf 2", path);
+    ASSERT_THAT(packets_of(path, AVMEDIA_TYPE_VIDEO), SizeIs(15));
+    relay({.input = path});
+    const Feed::Counters counters = relay_->counters();
+    EXPECT_EQ(counters.frames + counters.skipped, 15U);
+}
+
 // Timestamps are kept on the way to the clock: nothing leaves before its time, and the whole takes
 // as long as the film. How late a busy machine sends a frame is its own affair.
 TEST_F(RelayTest, FramesLeaveByTheirTimestamps) {

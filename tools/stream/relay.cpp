@@ -551,6 +551,12 @@ void Relay::send() {
             lock.lock();
             continue;
         }
+        if (pictures_.empty() && read_all_ && !std::exchange(rest_sent_, true)) {
+            lock.unlock();
+            send_rest();
+            lock.lock();
+            continue;
+        }
         Queue* queue = next_queue();
         if (queue == nullptr && read_all_) {
             break;
@@ -665,8 +671,9 @@ void Relay::report_silence(Clock::time_point now) {
 }
 
 void Relay::send_picture(const Item& item, Clock::time_point due, Clock::duration room) {
+    last_due_ = due;
     if (item.to_encode) {
-        send_encoded(*item.to_encode, due, room);
+        send_encoded(decoder_.decode(*item.to_encode), due, room);
         return;
     }
     // A decoder may hold a picture back until the frame after it arrives; of a copied stream only a
@@ -701,17 +708,27 @@ void Relay::send_frame(const std::vector<std::uint8_t>& frame, int times, Clock:
     counters_.frames += static_cast<std::uint64_t>(times);
 }
 
-void Relay::send_encoded(const AVPacket& packet, Clock::time_point due, Clock::duration room) {
-    for (Picture& picture : decoder_.decode(packet)) {
+// The pictures that the decoder holds back, to put them in order. At the seam of a loop the next
+// round's packets bring them.
+void Relay::send_rest() {
+    send_encoded(decoder_.finish(), std::max(last_due_ + last_interval_, Clock::now()),
+                 last_interval_);
+}
+
+// The first of `pictures` at `due`, each other one after `room`.
+void Relay::send_encoded(std::vector<Picture> pictures, Clock::time_point due,
+                         Clock::duration room) {
+    for (Picture& picture : pictures) {
         picture_ = std::move(picture);
         // One picture in two at most is left out, so that something always moves.
         behind_ = !behind_ && Clock::now() - due > room;
         if (behind_) {
             const std::lock_guard lock(mutex_);
             ++counters_.skipped;
-            continue;
+        } else {
+            encode_and_send(false, due, room);
         }
-        encode_and_send(false, due, room);
+        due += room;
     }
 }
 

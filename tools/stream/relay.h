@@ -129,7 +129,8 @@ class Relay : public Feed {
     [[nodiscard]] bool may_repeat() const;
     void send_frame(const std::vector<std::uint8_t>& frame, int times, Clock::time_point due,
                     Clock::duration room);
-    void send_encoded(const AVPacket& packet, Clock::time_point due, Clock::duration room);
+    void send_rest();
+    void send_encoded(std::vector<Picture> pictures, Clock::time_point due, Clock::duration room);
     void encode_and_send(bool keyframe, Clock::time_point due, Clock::duration room);
 
     // Any thread; the mutex is not held.
@@ -163,6 +164,8 @@ class Relay : public Feed {
     Clock::time_point last_datagram_due_;  // of the newest frame
     std::optional<Time> last_picture_;     // time of the newest
     Clock::duration last_interval_{};      // between the last two pictures, as they are spread
+    Clock::time_point last_due_;           // of the newest picture
+    bool rest_sent_ = false;               // no picture follows
     bool behind_ = false;                  // the last picture was left out
     std::thread sender_;
 
