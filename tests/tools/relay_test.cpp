@@ -470,6 +470,14 @@ TEST_F(RelayTest, TheLastPicturesAreEncodedToo) {
     EXPECT_EQ(counters.frames + counters.skipped, 15U);
 }
 
+TEST_F(RelayTest, APictureAloneIsEncoded) {
+    const std::string path = file("film.mkv");
+    make_media(kPicture + "-frames:v 1 -c:v mjpeg", path);
+    relay({.input = path});
+    EXPECT_EQ(relay_->counters().frames, 1U);
+    EXPECT_EQ(relay_->counters().skipped, 0U);
+}
+
 // Timestamps are kept on the way to the clock: nothing leaves before its time, and the whole takes
 // as long as the film. How late a busy machine sends a frame is its own affair.
 TEST_F(RelayTest, FramesLeaveByTheirTimestamps) {

@@ -719,9 +719,11 @@ void Relay::send_rest() {
 void Relay::send_encoded(std::vector<Picture> pictures, Clock::time_point due,
                          Clock::duration room) {
     for (Picture& picture : pictures) {
+        const bool first = !picture_;
         picture_ = std::move(picture);
-        // One picture in two at most is left out, so that something always moves.
-        behind_ = !behind_ && Clock::now() - due > room;
+        // Neither the first, so that something is shown, nor more than one in two, so that it
+        // moves.
+        behind_ = !first && !behind_ && Clock::now() - due > room;
         if (behind_) {
             const std::lock_guard lock(mutex_);
             ++counters_.skipped;
