@@ -124,8 +124,8 @@ class RelayTest : public testing::Test {
 
     // Opens `settings.input`, without waiting for anything.
     void open(RelaySettings settings) {
-        settings.stream.video.width = 320;
-        settings.stream.video.height = 240;
+        settings.stream.video.width = size_.width;
+        settings.stream.video.height = size_.height;
         ASSERT_TRUE(link_.open(0, player_port_));
         relay_.emplace(std::move(settings), link_);
         relay_->open();
@@ -190,6 +190,7 @@ class RelayTest : public testing::Test {
         ASSERT_GT(other.send(waiting.data(), waiting.size(), "127.0.0.1", player_port_), 0);
     }
 
+    PictureSize size_ = {.width = 320, .height = 240};  // of what is encoded
     test::TemporaryFolder folder_;
     test::StreamReceiver player_;  // receives only when asked to
     std::uint16_t player_port_ = player_.port();
@@ -476,6 +477,43 @@ TEST_F(RelayTest, APictureAloneIsEncoded) {
     relay({.input = path});
     EXPECT_EQ(relay_->counters().frames, 1U);
     EXPECT_EQ(relay_->counters().skipped, 0U);
+}
+
+// Scaled down to 16 pixels, its width leaves less than a pixel of its height.
+TEST_F(RelayTest, PicturesThatCannotBeConvertedAreReportedOnce) {
+    const std::string path = file("film.mkv");
+    make_media("-f lavfi -i testsrc2=size=640x16:rate=30 -t 0.2 -c:v mjpeg", path);
+    size_ = {.width = 16, .height = 2};
+    relay({.input = path});
+    EXPECT_THAT(sent().frames, IsEmpty());
+    EXPECT_THAT(relay_->take_lines(),
+                ElementsAre(path + ": its video is mjpeg and not VP8: it is re-encoded",
+                            path + ": its pictures cannot be converted to 16x2"));
+}
+
+// Nobody knows where these channels are heard.
+TEST_F(RelayTest, SoundThatCannotBeConvertedIsReportedOnce) {
+    const std::string path = file("film.mkv");
+    make_media("-f s16le -ar 48000 -ac 9 -i /dev/zero " + kPicture + "-t 0.2 -c:a copy " + kVp8,
+               path);
+    relay({.input = path});
+    EXPECT_EQ(sent().frames, packets_of(path, AVMEDIA_TYPE_VIDEO));
+    EXPECT_THAT(sent().sounds, IsEmpty());
+    EXPECT_THAT(relay_->take_lines(),
+                ElementsAre(path + ": its sound is pcm_s16le and not Opus: it is re-encoded",
+                            path + ": its sound cannot be converted to stereo"));
+}
+
+TEST_F(RelayTest, AnEncodedFrameTooLargeToSendIsReported) {
+    const std::string path = file("film.mkv");
+    make_media("-f lavfi -i color=size=2560x1440,noise=alls=100 -frames:v 1 -c:v mjpeg -q:v 2",
+               path);
+    RelaySettings settings = {.input = path};
+    settings.stream.video.bitrate = 1'000'000'000;
+    size_ = {.width = 2560, .height = 1440};
+    relay(settings);
+    EXPECT_THAT(sent().frames, IsEmpty());
+    EXPECT_THAT(relay_->take_lines(), Contains(HasSubstr(" bytes is too large to send")));
 }
 
 // Timestamps are kept on the way to the clock: nothing leaves before its time, and the whole takes

@@ -83,6 +83,7 @@ bool Decoder::open(const AVCodecParameters& parameters, std::string shape) {
     close();
     shape_ = std::move(shape);
     end_of_sound_ = 0;
+    converts_ = true;
     const AVCodec* codec = avcodec_find_decoder(parameters.codec_id);
     if (codec == nullptr) {
         return false;
@@ -132,6 +133,7 @@ std::vector<Picture> Decoder::receive() {
         }
         if ((!fits_graph(*frame) && !open_graph(*frame)) ||
             av_buffersrc_add_frame(source_, frame.get()) < 0) {
+            converts_ = false;
             continue;
         }
         for (Picture shaped(av_frame_alloc());

@@ -37,6 +37,9 @@ class Decoder {
     // The rest of the decoder's output when no packet follows. After this the stream may restart.
     [[nodiscard]] std::vector<Picture> finish();
 
+    // Whether all of its output could be converted. What could not be is missing.
+    [[nodiscard]] bool converts() const { return converts_; }
+
     // Frees the decoder; one that is not open stays so.
     void close();
 
@@ -49,6 +52,7 @@ class Decoder {
 
     std::string shape_;
     std::int64_t end_of_sound_ = 0;  // microseconds, of the last block
+    bool converts_ = true;
     AVCodecContext* context_ = nullptr;
     AVFilterGraph* graph_ = nullptr;
     AVFilterContext* source_ = nullptr;  // owned by the graph

@@ -164,6 +164,10 @@ void Relay::report(const std::string& text) {
     lines_.push_back(settings_.input + ": " + text);
 }
 
+void Relay::report_too_large(std::size_t frame) {
+    report(format("a frame of %zu bytes is too large to send", frame));
+}
+
 void Relay::request_keyframe() {
     bool first = false;
     {
@@ -429,7 +433,7 @@ void Relay::take_picture(AVPacket& packet, Item item) {
         return;  // nothing can be decoded before the first keyframe
     }
     if (frame.size() > kMaxFrame) {
-        report(format("a frame of %zu bytes is too large to send", frame.size()));
+        report_too_large(frame.size());
         return;
     }
     item.bytes.assign(frame.begin(), frame.end());
@@ -469,6 +473,9 @@ void Relay::take_sound(AVPacket& packet, const Item& item) {
         }
     }
     queue_encoded(sound_encoder_->encode(packet), now);
+    if (!sound_encoder_->converts() && !std::exchange(missing_sound_reported_, true)) {
+        report("its sound cannot be converted to stereo");
+    }
 }
 
 void Relay::queue_encoded(const std::vector<SoundEncoder::Encoded>& packets,
@@ -718,6 +725,11 @@ void Relay::send_rest() {
 // The first of `pictures` at `due`, each other one after `room`.
 void Relay::send_encoded(std::vector<Picture> pictures, Clock::time_point due,
                          Clock::duration room) {
+    if (!decoder_.converts() && !std::exchange(missing_picture_reported_, true)) {
+        const Vp8Settings& video = settings_.stream.video;
+        report("its pictures cannot be converted to " +
+               size_text({.width = video.width, .height = video.height}));
+    }
     for (Picture& picture : pictures) {
         const bool first = !picture_;
         picture_ = std::move(picture);
@@ -736,7 +748,11 @@ void Relay::send_encoded(std::vector<Picture> pictures, Clock::time_point due,
 
 void Relay::encode_and_send(bool keyframe, Clock::time_point due, Clock::duration room) {
     const std::vector<std::uint8_t> frame = video_encoder_.encode(picture_, keyframe);
-    if (frame.empty() || frame.size() > kMaxFrame) {
+    if (frame.size() > kMaxFrame) {
+        report_too_large(frame.size());
+        return;
+    }
+    if (frame.empty()) {
         return;
     }
     const bool repeated = may_repeat();

@@ -135,6 +135,7 @@ class Relay : public Feed {
 
     // Any thread; the mutex is not held.
     void report(const std::string& text);
+    void report_too_large(std::size_t frame);  // bytes
 
     const RelaySettings settings_;
     Link& link_;
@@ -151,6 +152,7 @@ class Relay : public Feed {
     bool took_in_round_ = false;  // a packet has arrived since the input was last opened
     bool damage_reported_ = false;
     bool missing_keyframe_reported_ = false;
+    bool missing_sound_reported_ = false;
     std::optional<Clock::time_point> first_arrival_;
     std::thread reader_;
 
@@ -167,6 +169,7 @@ class Relay : public Feed {
     Clock::time_point last_due_;           // of the newest picture
     bool rest_sent_ = false;               // no picture follows
     bool behind_ = false;                  // the last picture was left out
+    bool missing_picture_reported_ = false;
     std::thread sender_;
 
     std::atomic<bool> stopping_ = false;

@@ -31,6 +31,9 @@ class SoundEncoder {
     // Returns the rest when no packet follows; after this the stream may restart.
     [[nodiscard]] std::vector<Encoded> finish();
 
+    // Whether all of the sound could be converted to stereo. What could not be is missing.
+    [[nodiscard]] bool converts() const { return decoder_.converts(); }
+
   private:
     [[nodiscard]] std::vector<Encoded> encode(const std::vector<Picture>& blocks);
 
