@@ -235,6 +235,16 @@ TEST_F(FileSource, AnyNameWillDo) {
     EXPECT_TRUE(source_.next_picture());
 }
 
+// libavformat takes what comes before a colon for the name of a protocol.
+TEST_F(FileSource, ANameWithAColonIsAFilesToo) {
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(folder_.path());
+    EXPECT_TRUE(write_media_file("file:12:30.mkv", {.frames = 3}));
+    EXPECT_TRUE(source_.open_file({.width = 320, .height = 240}, "12:30.mkv", false));
+    EXPECT_TRUE(source_.next_picture());
+    std::filesystem::current_path(before);
+}
+
 TEST_F(FileSource, AMissingFileIsNamed) {
     const std::string path = folder_.file("missing.mkv");
     EXPECT_EQ(printed_by([&] { EXPECT_FALSE(source_.open_file({}, path, false)); }),

@@ -80,6 +80,11 @@ std::string escaped(std::string text) {
     return text;
 }
 
+// With the scheme in front, a colon in a file's name is a colon.
+std::string url_of(const std::string& path) {
+    return path.find("://") == std::string::npos ? "file:" + path : path;
+}
+
 // What a file offers.
 struct Probe {
     int error = 0;  // negative: libavformat's
@@ -87,10 +92,10 @@ struct Probe {
     bool has_sound = false;
 };
 
-Probe probe(const std::string& path) {
+Probe probe(const std::string& url) {
     Probe result;
     AVFormatContext* format = nullptr;
-    result.error = avformat_open_input(&format, path.c_str(), nullptr, nullptr);
+    result.error = avformat_open_input(&format, url.c_str(), nullptr, nullptr);
     if (result.error >= 0) {
         result.error = avformat_find_stream_info(format, nullptr);
     }
@@ -140,7 +145,8 @@ bool MediaSource::open_test_picture(const MediaSettings& settings) {
 }
 
 bool MediaSource::open_file(const MediaSettings& settings, const std::string& path, bool loop) {
-    const Probe file = probe(path);
+    const std::string url = url_of(path);
+    const Probe file = probe(url);
     if (file.error < 0) {
         std::fprintf(stderr, "cannot read %s: %s\n", path.c_str(), libav_error(file.error).c_str());
         return false;
@@ -152,7 +158,7 @@ bool MediaSource::open_file(const MediaSettings& settings, const std::string& pa
     const bool sound = settings.sound && file.has_sound;
     // The rate filter takes the last picture's time for the end and drops it, unless something
     // follows: a clone, which it then drops instead.
-    std::string graph = "movie=filename=" + escaped(path) + ":streams=dv" + (sound ? "+da" : "") +
+    std::string graph = "movie=filename=" + escaped(url) + ":streams=dv" + (sound ? "+da" : "") +
                         "[v]" + (sound ? "[a]" : "") + ";[v]tpad=stop=1:stop_mode=clone,fps=" +
                         std::to_string(settings.frames_per_second) + "," + picture_shape(settings) +
                         picture_end();
