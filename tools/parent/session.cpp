@@ -127,7 +127,8 @@ PictureSize Session::picture_size() const {
 }
 
 bool Session::feed_finished() const {
-    return started_ && link_.idle() && feed_->finished();
+    // In this order: what the feed sent last is on the link by then.
+    return started_ && feed_->finished() && link_.idle();
 }
 
 // On the port that the link sends to, as loud as the viewer set the one before.
