@@ -234,6 +234,15 @@ double MediaInput::claimed_seconds() const {
     return claimed ? static_cast<double>(format_->duration) / AV_TIME_BASE : 0;
 }
 
+std::int64_t MediaInput::received() const {
+    // An opening that fails frees libavformat's own context, and may then wait, before it forgets
+    // it.
+    if (polled_ == nullptr && pictures_ == nullptr && sound_ == nullptr) {
+        return 0;
+    }
+    return format_ != nullptr && format_->pb != nullptr ? format_->pb->bytes_read : 0;
+}
+
 int MediaInput::read(AVPacket& packet) {
     return format_ != nullptr ? av_read_frame(format_, &packet) : AVERROR_EOF;
 }

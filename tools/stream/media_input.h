@@ -11,6 +11,7 @@
 //   http:// https://    HTTP, TLS and TCP
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -51,6 +52,10 @@ class MediaInput {
 
     // The length in seconds that the input's header claims; 0 if it claims none.
     [[nodiscard]] double claimed_seconds() const;
+
+    // Bytes that have arrived since open() was called, packets or not. 0 of an RTP stream, and
+    // until an address or a file is open. May be called from `give_up`.
+    [[nodiscard]] std::int64_t received() const;
 
     // The next packet of any stream. 0, or libavformat's error; AVERROR_EOF at the end.
     [[nodiscard]] int read(AVPacket& packet);

@@ -218,12 +218,20 @@ bool Relay::is_only_a_pause(int result) const {
     return result == AVERROR(EAGAIN) || (is_live_ && result == AVERROR(ETIMEDOUT));
 }
 
-bool Relay::give_up() const {
+// Called while the input waits. Bytes count, too: there may be too few of them for a packet.
+bool Relay::give_up() {
     if (stopping_) {
         return true;
     }
-    const Clock::time_point last{Clock::duration(last_progress_)};
-    return last != Clock::time_point() && Clock::now() - last > kOpenTimeout;
+    if (last_progress_ == 0) {
+        return false;
+    }
+    const Clock::time_point now = Clock::now();
+    if (const std::int64_t received = input_.received(); received > received_) {
+        received_ = received;
+        last_progress_ = now.time_since_epoch().count();
+    }
+    return now - Clock::time_point(Clock::duration(last_progress_)) > kOpenTimeout;
 }
 
 void Relay::fail(const std::string& what) {

@@ -111,7 +111,7 @@ class Relay : public Feed {
     void tell_of_the_end(int reason);
     void note_arrival(Clock::time_point now);
     void fail(const std::string& what);
-    [[nodiscard]] bool give_up() const;
+    [[nodiscard]] bool give_up();
     [[nodiscard]] static std::size_t size_of(const Item& item);
     [[nodiscard]] bool is_full() const;
 
@@ -154,6 +154,7 @@ class Relay : public Feed {
     bool missing_keyframe_reported_ = false;
     bool missing_sound_reported_ = false;
     std::optional<Clock::time_point> first_arrival_;
+    std::int64_t received_ = 0;  // bytes, when data last arrived
     std::thread reader_;
 
     // The sender's own.
