@@ -127,9 +127,10 @@ INSTANTIATE_TEST_SUITE_P(, EachSignalDeathTest, testing::Values(SIGINT, SIGTERM,
                                                               : "SIGHUP";
                          });
 
-TEST_F(SignalWatchDeathTest, EndsEvenIfSigtermIsIgnored) {
+// nohup has it ignored.
+TEST_F(SignalWatchDeathTest, EndsEvenIfSighupIsIgnored) {
     const auto run = [] {
-        std::signal(SIGTERM, SIG_IGN);
+        std::signal(SIGHUP, SIG_IGN);
         { const SignalWatch watch; }
         _exit(0);
     };

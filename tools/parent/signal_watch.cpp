@@ -48,8 +48,8 @@ SignalWatch::SignalWatch(std::chrono::milliseconds same_request)
 
 SignalWatch::~SignalWatch() {
     stopping_ = true;
-    // Received even if SIGTERM is ignored: Linux keeps a blocked signal, which POSIX leaves open.
-    pthread_kill(thread_.native_handle(), SIGTERM);
+    // Received even if it is ignored: Linux keeps a blocked signal, which POSIX leaves open.
+    pthread_kill(thread_.native_handle(), SIGHUP);
     thread_.join();
     close(descriptor_);
 }
