@@ -188,8 +188,11 @@ std::string MediaInput::open(const std::string& name) {
         known = known && format_->streams[i]->codecpar->codec_id != AV_CODEC_ID_NONE;
     }
     if (!known) {
-        // A file waits for us, and would lose its beginning otherwise.
-        if (is_repeatable()) {
+        // What can be sought is a recording: it waits for us, and would lose its beginning
+        // otherwise.
+        const bool is_recording = is_repeatable() && format_->pb != nullptr &&
+                                  (format_->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0;
+        if (is_recording) {
             format_->flags &= ~AVFMT_FLAG_NOBUFFER;
         }
         result = avformat_find_stream_info(format_, nullptr);

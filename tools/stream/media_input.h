@@ -35,8 +35,9 @@ class MediaInput {
     MediaInput& operator=(const MediaInput&) = delete;
 
     // Opens `name`, closing what was open before. Returns an empty text on success, or the reason.
-    // Where the header does not describe the streams, packets are looked into; those of a file are
-    // read again, those of anything else are lost, so that the stream does not begin late.
+    // Where the header does not describe the streams, packets are looked into; those of a file, or
+    // of an address that can be sought, are read again, those of anything else are lost, so that
+    // the stream does not begin late.
     [[nodiscard]] std::string open(const std::string& name);
 
     // The best stream of each kind; null where there is none. Until the next open().
@@ -53,8 +54,8 @@ class MediaInput {
     // The length in seconds that the input's header claims; 0 if it claims none.
     [[nodiscard]] double claimed_seconds() const;
 
-    // Bytes that have arrived since open() was called, packets or not. 0 of an RTP stream, and
-    // until an address or a file is open. May be called from `give_up`.
+    // Bytes that have arrived since open() was called, packets or not, but for those of an RTP
+    // stream; 0 until an address or a file is open. May be called from `give_up`.
     [[nodiscard]] std::int64_t received() const;
 
     // The next packet of any stream. 0, or libavformat's error; AVERROR_EOF at the end.
