@@ -471,6 +471,20 @@ TEST_F(RelayTest, TheLastPicturesAreEncodedToo) {
     EXPECT_EQ(counters.frames + counters.skipped, 15U);
 }
 
+// Pictures 0, 3, 1 and 2 in the file; the decoder returns one late.
+TEST_F(RelayTest, TheLastPictureComesAtItsTime) {
+    const std::string path = file("film.mp4");
+    make_media("-f lavfi -i testsrc2=size=320x240:rate=2 -t 2 -c:v mpeg4 -bf 2", path);
+    open({.input = path});
+    ASSERT_TRUE(comes_to(Feed::State::kReady));
+    const Clock::time_point begin = Clock::now();  // the first frame may be late, but not early
+    start();
+    wait_for_end();
+    const auto times = sent().frame_times;
+    ASSERT_THAT(times, Not(IsEmpty()));  // a busy machine leaves some out, but never the last
+    EXPECT_GE(times.back() - begin, milliseconds(2000));
+}
+
 TEST_F(RelayTest, APictureAloneIsEncoded) {
     const std::string path = file("film.mkv");
     make_media(kPicture + "-frames:v 1 -c:v mjpeg", path);

@@ -45,6 +45,9 @@ constexpr std::size_t kMaxQueued = 64U << 20U;  // bytes
 // Longest time to spread a frame's datagrams over. The player gives a frame up after 250 ms.
 constexpr auto kLongestSpread = milliseconds(100);
 
+// A longer pause between two pictures does not show how long the last ones last.
+constexpr auto kLongestStep = seconds(1);
+
 // Sound of a live input that had to wait for longer than this, because a player was starting, is
 // left out: the player would play it, and be late by as much for good.
 constexpr auto kStaleSound = milliseconds(100);
@@ -669,6 +672,9 @@ Clock::duration Relay::time_to_next_picture(const Item& item) {
         interval = item.time - *last_picture_;
     }
     last_picture_ = item.time;
+    if (interval > Time::zero()) {
+        last_step_ = std::min<Clock::duration>(interval, kLongestStep);
+    }
     last_interval_ = std::clamp(Clock::duration(interval), Clock::duration::zero(),
                                 Clock::duration(kLongestSpread));
     return last_interval_;
@@ -726,8 +732,12 @@ void Relay::send_frame(const std::vector<std::uint8_t>& frame, int times, Clock:
 // The pictures that the decoder holds back, to put them in order. At the seam of a loop the next
 // round's packets bring them.
 void Relay::send_rest() {
-    send_encoded(decoder_.finish(), std::max(last_due_ + last_interval_, Clock::now()),
-                 last_interval_);
+    Clock::time_point due = last_due_;
+    for (Picture& picture : decoder_.finish()) {
+        due = std::max(due + last_step_, Clock::now());
+        picture_ = std::move(picture);
+        encode_and_send(false, due, last_interval_);
+    }
 }
 
 // The first of `pictures` at `due`, each other one after `room`.

@@ -167,9 +167,10 @@ class Relay : public Feed {
     Clock::time_point last_datagram_due_;  // of the newest frame
     std::optional<Time> last_picture_;     // time of the newest
     Clock::duration last_interval_{};      // between the last two pictures, as they are spread
-    Clock::time_point last_due_;           // of the newest picture
-    bool rest_sent_ = false;               // no picture follows
-    bool behind_ = false;                  // the last picture was left out
+    Clock::duration last_step_ = Timeline::kUsualStep;  // between two pictures that differ in time
+    Clock::time_point last_due_;                        // of the newest picture
+    bool rest_sent_ = false;                            // what the decoder held back has been sent
+    bool behind_ = false;                               // the last picture was left out
     bool missing_picture_reported_ = false;
     std::thread sender_;
 
