@@ -19,7 +19,7 @@
 #include "tests/support/eventually.h"
 #include "tests/support/hook.h"
 #include "tests/support/temporary_folder.h"
-#include "tests/tools/command.h"
+#include "tests/tools/media_file.h"
 #include "tools/stream/link.h"
 #include "tools/stream/relay.h"
 
@@ -55,7 +55,11 @@ class RelayPatience : public test::HookedTest {
         EXPECT_EQ(mkfifo(path_.c_str(), 0600), 0);
         relay_.emplace(RelaySettings{.input = path_}, link_);
         relay_->open();
-        fd_ = open(path_.c_str(), O_WRONLY | O_CLOEXEC);
+        EXPECT_TRUE(eventually([this] {  // until the relay has opened its end
+            fd_ = open(path_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+            return fd_ >= 0;
+        }));
+        fcntl(fd_, F_SETFL, 0);  // a write may wait for the relay
     }
     ~RelayPatience() override {
         if (fd_ >= 0) {
@@ -95,7 +99,7 @@ TEST_F(RelayPatience, EndsAfterTenSecondsOfNothing) {
 
 // It may notice the byte only after the clock has advanced, which therefore does so repeatedly.
 TEST_F(RelayPatience, EndsTenSecondsAfterTheLastByte) {
-    ASSERT_TRUE(deliver("\x1A"));  // as a WebM file begins
+    ASSERT_TRUE(deliver("\x1A"));  // as a Matroska file begins
     ASSERT_TRUE(eventually([this] {
         now_ += 1;
         return relay_->state() == Feed::State::kFailed;
@@ -105,8 +109,8 @@ TEST_F(RelayPatience, EndsTenSecondsAfterTheLastByte) {
 }
 
 TEST_F(RelayPatience, LastsWhileBytesComeHoweverFew) {
-    const std::string film = folder_.file("film.webm");
-    test::make_media("-f lavfi -i testsrc2=size=320x240:rate=30 -t 0.2 -c:v libvpx", film);
+    const std::string film = folder_.file("film.mkv");
+    ASSERT_TRUE(test::write_media_file(film, {.frames = 5}));
     std::ifstream file(film, std::ios::binary);
     const std::string bytes{std::istreambuf_iterator<char>(file), {}};
     constexpr std::size_t kFew = 4;
