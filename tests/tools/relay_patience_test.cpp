@@ -46,7 +46,7 @@ template <typename Condition>
     return false;
 }
 
-// A FIFO that a relay opens while `fd_` is where its sender writes.
+// A relay that reads a FIFO, into which a test writes through `fd_`.
 class RelayPatience : public test::HookedTest {
   protected:
     RelayPatience() {
