@@ -94,6 +94,9 @@ VirtualDisplay::VirtualDisplay(Extent size) {
     if (connection_ == nullptr) {
         throw std::runtime_error("no connection to the X server " + name_);
     }
+    // xdotool presses a key and then releases it, and may wait for the processor in between.
+    XAutoRepeatOff(connection_);
+    XSync(connection_, False);
     xdotool({"mousemove", "0", "0"});
 }
 

@@ -33,8 +33,8 @@ class VirtualDisplay {
     static constexpr Extent kSize{.width = 1024, .height = 768};
 
     // Starts the server, with one screen of `size` pixels, on a display number that nobody uses,
-    // and with the pointer parked in the top left corner, where it touches no window. Throws
-    // std::runtime_error when it does not come up.
+    // with the pointer parked in the top left corner, where it touches no window, and with keys
+    // that do not repeat. Throws std::runtime_error when it does not come up.
     explicit VirtualDisplay(Extent size = kSize);
     ~VirtualDisplay();
     VirtualDisplay(const VirtualDisplay&) = delete;
