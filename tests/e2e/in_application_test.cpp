@@ -3,10 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <thread>
 
 #include "net/stream_datagrams.h"
-#include "net/udp_socket.h"
 #include "tests/e2e/player_fixture.h"
 #include "tests/support/numbered_addresses.h"
 
@@ -26,32 +24,10 @@ constexpr Point kSecondField{.x = 150, .y = 50};
 constexpr Color kLive{.red = 0, .green = 160, .blue = 0};
 constexpr Color kOver{.red = 160, .green = 160, .blue = 160};
 
-constexpr auto kSignOfLifeInterval = std::chrono::milliseconds(100);
-
 std::string program() {
     const char* other = std::getenv("VESPER_IN_APPLICATION");
     return other != nullptr ? other : VESPER_IN_APPLICATION;
 }
-
-// Sends datagrams too short to mean anything until it dies, so that the example does not take the
-// stream for over while the test is busy with something else.
-class SignsOfLife {
-  public:
-    explicit SignsOfLife(std::uint16_t port)
-        : thread_([port](const std::stop_token& stop) {
-              UDPSocket socket;
-              if (!socket.bind(0)) {
-                  return;
-              }
-              while (!stop.stop_requested()) {
-                  socket.send("", 1, kParentHost, port);
-                  std::this_thread::sleep_for(kSignOfLifeInterval);
-              }
-          }) {}
-
-  private:
-    std::jthread thread_;
-};
 
 // A stream, and the window that shows it.
 struct Stream {
@@ -59,7 +35,6 @@ struct Stream {
     std::uint16_t port = tools::free_port();
     Parent parent;
     VideoSource video;
-    std::optional<SignsOfLife> signs_of_life;
     std::optional<PlayerWindow> window;
 
     explicit Stream(std::string streamer) : name(std::move(streamer)) {}
@@ -117,15 +92,13 @@ class InApplication : public PlayerTest {
   protected:
     // Both streams on the screen, side by side: no window covers another.
     void SetUp() override {
+        preload(environment, VESPER_SIGNS_OF_LIFE);
         player.emplace(std::vector<std::string>{program(), ann_.argument(), bob_.argument()},
                        environment);
         // SDL replaces a window when the renderer wants another kind of it, so nothing is moved
         // before both streams have started: SDL's dummy has one device, which the first has by
         // then.
         ASSERT_TRUE(eventually([this] { return player->err() == kNoDeviceForTheSecondText; }));
-        // The application's loop starts, and takes datagrams, once every window exists.
-        ann_.signs_of_life.emplace(ann_.port);
-        bob_.signs_of_life.emplace(bob_.port);
         ann_.window.emplace(display, player->pid(), "Stream: Ann");
         bob_.window.emplace(display, player->pid(), "Stream: Bob");
         window.emplace(display, player->pid(), "Streams");
@@ -149,7 +122,7 @@ class InApplication : public PlayerTest {
     }
 
     void let_ann_fall_silent() {
-        ann_.signs_of_life.reset();
+        ann_.parent.send_now({0, 0}, ann_.port);  // the last that is heard of her
         EXPECT_TRUE(eventually([this] { return shows_overlay_over(*ann_.window, kRed); }));
     }
 
