@@ -1,8 +1,12 @@
 // What a viewer sees when vesper-parent starts the player.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <csignal>
+#include <cstdint>
+#include <cstring>
 #include <fstream>
+#include <iterator>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -112,6 +116,25 @@ INSTANTIATE_TEST_SUITE_P(All, StandInParentWays,
                                               "--seed", "3", "--keyframe-interval", "10"}}),
                          [](const auto& way) { return way.param.name; });
 
+// Lets the last datagram of a capture come an hour later. Each record begins with its seconds,
+// microseconds, and length in the file (pcap-savefile(5)).
+void delay_last_datagram(const std::string& path) {
+    constexpr std::size_t kFileHeader = 24;
+    constexpr std::size_t kRecordHeader = 16;
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    const std::string bytes(std::istreambuf_iterator<char>(file), {});
+    std::array<std::uint32_t, 3> record{};
+    std::size_t last = 0;
+    for (std::size_t at = kFileHeader; at < bytes.size(); at += kRecordHeader + record[2]) {
+        std::memcpy(record.data(), &bytes[at], sizeof(record));
+        last = at;
+    }
+    record[0] += 3600;
+    file.clear();
+    file.seekp(static_cast<std::streamoff>(last));
+    file.write(reinterpret_cast<const char*>(record.data()), sizeof(record[0]));
+}
+
 // The second run has no options about the picture: the capture determines it. A capture answers no
 // keyframe request, so it holds keyframes enough for a player that gives up the first of them.
 TEST(StandInParentTest, ShowsACapture) {
@@ -124,6 +147,7 @@ TEST(StandInParentTest, ShowsACapture) {
                               player_environment(display));
         ASSERT_EQ(captured.wait_for_end(), Ending{});
     }
+    delay_last_datagram(path);  // the window stays for as long as the test looks at it
     StandInParent parent({"--replay", path, "--speed", "0.5"});
     EXPECT_TRUE(parent.prints("(stream.pcap, 480x240, audio=yes)\n"));
     EXPECT_TRUE(parent.shows_test_picture());
