@@ -34,10 +34,10 @@ Message audio_state(bool muted, float volume) {
 }
 
 Parent::Parent() {
-    if (!socket_.bind(0)) {
+    // One that nobody else takes while this parent is dead.
+    if (port_ == 0 || !socket_.bind(port_)) {
         throw std::runtime_error("no free UDP port");
     }
-    port_ = socket_.get_bound_port();
 }
 
 void Parent::come_back() {

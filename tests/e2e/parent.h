@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "net/udp_socket.h"
+#include "tools/stream/free_port.h"
 #include "tools/stream/packetizer.h"
 
 namespace vesper::test {
@@ -48,7 +49,7 @@ class Parent {
     [[nodiscard]] Message receive(int limit);  // ms
 
     UDPSocket socket_;
-    std::uint16_t port_ = 0;
+    std::uint16_t port_ = tools::free_port();
 };
 
 }  // namespace vesper::test

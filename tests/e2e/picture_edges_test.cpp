@@ -70,29 +70,25 @@ class PictureEdges : public PlayerTest,
         return std::nullopt;
     }
 
-    void end() {
-        if (!compositor_) {
-            expect_clean_end();
-            return;
-        }
-        player->send_signal(SIGTERM);
-        EXPECT_EQ(player->wait_for_end(), (Ending{.status = 0, .signal = SIGTERM}));
-    }
-
   private:
     std::optional<WaylandCompositor> compositor_;
 };
 
 TEST_P(PictureEdges, LastColumnAndLastRowOfTheWindowAreThePictures) {
     ASSERT_NO_FATAL_FAILURE(start());
-    show_first_picture(flat_picture(kBright, stream_size));
+    const tools::Picture picture = flat_picture(kBright, stream_size);
+    show_picture(picture);
     std::optional<Point> found;
     EXPECT_TRUE(eventually([&] {
+        if (!parent.has_no_message()) {  // a large picture may come too slowly for the player
+            show_picture(picture);
+        }
         found = fault();
         return !found;
     })) << "not so at "
         << *found;
-    end();
+    player->send_signal(SIGTERM);
+    EXPECT_EQ(player->wait_for_end(), (Ending{.status = 0, .signal = SIGTERM}));
 }
 
 INSTANTIATE_TEST_SUITE_P(, PictureEdges,
