@@ -485,7 +485,7 @@ TEST_F(ReceiverTearDown, JoinThatOutlastsTheWatchdogsSleepIsReportedOnceAndCompl
     at_join = [&] {
         unstick = std::thread([this] {
             watchdogs.let_go();
-            EXPECT_TRUE(eventually([this] { return transcript.contains("ERROR"); }));
+            EXPECT_TRUE(eventually([this] { return transcript.contains(kWatchdogReport); }));
             decoder_stuck = false;
         });
     };
