@@ -39,7 +39,7 @@ class StreamReceiver {
     // The next whole frame of a link that loses nothing; counts the sound packets on the way.
     [[nodiscard]] std::vector<std::uint8_t> next_frame() {
         std::vector<std::uint8_t> frame;
-        sound_packets_on_the_way_ = 0;
+        sound_packets_on_the_way_ = sound_packets_before_ = 0;
         for (;;) {
             const tools::Datagram datagram = next();
             if (datagram.empty()) {
@@ -50,6 +50,9 @@ class StreamReceiver {
                 continue;
             }
             const auto header = read_video_fragment_header(datagram.data());
+            if (frame.empty()) {
+                sound_packets_before_ = sound_packets_on_the_way_;
+            }
             frame.insert(frame.end(), datagram.begin() + kVideoPayloadOffset, datagram.end());
             if (header.fragment_index + 1 == header.fragment_count) {
                 return frame;
@@ -60,10 +63,16 @@ class StreamReceiver {
     // How many came before the last fragment of the frame that next_frame() returned.
     [[nodiscard]] int sound_packets_on_the_way() const { return sound_packets_on_the_way_; }
 
+    // How many of these came after its first fragment.
+    [[nodiscard]] int sound_packets_within_the_frame() const {
+        return sound_packets_on_the_way_ - sound_packets_before_;
+    }
+
   private:
     UDPSocket socket_;
     std::array<std::uint8_t, 65536> buffer_{};
     int sound_packets_on_the_way_ = 0;
+    int sound_packets_before_ = 0;  // the first fragment
 };
 
 // RFC 6386, section 9.1: the lowest bit of a frame is clear in keyframes.
