@@ -6,9 +6,11 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -31,6 +33,7 @@ extern "C" {
 #include "tests/tools/command.h"
 #include "tests/tools/media_file.h"
 #include "tests/tools/stream_receiver.h"
+#include "tools/stream/free_port.h"
 #include "tools/stream/vp8_repeat.h"
 
 namespace vesper::tools {
@@ -135,6 +138,23 @@ class RelayTest : public testing::Test {
         return eventually([&] { return relay_->state() == state; });
     }
 
+    // Opens a pipe that contains the whole of this file: the relay waits ten seconds for the next
+    // bytes, and a program that wrote them could be later.
+    void open_pipe(const std::string& content, RelaySettings settings) {
+        ASSERT_EQ(mkfifo(settings.input.c_str(), 0600), 0);
+        std::ifstream stream(content, std::ios::binary);
+        const std::string bytes{std::istreambuf_iterator<char>(stream), {}};
+        const int pipe = ::open(settings.input.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        ASSERT_EQ(write(pipe, bytes.data(), bytes.size()), std::ssize(bytes));
+        open(std::move(settings));
+        // The pipe is empty once nobody has it open.
+        EXPECT_TRUE(eventually([&] {
+            int waiting = 0;
+            return ioctl(pipe, FIONREAD, &waiting) == 0 && waiting < std::ssize(bytes);
+        }));
+        close(pipe);
+    }
+
     // What a session does once the relay is ready.
     void start() {
         link_.start({.keyframe_requested = [this] { relay_->request_keyframe(); },
@@ -177,9 +197,8 @@ class RelayTest : public testing::Test {
 
     // As if there were a player that takes everything at once: nothing ever waits for it.
     void send_to_nobody() {
-        UDPSocket gone;
-        ASSERT_TRUE(gone.bind(0));
-        player_port_ = gone.get_bound_port();
+        player_port_ = free_port();
+        ASSERT_NE(player_port_, 0);
     }
 
     // A player that never takes it does not keep up.
@@ -546,7 +565,7 @@ TEST_F(RelayTest, FramesLeaveByTheirTimestamps) {
     ASSERT_THAT(times, SizeIs(30));
     EXPECT_GE(times[15] - begin, milliseconds(1500));
     EXPECT_GE(times[29] - begin, milliseconds(1966));
-    EXPECT_LT(times[29] - begin, seconds(30)) << "not from 0 s on";
+    EXPECT_LT(times[29] - begin, seconds(100)) << "not from 0 s on";
 }
 
 // The sound is the clock here: a packet each 20 ms, at most four of which are due in 75 ms, and
@@ -561,9 +580,15 @@ TEST_F(RelayTest, FramesLeaveThePlayerTimeBeforeTheNext) {
     for (const Bytes& frame : frames) {
         ASSERT_GT(frame.size(), 25U * kMaxFragmentPayload);
     }
-    relay({.input = path});
-    EXPECT_GT(sent().sounds_within_frames, 0);
-    EXPECT_LE(sent().sounds_within_frames, 4 * 4);
+    open({.input = path, .loop = true});
+    ASSERT_TRUE(comes_to(Feed::State::kReady));
+    start();
+    // Of frames that a busy machine sends late, the sound may come after them.
+    EXPECT_TRUE(eventually([this] { return sent().sounds_within_frames > 0; }));
+    relay_->stop();
+    link_.stop();
+    const Sent all = sent();
+    EXPECT_LE(all.sounds_within_frames, 4 * std::ssize(all.frames));
 }
 
 TEST_F(RelayTest, ALoopGoesOnWithGrowingNumbers) {
@@ -664,21 +689,24 @@ TEST_F(RelayTest, ACopiedStreamAnswersNoRequestForAKeyframe) {
 TEST_F(RelayTest, VideoThatIsEncodedAnswersOnceInHalfASecond) {
     const std::string path = file("film.mkv");
     make_media(kPicture + "-t 2 -c:v mpeg4", path);
-    open({.input = path});
+    RelaySettings settings = {.input = path, .loop = true};
+    settings.stream.video.keyframe_interval = 100'000;
+    open(settings);
     ASSERT_TRUE(comes_to(Feed::State::kReady));
     start();
+    const auto keyframes = [this] {
+        return std::ranges::count_if(
+            sent().frames, [](const Bytes& frame) { return keyframe_size(frame).has_value(); });
+    };
     const Clock::time_point begin = Clock::now();
-    ASSERT_TRUE(eventually([this] {
+    ASSERT_TRUE(eventually([&] {
         relay_->request_keyframe();
-        return relay_->finished();
+        return keyframes() >= 3;
     }));
+    relay_->stop();
     const auto half_seconds = (Clock::now() - begin) / milliseconds(500);
     link_.stop();
-    const auto all = sent().frames;
-    const auto keyframes = std::ranges::count_if(
-        all, [](const Bytes& frame) { return keyframe_size(frame).has_value(); });
-    EXPECT_GE(keyframes, 3);
-    EXPECT_LE(keyframes, half_seconds + 2);  // the first frame is one unasked
+    EXPECT_LE(keyframes(), half_seconds + 2);  // the first frame is one unasked
     EXPECT_EQ(relay_->counters().unanswered, 0U);
 }
 
@@ -826,10 +854,8 @@ TEST_F(RelayTest, APlaylistInAFileReachesNoAddress) {
 
 TEST_F(RelayTest, WhatCannotBeReadTwiceIsNotLooped) {
     const std::string path = file("fifo");
-    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     make_media(kPicture + "-t 1 " + kVp8 + "-f webm", file("film"));
-    open({.input = path, .loop = true});
-    test::run_command({"sh", "-c", "cat '" + file("film") + "' >'" + path + "' || true"});
+    open_pipe(file("film"), {.input = path, .loop = true});
     ASSERT_TRUE(comes_to(Feed::State::kFailed));
     EXPECT_THAT(relay_->take_lines(), ElementsAre("cannot relay " + path +
                                                   ": it cannot be read twice, as --loop asks for"));
@@ -837,10 +863,8 @@ TEST_F(RelayTest, WhatCannotBeReadTwiceIsNotLooped) {
 
 TEST_F(RelayTest, APipeIsReadToItsEnd) {
     const std::string path = file("fifo");
-    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     make_media(kPicture + kTone + "-t 1 " + kVp8 + kOpus + "-f webm", file("film"));
-    open({.input = path});
-    test::ChildProcess writer({"sh", "-c", "cat '" + file("film") + "' >'" + path + "'"});
+    open_pipe(file("film"), {.input = path});
     ASSERT_TRUE(comes_to(Feed::State::kReady));
     start();
     wait_for_end();
