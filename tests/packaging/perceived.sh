@@ -6,7 +6,8 @@
 #   $tone                   the tone
 #   tone_of WORD...         prints frequency and level of the last second of a recording, described to
 #                           sox in these words, without the tone's higher beep
-#   free_ports COUNT        prints UDP ports of the loopback address that nobody has
+#   free_ports COUNT        prints UDP ports of the loopback address that nobody has, and that the
+#                           system gives to nobody who asks for any
 #
 # shellcheck shell=bash
 
@@ -35,11 +36,20 @@ tone_of() {
              END { printf "%.0f0 Hz, %.0f %%\n", frequency / 10, 100 * level }'
 }
 
+# Below 32768, where Linux begins to give out ports by itself (ip(7), ip_local_port_range).
 free_ports() {
     python3 -c '
-import socket, sys
-sockets = [socket.socket(type=socket.SOCK_DGRAM) for _ in range(int(sys.argv[1]))]
-for one in sockets:
-    one.bind(("127.0.0.1", 0))
+import random, socket, sys
+count = int(sys.argv[1])
+sockets = []
+for port in random.sample(range(20000, 32768), 1000):
+    one = socket.socket(type=socket.SOCK_DGRAM)
+    try:
+        one.bind(("127.0.0.1", port))
+    except OSError:
+        continue
+    sockets.append(one)
+    if len(sockets) == count:
+        break
 print(*(one.getsockname()[1] for one in sockets))' "$1"
 }

@@ -29,6 +29,7 @@
 #include "tests/support/captured_output.h"
 #include "tests/support/hook.h"
 #include "tests/support/video_receiver_peer.h"
+#include "tools/stream/free_port.h"
 
 int player_main(int argc, char** argv);
 
@@ -775,10 +776,8 @@ class PlayerMainSocket : public PlayerMain {
         PlayerMain::SetUp();
         use_real_socket();
         ASSERT_TRUE(parent_.bind(0));
-        // A port that is free now; the system does not assign it again so soon.
-        UDPSocket probe;
-        ASSERT_TRUE(probe.bind(0));
-        port_ = probe.get_bound_port();
+        port_ = vesper::tools::free_port();
+        ASSERT_NE(port_, 0);
     }
     int run_between_ports() {
         return run({"--port", std::to_string(port_), "--parent-port",

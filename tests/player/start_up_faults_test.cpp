@@ -15,6 +15,7 @@ extern "C" {
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <optional>
 #include <ostream>
@@ -25,12 +26,12 @@ extern "C" {
 #include <utility>
 #include <vector>
 
-#include "net/udp_socket.h"
 #include "tests/support/fcntl_hook.h"
 #include "tests/support/hook.h"
 #include "tests/support/numbered_addresses.h"
 #include "tests/support/set_up_hooks.h"
 #include "tests/support/transcript.h"
+#include "tools/stream/free_port.h"
 
 int player_main(int argc, char** argv);
 
@@ -62,7 +63,6 @@ VESPER_HOOK(close, int, (int fd), (fd))
 
 namespace {
 
-using vesper::UDPSocket;
 using vesper::test::hook_start_thread;
 using vesper::test::HookedTest;
 using vesper::test::joined;
@@ -185,9 +185,9 @@ class StartUpFaults : public HookedTest {
     void SetUp() override {
         ASSERT_EQ(::setenv("SDL_VIDEODRIVER", "dummy", 1), 0);
         ASSERT_EQ(::setenv("SDL_AUDIODRIVER", "dummy", 1), 0);
-        UDPSocket probe;
-        ASSERT_TRUE(probe.bind(0));
-        port_ = std::to_string(probe.get_bound_port());
+        const std::uint16_t port = vesper::tools::free_port();
+        ASSERT_NE(port, 0);
+        port_ = std::to_string(port);
     }
 
     // Runs main with this call failing, closing the window in the first pass. Returns its exit

@@ -444,10 +444,10 @@ TEST_F(ParentTest, FeedsAPlayerThatRunsAlready) {
     EXPECT_EQ(parent.status(), 128 + SIGTERM);
 }
 
-// Nothing is ever read from this socket.
+// Nothing is ever read from this socket, and nobody else is given its port once it is closed.
 TEST_F(ParentTest, ReportsWhatThePlayersBufferHadNoRoomFor) {
     UDPSocket player;
-    ASSERT_TRUE(player.bind(0));
+    ASSERT_TRUE(player.bind(free_port()));
     ASSERT_TRUE(player.set_recv_buffer(1));  // as small as the system allows
     Parent parent({"--to", std::to_string(player.get_bound_port())});
     EXPECT_TRUE(parent.mentions(" overflowed  "));

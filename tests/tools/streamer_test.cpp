@@ -15,6 +15,7 @@ extern "C" {
 #include "tests/support/temporary_folder.h"
 #include "tests/tools/media_file.h"
 #include "tests/tools/stream_receiver.h"
+#include "tools/stream/free_port.h"
 #include "tools/stream/vp8_repeat.h"
 
 namespace vesper::tools {
@@ -135,10 +136,8 @@ TEST_F(StreamerTest, EachPictureIsOneFrameUntilTheSourceEnds) {
 
 // Nothing listens there, so no datagram ever waits to be taken.
 TEST_F(StreamerTest, LowDelaySendsEachPictureTwice) {
-    UDPSocket gone;
-    ASSERT_TRUE(gone.bind(0));
-    player_port = gone.get_bound_port();
-    gone.reset();
+    player_port = free_port();
+    ASSERT_NE(player_port, 0);
     stream_file({.frames_per_second = 25, .frames = 10}, {.low_delay = true});
     EXPECT_TRUE(test::eventually([this] { return streamer.finished(); }));
     const auto counters = streamer.counters();
