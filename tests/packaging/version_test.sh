@@ -6,9 +6,15 @@ source "$(dirname "$0")/expect.sh"
 cd "$1"
 version=$2
 
+# The tree may belong to somebody else than who runs the tests, and git's settings of theirs are not in a
+# test's environment.
+git_grep() {
+    git -c safe.directory='*' grep "$@"
+}
+
 expect_equal "lines that hold $version" \
     "CMakeLists.txt:project(vesper VERSION $version DESCRIPTION \"Live-stream window\" LANGUAGES CXX)" \
-    "$(git grep -P "(?<![\d.])\Q$version\E(?![\d.]*\d)")"
+    "$(git_grep -P "(?<![\d.])\Q$version\E(?![\d.]*\d)")"
 
 # Any other number written out would be a second place, too.
 expect_equal "lines that name a version" \
@@ -16,4 +22,4 @@ expect_equal "lines that name a version" \
 cmake/vesper.pc.in:Version: @PROJECT_VERSION@
 man/vesper-parent.1.in:.TH VESPER-PARENT 1 \"\" \"vesper @PROJECT_VERSION@\" \"User commands\"
 man/vesper-player.1.in:.TH VESPER-PLAYER 1 \"\" \"vesper @PROJECT_VERSION@\" \"User commands\"" \
-    "$(git grep -E '^(vesper \(|Version:|\.TH )' -- '*.in')"
+    "$(git_grep -E '^(vesper \(|Version:|\.TH )' -- '*.in')"
