@@ -68,7 +68,7 @@ def output(*words, cwd=None):
         stderr=subprocess.STDOUT,
         text=True,
         check=False,
-        timeout=60,  # far more than any of them takes
+        timeout=600,  # far more than any of them takes
     ).stdout
 
 
