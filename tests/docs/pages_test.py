@@ -18,10 +18,14 @@ from pathlib import Path
 SOURCE = Path(sys.argv[1])
 BUILD = Path(sys.argv[2])
 
-# The list is git's, so that no build folder and no output is searched. The tree may belong to somebody
-# else than who runs the tests, and git's settings of theirs are not in a test's environment.
+# The list is git's, so that no build folder and no output is searched. The tree may belong to another
+# user than the one who runs the tests, whose git settings are not in a test's environment.
 FILES = subprocess.run(
-    ["git", "-c", "safe.directory=*", "ls-files"], cwd=SOURCE, check=True, capture_output=True, text=True
+    ["git", "-c", "safe.directory=*", "ls-files"],
+    cwd=SOURCE,
+    check=True,
+    capture_output=True,
+    text=True,
 ).stdout.split()
 PAGES = {name: (SOURCE / name).read_text() for name in FILES if name.endswith(".md")}
 GENERATED = [line.strip("/\n") for line in (SOURCE / ".gitignore").open()]

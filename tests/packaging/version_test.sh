@@ -6,7 +6,7 @@ source "$(dirname "$0")/expect.sh"
 cd "$1"
 version=$2
 
-# The tree may belong to somebody else than who runs the tests, and git's settings of theirs are not in a
+# The tree may belong to another user than the one who runs the tests, whose git settings are not in a
 # test's environment.
 git_grep() {
     git -c safe.directory='*' grep "$@"
