@@ -18,8 +18,8 @@ from pathlib import Path
 SOURCE = Path(sys.argv[1])
 BUILD = Path(sys.argv[2])
 
-# The list is git's, so that no build folder and no output is searched. The tree may belong to another
-# user than the one who runs the tests, whose git settings are not in a test's environment.
+# The list is git's, so that no build folder and no output is searched. The tree may belong to
+# another user than the one who runs the tests, whose git settings are not in a test's environment.
 FILES = subprocess.run(
     ["git", "-c", "safe.directory=*", "ls-files"],
     cwd=SOURCE,
