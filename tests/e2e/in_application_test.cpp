@@ -92,6 +92,7 @@ class InApplication : public PlayerTest {
   protected:
     // Both streams on the screen, side by side: no window covers another.
     void SetUp() override {
+        // No stream falls silent, however long this test is kept from sending.
         preload(environment, VESPER_SIGNS_OF_LIFE);
         player.emplace(std::vector<std::string>{program(), ann_.argument(), bob_.argument()},
                        environment);
@@ -122,7 +123,7 @@ class InApplication : public PlayerTest {
     }
 
     void let_ann_fall_silent() {
-        ann_.parent.send_now({0, 0}, ann_.port);  // the last that is heard of her
+        ann_.parent.send_now({0, 0}, ann_.port);  // two bytes: no more signs of life
         EXPECT_TRUE(eventually([this] { return shows_overlay_over(*ann_.window, kRed); }));
     }
 

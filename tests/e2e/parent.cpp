@@ -34,7 +34,7 @@ Message audio_state(bool muted, float volume) {
 }
 
 Parent::Parent() {
-    // One that nobody else takes while this parent is dead.
+    // A port that nobody else takes while this parent is dead.
     if (port_ == 0 || !socket_.bind(port_)) {
         throw std::runtime_error("no free UDP port");
     }

@@ -7,9 +7,11 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -22,7 +24,9 @@ extern "C" {
 #include <ostream>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "net/udp_socket.h"
@@ -334,9 +338,9 @@ INSTANTIATE_TEST_SUITE_P(
 struct RelayOfTwoSizes : Relay {
     RelayOfTwoSizes() {
         const std::string encoder = "-c:v libvpx -b:v 150k -deadline realtime ";
-        make_media(kPicture + kTone + "-t 1 " + encoder + kOpus, file("small.mkv"));
+        make_media(kPicture + kTone + "-t 0.6 " + encoder + kOpus, file("small.mkv"));
         make_media(
-            "-f lavfi -i testsrc2=size=480x360:rate=5 " + kTone + "-t 10 -g 5 " + encoder + kOpus,
+            "-f lavfi -i testsrc2=size=480x360:rate=5 " + kTone + "-t 10 -g 1 " + encoder + kOpus,
             file("large.mkv"));
         std::ofstream(file("list")) << "file small.mkv\nfile large.mkv\n";
         make_media("-f concat -safe 0 -i " + file("list") + " -c copy", file("film.mkv"));
@@ -345,8 +349,28 @@ struct RelayOfTwoSizes : Relay {
         film.read(small.data(), std::ssize(small));
         large.assign(std::istreambuf_iterator<char>(film), {});
         EXPECT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-        writer.open(pipe,
-                    std::ios::in | std::ios::out | std::ios::binary);  // without a reader, too
+        // Does not wait for a reader.
+        writer = ::open(pipe.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    }
+    ~RelayOfTwoSizes() override { stop_writing(); }
+    void stop_writing() {
+        if (writer >= 0) {
+            close(std::exchange(writer, -1));
+        }
+    }
+    // Before there is a parent, which gives up a pipe from which nothing comes for ten seconds.
+    void write_small() const {
+        ASSERT_EQ(::write(writer, small.data(), small.size()), std::ssize(small));
+    }
+    // As fast as the parent reads it.
+    void write_large(RelayingParent& parent) const {
+        std::string_view rest = large;
+        ASSERT_TRUE(eventually([&] {
+            const ssize_t written = ::write(writer, rest.data(), rest.size());
+            rest.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
+            return rest.empty() || parent.process().ending();
+        }));
+        ASSERT_TRUE(rest.empty()) << parent.process().err();
     }
     static std::size_t offset_of_second_keyframe(const std::string& film) {
         AVFormatContext* format = nullptr;
@@ -370,7 +394,7 @@ struct RelayOfTwoSizes : Relay {
     std::string small;  // the film up to the other size
     std::string large;
     std::string pipe = file("pipe");
-    std::fstream writer;
+    int writer = -1;
 };
 
 std::vector<std::string> command_line_of(pid_t pid) {
@@ -383,14 +407,15 @@ std::vector<std::string> command_line_of(pid_t pid) {
 }
 
 TEST_F(RelayOfTwoSizes, StartsAPlayerForEachWithTheVolumeThatTheViewerChose) {
-    writer << small << std::flush;
+    const auto pictures = pictures_of(file("large.mkv"));
+    ASSERT_NO_FATAL_FAILURE(write_small());
     RelayingParent parent({"--file", pipe, "--copy", "--volume", "0.5"}, sound_);
     ASSERT_NO_FATAL_FAILURE(parent.find_window());
     EXPECT_TRUE(eventually([&] { return parent.window().title() == "Stream: pipe"; }));
     EXPECT_EQ(parent.window().size(), (Extent{.width = 320, .height = 240}));
     parent.window().press_key("Up");
     ASSERT_TRUE(parent.prints("volume 55 %"));
-    writer << large << std::flush;
+    ASSERT_NO_FATAL_FAILURE(write_large(parent));
     ASSERT_TRUE(
         parent.prints("pictures of 480x360 follow those of 320x240: another player is "
                       "started"));
@@ -398,24 +423,23 @@ TEST_F(RelayOfTwoSizes, StartsAPlayerForEachWithTheVolumeThatTheViewerChose) {
     EXPECT_TRUE(eventually([&] { return parent.window().title() == "Stream: pipe"; }));
     EXPECT_THAT(command_line_of(parent.player()),
                 testing::IsSupersetOf({"480", "360", "0.550000"}));
-    const auto pictures = pictures_of(file("large.mkv"));
     EXPECT_TRUE(
         eventually([&] { return pictures.contains(pixels_of(parent.window().screenshot())); }));
     EXPECT_FALSE(parent.process().ending());
 }
 
 TEST_F(RelayOfTwoSizes, KeepsThePlayerWithNoRestart) {
-    writer << small << std::flush;
+    ASSERT_NO_FATAL_FAILURE(write_small());
     RelayingParent parent({"--file", pipe, "--copy", "--no-restart"}, sound_);
     ASSERT_NO_FATAL_FAILURE(parent.find_window());
-    writer << large << std::flush;
-    writer.close();
+    ASSERT_NO_FATAL_FAILURE(write_large(parent));
+    stop_writing();
     ASSERT_TRUE(parent.prints("pictures of 480x360 follow those of 320x240: the player stays"));
     EXPECT_EQ(parent.process().wait_for_end(), (Ending{.status = 0, .signal = 0}));
     EXPECT_THAT(parent.process().out(), Not(HasSubstr("480x360")));
 }
 
-// An even port, and the next: RTP and its control protocol (RFC 3550, section 11). The function
+// An even port, and the next: RTP and its control protocol (RFC 3550, section 11). free_port()
 // gives the even one to nobody else, and the system gives neither to whoever asks for any.
 std::uint16_t free_pair_of_ports() {
     for (;;) {
@@ -574,6 +598,9 @@ TEST_F(LiveRelay, GoesOnAfterASilenceOf20Seconds) {
     EXPECT_TRUE(is_silent());
     sender.send_signal(SIGCONT);
     EXPECT_TRUE(eventually([&] { return !is_silent(); }));
+    const std::string continues = sdp + ": continues after ";
+    const std::string& text = parent.process().err();
+    EXPECT_GT(std::stod(text.substr(text.rfind(continues) + continues.size())), 12);
     EXPECT_TRUE(parent.shows(pictures));
     EXPECT_FALSE(parent.process().ending());
 }

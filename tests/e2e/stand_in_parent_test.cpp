@@ -116,18 +116,22 @@ INSTANTIATE_TEST_SUITE_P(All, StandInParentWays,
                                               "--seed", "3", "--keyframe-interval", "10"}}),
                          [](const auto& way) { return way.param.name; });
 
-// Lets the last datagram of a capture come an hour later. Each record begins with its seconds,
-// microseconds, and length in the file (pcap-savefile(5)).
+// Lets the last datagram to the player come an hour later. Each record begins with its seconds,
+// microseconds, and length in the file (pcap-savefile(5)); the headers of IPv4 and UDP follow.
 void delay_last_datagram(const std::string& path) {
     constexpr std::size_t kFileHeader = 24;
     constexpr std::size_t kRecordHeader = 16;
+    constexpr std::size_t kDestinationPort = kRecordHeader + 20 + 2;
     std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
     const std::string bytes(std::istreambuf_iterator<char>(file), {});
     std::array<std::uint32_t, 3> record{};
     std::size_t last = 0;
     for (std::size_t at = kFileHeader; at < bytes.size(); at += kRecordHeader + record[2]) {
         std::memcpy(record.data(), &bytes[at], sizeof(record));
-        last = at;
+        if (bytes.compare(at + kDestinationPort, 2, bytes, kFileHeader + kDestinationPort, 2) ==
+            0) {
+            last = at;
+        }
     }
     record[0] += 3600;
     file.clear();
