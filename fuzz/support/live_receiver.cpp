@@ -49,6 +49,9 @@ extern "C" const char* __asan_default_options() {  // NOLINT: the sanitizer's na
 
 void prepare_process() {
     SDL_setenv("SDL_VIDEODRIVER", "dummy", 1);
+    // SDL connects to the buses. Without an address libdbus looks for one, and starts one.
+    SDL_setenv("DBUS_SESSION_BUS_ADDRESS", "disabled:", 1);
+    SDL_setenv("DBUS_SYSTEM_BUS_ADDRESS", "disabled:", 1);
     require(SDL_Init(SDL_INIT_VIDEO) == 0, "SDL has a dummy video driver");
     av_log_set_level(AV_LOG_QUIET);
 }

@@ -46,7 +46,7 @@ Pipe make_pipe() {
     ::dup2(out_descriptor, STDOUT_FILENO);
     ::dup2(err_descriptor, STDERR_FILENO);
     // The child must not inherit the test's sockets: a port that the test closes must be free.
-    ::close_range(STDERR_FILENO + 1, ~0U, 0);
+    ::closefrom(STDERR_FILENO + 1);
     ::execvpe(arguments[0], arguments, environment);
     ::_exit(kCannotRun);
 }
