@@ -340,7 +340,7 @@ struct RelayOfTwoSizes : Relay {
         const std::string encoder = "-c:v libvpx -b:v 150k -deadline realtime ";
         make_media(kPicture + kTone + "-t 0.6 " + encoder + kOpus, file("small.mkv"));
         make_media(
-            "-f lavfi -i testsrc2=size=480x360:rate=5 " + kTone + "-t 10 -g 1 " + encoder + kOpus,
+            "-f lavfi -i testsrc2=size=480x360:rate=5 " + kTone + "-t 4 -g 1 " + encoder + kOpus,
             file("large.mkv"));
         std::ofstream(file("list")) << "file small.mkv\nfile large.mkv\n";
         make_media("-f concat -safe 0 -i " + file("list") + " -c copy", file("film.mkv"));

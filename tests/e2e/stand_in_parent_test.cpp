@@ -1,12 +1,8 @@
 // What a viewer sees when vesper-parent starts the player.
 #include <gtest/gtest.h>
 
-#include <array>
 #include <csignal>
-#include <cstdint>
-#include <cstring>
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -19,6 +15,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/eventually.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/tools/delayed_capture.h"
 #include "tests/tools/media_file.h"
 
 namespace vesper::test {
@@ -115,29 +112,6 @@ INSTANTIATE_TEST_SUITE_P(All, StandInParentWays,
                                               "--corrupt", "1", "--truncate", "1", "--jitter", "5",
                                               "--seed", "3", "--keyframe-interval", "10"}}),
                          [](const auto& way) { return way.param.name; });
-
-// Lets the last datagram to the player come an hour later. Each record begins with its seconds,
-// microseconds, and length in the file (pcap-savefile(5)); the headers of IPv4 and UDP follow.
-void delay_last_datagram(const std::string& path) {
-    constexpr std::size_t kFileHeader = 24;
-    constexpr std::size_t kRecordHeader = 16;
-    constexpr std::size_t kDestinationPort = kRecordHeader + 20 + 2;
-    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
-    const std::string bytes(std::istreambuf_iterator<char>(file), {});
-    std::array<std::uint32_t, 3> record{};
-    std::size_t last = 0;
-    for (std::size_t at = kFileHeader; at < bytes.size(); at += kRecordHeader + record[2]) {
-        std::memcpy(record.data(), &bytes[at], sizeof(record));
-        if (bytes.compare(at + kDestinationPort, 2, bytes, kFileHeader + kDestinationPort, 2) ==
-            0) {
-            last = at;
-        }
-    }
-    record[0] += 3600;
-    file.clear();
-    file.seekp(static_cast<std::streamoff>(last));
-    file.write(reinterpret_cast<const char*>(record.data()), sizeof(record[0]));
-}
 
 // The second run has no options about the picture: the capture determines it. A capture answers no
 // keyframe request, so it holds keyframes enough for a player that gives up the first of them.

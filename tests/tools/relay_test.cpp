@@ -157,6 +157,7 @@ class RelayTest : public testing::Test {
 
     // What a session does once the relay is ready.
     void start() {
+        started_at_ = Clock::now();
         link_.start({.keyframe_requested = [this] { relay_->request_keyframe(); },
                      .datagram_passed =
                          [this](Direction direction, std::span<const std::uint8_t> datagram) {
@@ -218,6 +219,7 @@ class RelayTest : public testing::Test {
     Sent sent_;
     Link link_;
     std::optional<Relay> relay_;
+    Clock::time_point started_at_;  // no frame leaves before
 
   private:
     void keep(std::span<const std::uint8_t> datagram) {
@@ -494,14 +496,10 @@ TEST_F(RelayTest, TheLastPicturesAreEncodedToo) {
 TEST_F(RelayTest, TheLastPictureComesAtItsTime) {
     const std::string path = file("film.mp4");
     make_media("-f lavfi -i testsrc2=size=320x240:rate=2 -t 2 -c:v mpeg4 -bf 2", path);
-    open({.input = path});
-    ASSERT_TRUE(comes_to(Feed::State::kReady));
-    const Clock::time_point begin = Clock::now();  // the first frame may be late, but not early
-    start();
-    wait_for_end();
+    relay({.input = path});
     const auto times = sent().frame_times;
     ASSERT_THAT(times, Not(IsEmpty()));  // a busy machine leaves some out, but never the last
-    EXPECT_GE(times.back() - begin, milliseconds(2000));
+    EXPECT_GE(times.back() - started_at_, milliseconds(2000));
 }
 
 TEST_F(RelayTest, APictureAloneIsEncoded) {
@@ -556,16 +554,12 @@ TEST_F(RelayTest, FramesLeaveByTheirTimestamps) {
     // From 100 s on, with a second between the frames 14 and 15.
     write_ivf(path, some_frames(),
               [](std::size_t i) { return 100'000 + i * 100 / 3 + (i < 15 ? 0 : 1000); });
-    open({.input = path});
-    ASSERT_TRUE(comes_to(Feed::State::kReady));
-    const Clock::time_point begin = Clock::now();  // the first frame may be late, but not early
-    start();
-    wait_for_end();
+    relay({.input = path});
     const auto times = sent().frame_times;
     ASSERT_THAT(times, SizeIs(30));
-    EXPECT_GE(times[15] - begin, milliseconds(1500));
-    EXPECT_GE(times[29] - begin, milliseconds(1966));
-    EXPECT_LT(times[29] - begin, seconds(100)) << "not from 0 s on";
+    EXPECT_GE(times[15] - started_at_, milliseconds(1500));
+    EXPECT_GE(times[29] - started_at_, milliseconds(1966));
+    EXPECT_LT(times[29] - started_at_, seconds(100)) << "not from 0 s on";
 }
 
 // The sound is the clock here: a packet each 20 ms, at most four of which are due in 75 ms, and

@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -21,6 +20,7 @@
 #include "tests/support/eventually.h"
 #include "tests/support/fragment_builder.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/tools/delayed_capture.h"
 #include "tests/tools/grey_picture.h"
 #include "tools/stream/capture.h"
 #include "tools/stream/free_port.h"
@@ -172,26 +172,11 @@ TEST_F(Replay, OfALiveStreamGivesWhatThePlayerWasSent) {
     EXPECT_THAT(received(), ElementsAreArray(live));
 }
 
-// Moves the last datagram to the player of what write_capture() wrote to an hour later.
-void delay_last(const std::string& path, std::size_t size) {
-    constexpr std::size_t kHeaders = 16 + 20 + 8;  // bytes: the file's for a packet, IP's, UDP's
-    const auto from_end =
-        3 * kHeaders + size + kKeyframeRequest.size() + make_audio_state({}).size();
-    std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
-    const auto place = static_cast<std::streamoff>(std::filesystem::file_size(path) - from_end);
-    file.seekg(place);
-    std::uint32_t seconds = 0;
-    file.read(reinterpret_cast<char*>(&seconds), sizeof(seconds));
-    seconds += 3600;
-    file.seekp(place);
-    file.write(reinterpret_cast<const char*>(&seconds), sizeof(seconds));
-}
-
 TEST_F(Replay, CanItselfBeCapturedWithThePlayersMessages) {
     auto sent = stream();
     write_capture(sent);
     // So the parent is still there when we speak, and until we end it.
-    delay_last(capture_, sent.back().size());
+    test::delay_last_datagram(capture_);
     sent.pop_back();
     const std::string second = folder_.file("second.pcap");
     const Datagram muted = {'A', 'U', 'D', 'S', 1, 0, 0, 0, 0x3F};
