@@ -351,6 +351,9 @@ struct RelayOfTwoSizes : Relay {
         EXPECT_EQ(mkfifo(pipe.c_str(), 0600), 0);
         // Does not wait for a reader.
         writer = ::open(pipe.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        // Before there is a parent, which gives up a pipe from which nothing comes for ten seconds.
+        rest = small;
+        write_what_fits();
     }
     ~RelayOfTwoSizes() override { stop_writing(); }
     void stop_writing() {
@@ -358,19 +361,21 @@ struct RelayOfTwoSizes : Relay {
             close(std::exchange(writer, -1));
         }
     }
-    // Before there is a parent, which gives up a pipe from which nothing comes for ten seconds.
-    void write_small() const {
-        ASSERT_EQ(::write(writer, small.data(), small.size()), std::ssize(small));
+    void write_what_fits() {
+        const ssize_t written = ::write(writer, rest.data(), rest.size());
+        rest.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
     }
     // As fast as the parent reads it.
-    void write_large(RelayingParent& parent) const {
-        std::string_view rest = large;
+    void write_rest(RelayingParent& parent) {
         ASSERT_TRUE(eventually([&] {
-            const ssize_t written = ::write(writer, rest.data(), rest.size());
-            rest.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
+            write_what_fits();
             return rest.empty() || parent.process().ending();
         }));
         ASSERT_TRUE(rest.empty()) << parent.process().err();
+    }
+    void write_large(RelayingParent& parent) {
+        rest = large;
+        write_rest(parent);
     }
     static std::size_t offset_of_second_keyframe(const std::string& film) {
         AVFormatContext* format = nullptr;
@@ -393,6 +398,7 @@ struct RelayOfTwoSizes : Relay {
 
     std::string small;  // the film up to the other size
     std::string large;
+    std::string_view rest;  // of the part that is being written
     std::string pipe = file("pipe");
     int writer = -1;
 };
@@ -408,8 +414,8 @@ std::vector<std::string> command_line_of(pid_t pid) {
 
 TEST_F(RelayOfTwoSizes, StartsAPlayerForEachWithTheVolumeThatTheViewerChose) {
     const auto pictures = pictures_of(file("large.mkv"));
-    ASSERT_NO_FATAL_FAILURE(write_small());
     RelayingParent parent({"--file", pipe, "--copy", "--volume", "0.5"}, sound_);
+    ASSERT_NO_FATAL_FAILURE(write_rest(parent));
     ASSERT_NO_FATAL_FAILURE(parent.find_window());
     EXPECT_TRUE(eventually([&] { return parent.window().title() == "Stream: pipe"; }));
     EXPECT_EQ(parent.window().size(), (Extent{.width = 320, .height = 240}));
@@ -429,26 +435,14 @@ TEST_F(RelayOfTwoSizes, StartsAPlayerForEachWithTheVolumeThatTheViewerChose) {
 }
 
 TEST_F(RelayOfTwoSizes, KeepsThePlayerWithNoRestart) {
-    ASSERT_NO_FATAL_FAILURE(write_small());
     RelayingParent parent({"--file", pipe, "--copy", "--no-restart"}, sound_);
+    ASSERT_NO_FATAL_FAILURE(write_rest(parent));
     ASSERT_NO_FATAL_FAILURE(parent.find_window());
     ASSERT_NO_FATAL_FAILURE(write_large(parent));
     stop_writing();
     ASSERT_TRUE(parent.prints("pictures of 480x360 follow those of 320x240: the player stays"));
     EXPECT_EQ(parent.process().wait_for_end(), (Ending{.status = 0, .signal = 0}));
     EXPECT_THAT(parent.process().out(), Not(HasSubstr("480x360")));
-}
-
-// An even port, and the next: RTP and its control protocol (RFC 3550, section 11). free_port()
-// gives the even one to nobody else, and the system gives neither to whoever asks for any.
-std::uint16_t free_pair_of_ports() {
-    for (;;) {
-        const std::uint16_t port = tools::free_port();
-        UDPSocket next;
-        if (port == 0 || (port % 2 == 0 && next.bind(static_cast<std::uint16_t>(port + 1)))) {
-            return port;
-        }
-    }
 }
 
 struct LiveRelay : Relay {
@@ -502,8 +496,8 @@ struct LiveRelay : Relay {
     }
 
     std::string sdp = file("live.sdp");
-    std::uint16_t video_port = free_pair_of_ports();
-    std::uint16_t sound_port = free_pair_of_ports();
+    std::uint16_t video_port = tools::free_pair_of_ports();
+    std::uint16_t sound_port = tools::free_pair_of_ports();
 };
 
 TEST_F(LiveRelay, OfFfmpegIsShownAsItWasEncodedAndHeard) {

@@ -21,13 +21,27 @@ TEST(FreePort, CanBeBound) {
     EXPECT_TRUE(socket.bind(free_port()));
 }
 
+TEST(FreePort, MayBeTheEvenOneOfAPair) {
+    const std::uint16_t port = free_pair_of_ports();
+    EXPECT_EQ(port % 2, 0);
+    UDPSocket even;
+    UDPSocket odd;
+    EXPECT_TRUE(even.bind(port));
+    EXPECT_TRUE(odd.bind(static_cast<std::uint16_t>(port + 1)));
+}
+
 TEST(FreePort, IsGivenOnce) {
-    constexpr std::size_t kPorts = 200;
+    constexpr std::size_t kPairs = 150;
+    constexpr std::size_t kPorts = 300;
     std::set<std::uint16_t> ports;
+    for (std::size_t i = 0; i < kPairs; ++i) {
+        const std::uint16_t port = free_pair_of_ports();
+        ports.insert({port, static_cast<std::uint16_t>(port + 1)});
+    }
     for (std::size_t i = 0; i < kPorts; ++i) {
         ports.insert(free_port());
     }
-    EXPECT_EQ(ports.size(), kPorts);
+    EXPECT_EQ(ports.size(), 2 * kPairs + kPorts);
     EXPECT_FALSE(ports.contains(0));
 }
 

@@ -52,19 +52,35 @@ bool is_free(std::uint16_t port) {
     return true;
 }
 
-}  // namespace
+bool take(std::uint16_t port) {
+    return reserve(port) && is_free(port);
+}
 
-std::uint16_t free_port() {
+bool take_pair(std::uint16_t port) {
+    return port % 2 == 0 && take(port) && take(static_cast<std::uint16_t>(port + 1));
+}
+
+std::uint16_t first_taken_by(bool (*take)(std::uint16_t)) {
     std::random_device random;
     std::uniform_int_distribution<int> any(kFirstPort, kLastPort);
     for (int tries = 0; tries < kMaxTries; ++tries) {
         const auto port = static_cast<std::uint16_t>(any(random));
-        if (reserve(port) && is_free(port)) {
+        if (take(port)) {
             return port;
         }
     }
     std::fprintf(stderr, "No free port for a player: %s\n", std::strerror(errno));
     return 0;
+}
+
+}  // namespace
+
+std::uint16_t free_port() {
+    return first_taken_by(take);
+}
+
+std::uint16_t free_pair_of_ports() {
+    return first_taken_by(take_pair);
 }
 
 }  // namespace vesper::tools
