@@ -19,9 +19,10 @@ SOURCE = Path(sys.argv[1])
 BUILD = Path(sys.argv[2])
 
 # The list is git's, so that no build folder and no output is searched. The tree may belong to
-# another user than the one who runs the tests, whose git settings are not in a test's environment.
+# another user than the one who runs the tests: git asks about that only where it finds the repository
+# by itself.
 FILES = subprocess.run(
-    ["git", "-c", "safe.directory=*", "ls-files"],
+    ["git", "--git-dir=.git", "ls-files"],
     cwd=SOURCE,
     check=True,
     capture_output=True,

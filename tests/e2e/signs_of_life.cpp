@@ -1,6 +1,7 @@
 // Preloaded into an example that declares a stream over when nothing arrives from it: a socket
 // that is empty yields a datagram of one byte every other time that it is asked, so that no stream
-// falls silent because the test that feeds it is busy. One of two bytes ends that for its socket.
+// falls silent because the test that feeds it is busy. A real datagram of two bytes ends that for
+// its socket.
 #include <dlfcn.h>
 #include <sys/socket.h>
 

@@ -42,14 +42,17 @@ free_ports() {
 import random, socket, sys
 count = int(sys.argv[1])
 sockets = []
+ports = []
 for port in random.sample(range(20000, 32768), 1000):
-    one = socket.socket(type=socket.SOCK_DGRAM)
     try:
-        one.bind(("127.0.0.1", port))
+        # A test that keeps a port for later has the TCP port of the same number.
+        for kind in socket.SOCK_STREAM, socket.SOCK_DGRAM:
+            sockets.append(socket.socket(type=kind))
+            sockets[-1].bind(("127.0.0.1", port))
     except OSError:
         continue
-    sockets.append(one)
-    if len(sockets) == count:
+    ports.append(port)
+    if len(ports) == count:
         break
-print(*(one.getsockname()[1] for one in sockets))' "$1"
+print(*ports)' "$1"
 }

@@ -12,9 +12,9 @@
 
 namespace vesper::test {
 
-// Lets the last datagram to the player, in a capture of CaptureWriter's whose first one goes there,
-// come an hour later. Each record begins with its seconds, microseconds, and length in the file
-// (pcap-savefile(5)); the headers of IPv4 and UDP follow.
+// Makes the last datagram to the player come an hour later. CaptureWriter wrote the capture, and
+// its first datagram goes to the player. Each record begins with its seconds, microseconds, and
+// length in the file (pcap-savefile(5)); the headers of IPv4 and UDP follow.
 inline void delay_last_datagram(const std::string& path) {
     constexpr std::size_t kFileHeader = 24;    // bytes
     constexpr std::size_t kRecordHeader = 16;  // bytes

@@ -68,6 +68,10 @@ const std::string kWithPort = "-o vesper.ports:" + std::to_string(kPlayerPort);
 class Dissector : public testing::Test {
   protected:
     void SetUp() override {
+        if (geteuid() == 0 && !may_become_nobody()) {
+            GTEST_SKIP()
+                << "root can become no other user here, and tshark runs no scripts as root";
+        }
         ASSERT_TRUE(writer_.open(folder_.file("capture.pcap")));
         namespace fs = std::filesystem;
         fs::copy_file(VESPER_SOURCE_FOLDER "/tools/wireshark/vesper.lua", script_);
@@ -88,7 +92,7 @@ class Dissector : public testing::Test {
     // user, with both files open, because that user may not be able to read the folder.
     [[nodiscard]] std::string dissected(const Names& fields, const std::string& options = "") {
         std::string command = "HOME=/nonexistent WIRESHARK_CONFIG_DIR=/nonexistent ";
-        if (may_become_nobody()) {
+        if (geteuid() == 0) {
             command += kAsNobody;
         }
         command += "tshark -n -r - -X lua_script:/dev/fd/3 -T fields -E 'separator=|' " + options;
@@ -114,10 +118,9 @@ class Dissector : public testing::Test {
   private:
     static constexpr auto kAsNobody = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
 
-    // Root of a container may have no other user.
+    // In some containers root is the only user.
     static bool may_become_nobody() {
         static const bool may =
-            geteuid() == 0 &&
             std::system((std::string(kAsNobody) + "true 2>/dev/null").c_str()) == 0;
         return may;
     }

@@ -24,6 +24,7 @@ extern "C" {
 #include <mutex>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "audio/opus_codec.h"
@@ -138,19 +139,27 @@ class RelayTest : public testing::Test {
         return eventually([&] { return relay_->state() == state; });
     }
 
-    // Opens a pipe that contains the whole of this file: the relay waits ten seconds for the next
-    // bytes, and a program that wrote them could be later.
+    // Opens a pipe that contains this file, or as much of it as a pipe takes before it is read: the
+    // relay waits ten seconds for the next bytes, and a program that wrote them could be later.
     void open_pipe(const std::string& content, RelaySettings settings) {
         ASSERT_EQ(mkfifo(settings.input.c_str(), 0600), 0);
         std::ifstream stream(content, std::ios::binary);
         const std::string bytes{std::istreambuf_iterator<char>(stream), {}};
+        std::string_view rest = bytes;
         const int pipe = ::open(settings.input.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-        ASSERT_EQ(write(pipe, bytes.data(), bytes.size()), std::ssize(bytes));
+        const auto write_what_fits = [&] {
+            const ssize_t written = write(pipe, rest.data(), rest.size());
+            rest.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
+        };
+        write_what_fits();
         open(std::move(settings));
         // The pipe is empty once nobody has it open.
         EXPECT_TRUE(eventually([&] {
+            write_what_fits();
             int waiting = 0;
-            return ioctl(pipe, FIONREAD, &waiting) == 0 && waiting < std::ssize(bytes);
+            return ioctl(pipe, FIONREAD, &waiting) == 0 &&
+                   waiting < std::ssize(bytes) - std::ssize(rest) &&
+                   (rest.empty() || relay_->state() == Feed::State::kFailed);
         }));
         close(pipe);
     }
@@ -551,15 +560,14 @@ TEST_F(RelayTest, AnEncodedFrameTooLargeToSendIsReported) {
 // as long as the film. How late a busy machine sends a frame is its own affair.
 TEST_F(RelayTest, FramesLeaveByTheirTimestamps) {
     const std::string path = file("film.ivf");
-    // From 100 s on, with a second between the frames 14 and 15.
+    // A day after 0, which nobody waits for, and with a second between the frames 14 and 15.
     write_ivf(path, some_frames(),
-              [](std::size_t i) { return 100'000 + i * 100 / 3 + (i < 15 ? 0 : 1000); });
+              [](std::size_t i) { return 86'400'000 + i * 100 / 3 + (i < 15 ? 0 : 1000); });
     relay({.input = path});
     const auto times = sent().frame_times;
     ASSERT_THAT(times, SizeIs(30));
     EXPECT_GE(times[15] - started_at_, milliseconds(1500));
     EXPECT_GE(times[29] - started_at_, milliseconds(1966));
-    EXPECT_LT(times[29] - started_at_, seconds(100)) << "not from 0 s on";
 }
 
 // The sound is the clock here: a packet each 20 ms, at most four of which are due in 75 ms, and
@@ -577,8 +585,11 @@ TEST_F(RelayTest, FramesLeaveThePlayerTimeBeforeTheNext) {
     open({.input = path, .loop = true});
     ASSERT_TRUE(comes_to(Feed::State::kReady));
     start();
-    // Of frames that a busy machine sends late, the sound may come after them.
-    EXPECT_TRUE(eventually([this] { return sent().sounds_within_frames > 0; }));
+    // The sound may come after a frame that a busy machine sends late.
+    EXPECT_TRUE(eventually([this] {
+        const Sent so_far = sent();
+        return so_far.frames.size() > 8 && so_far.sounds_within_frames > 0;
+    }));
     relay_->stop();
     link_.stop();
     const Sent all = sent();
@@ -849,7 +860,7 @@ TEST_F(RelayTest, APlaylistInAFileReachesNoAddress) {
 TEST_F(RelayTest, WhatCannotBeReadTwiceIsNotLooped) {
     const std::string path = file("fifo");
     make_media(kPicture + "-t 1 " + kVp8 + "-f webm", file("film"));
-    open_pipe(file("film"), {.input = path, .loop = true});
+    ASSERT_NO_FATAL_FAILURE(open_pipe(file("film"), {.input = path, .loop = true}));
     ASSERT_TRUE(comes_to(Feed::State::kFailed));
     EXPECT_THAT(relay_->take_lines(), ElementsAre("cannot relay " + path +
                                                   ": it cannot be read twice, as --loop asks for"));
@@ -858,7 +869,7 @@ TEST_F(RelayTest, WhatCannotBeReadTwiceIsNotLooped) {
 TEST_F(RelayTest, APipeIsReadToItsEnd) {
     const std::string path = file("fifo");
     make_media(kPicture + kTone + "-t 1 " + kVp8 + kOpus + "-f webm", file("film"));
-    open_pipe(file("film"), {.input = path});
+    ASSERT_NO_FATAL_FAILURE(open_pipe(file("film"), {.input = path}));
     ASSERT_TRUE(comes_to(Feed::State::kReady));
     start();
     wait_for_end();

@@ -109,7 +109,11 @@ class Replay : public testing::Test {
             ending = parent_->ending();
             return ending.has_value();
         }));
-        return {.status = ending ? ending->status : -1, .errors = parent_->err()};
+        if (!ending) {
+            return {.status = -1, .errors = "it does not end"};
+        }
+        return {.status = ending->signal != 0 ? -ending->signal : ending->status,
+                .errors = parent_->err()};
     }
 
     [[nodiscard]] Ending run_parent(const std::string& options) {
