@@ -33,6 +33,7 @@ extern "C" {
 #include "tests/e2e/played_sound.h"
 #include "tests/e2e/player_fixture.h"
 #include "tests/e2e/player_window.h"
+#include "tests/e2e/printed_on_failure.h"
 #include "tests/e2e/virtual_display.h"
 #include "tests/support/child_process.h"
 #include "tests/support/eventually.h"
@@ -194,6 +195,7 @@ class RelayingParent {
 
     VirtualDisplay display_;
     ChildProcess process_;
+    PrintedOnFailure printed_{process_};
     int players_ = 0;
     std::optional<pid_t> player_;
     std::optional<PlayerWindow> window_;

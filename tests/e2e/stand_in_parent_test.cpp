@@ -11,6 +11,7 @@
 
 #include "tests/e2e/player_fixture.h"
 #include "tests/e2e/player_window.h"
+#include "tests/e2e/printed_on_failure.h"
 #include "tests/e2e/virtual_display.h"
 #include "tests/support/child_process.h"
 #include "tests/support/eventually.h"
@@ -75,6 +76,7 @@ class StandInParent {
 
     VirtualDisplay display_;
     ChildProcess process_;
+    PrintedOnFailure printed_{process_};
     std::optional<PlayerWindow> window_;
 };
 
