@@ -3,18 +3,20 @@
 
 #include <gtest/gtest.h>
 
+#include <exception>
 #include <iostream>
 
 #include "tests/support/child_process.h"
 
 namespace vesper::test {
 
-// Prints what `process` has written, both streams, once this object ends in a test that has failed.
+// Prints what `process` has written, both streams, once this object ends in a test that has failed,
+// or because of an exception.
 class PrintedOnFailure {
   public:
     explicit PrintedOnFailure(ChildProcess& process) : process_(process) {}
     ~PrintedOnFailure() {
-        if (testing::Test::HasFailure()) {
+        if (testing::Test::HasFailure() || std::uncaught_exceptions() > 0) {
             std::cout << process_.out() << process_.err() << std::flush;
         }
     }
