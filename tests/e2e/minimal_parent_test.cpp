@@ -4,6 +4,7 @@
 #include <chrono>
 #include <csignal>
 #include <fstream>
+#include <utility>
 
 #include "net/stream_datagrams.h"
 #include "net/udp_socket.h"
@@ -27,7 +28,14 @@ struct Video {
     int frames = kFramesPerSecond;
     int hidden_from = 1'000'000;  // frames that are decoded but not to be shown begin with this one
     int time_units = kFramesPerSecond;  // in a second
+    bool keyframes_alone = false;
 };
+
+// Longer than a test waits for a picture.
+Video long_video(tools::Picture picture) {
+    return {
+        .picture = std::move(picture), .frames = 600 * kFramesPerSecond, .keyframes_alone = true};
+}
 
 // VP8's first byte shows whether the frame is to be shown (RFC 6386, section 9.1).
 constexpr std::uint8_t kShowFrame = 0x10;
@@ -36,7 +44,7 @@ bool is_keyframe(std::uint8_t first_byte) {
     return (first_byte & 1) == 0;
 }
 
-// The video as an IVF file; only the first frame is a keyframe.
+// The video as an IVF file; the first frame is a keyframe.
 std::string ivf(const Video& video) {
     std::string file = "DKIF";
     append(file, 0, 2);  // version
@@ -54,8 +62,10 @@ std::string ivf(const Video& video) {
                               .frames_per_second = kFramesPerSecond,
                               .bitrate = 2'000'000,
                               .keyframe_interval = 10'000}));
+    const auto keyframe = encoder.encode(video.picture, true);
     for (int frame = 0; frame < video.frames; ++frame) {
-        auto encoded = encoder.encode(video.picture, frame == 0);
+        auto encoded =
+            frame == 0 || video.keyframes_alone ? keyframe : encoder.encode(video.picture, false);
         if (frame >= video.hidden_from) {
             encoded.front() &= static_cast<std::uint8_t>(~kShowFrame);
         }
@@ -96,42 +106,35 @@ class MinimalParent : public PlayerTest {
     std::optional<ChildProcess> example_;
 };
 
+// For as long as it takes: on a busy machine the player drops frames whose fragments come too
+// slowly, and this example sends each keyframe only once more.
 TEST_F(MinimalParent, ShowsItsVideo) {
     start_player({"--parent-port", example_port_});
-    run_example({});
+    run_example(long_video(fields_picture()));
     expect_fields();
-    EXPECT_EQ(example_->wait_for_end(), Ending{});
-    EXPECT_EQ(example_->out(), "");
     EXPECT_EQ(example_->err(), "");
-    progress_text += "[VideoPlayer] Sent keyframe request to parent (port " + example_port_ + ")\n";
-    failure_text += "[VideoReceiver] VP8 receive_frame error: -11\n";
+    player->send_signal(SIGTERM);
+    EXPECT_EQ(player->wait_for_end(), (Ending{.signal = SIGTERM}));
 }
 
-// The player has nothing to begin with until the example has answered its request.
 TEST_F(MinimalParent, SendsTheKeyframeAgainWhenThePlayerAsks) {
+    UDPSocket instead_of_the_player;
+    ASSERT_TRUE(instead_of_the_player.bind(port));
     run_example({.frames = 60 * kFramesPerSecond});
-    {
-        // After the example's start, which would inherit the socket and keep the port.
-        UDPSocket instead_of_the_player;
-        ASSERT_TRUE(instead_of_the_player.bind(port));
-        ASSERT_TRUE(eventually([&] {
+    const auto gets_frame = [&](bool keyframe) {
+        return eventually([&] {
             tools::Datagram datagram(65'536);
             return instead_of_the_player.recv(datagram.data(), datagram.size(), 0) > 0 &&
                    read_video_fragment_header(datagram.data()).fragment_index == 0 &&
-                   !is_keyframe(datagram[kVideoPayloadOffset]);
-        }));
-    }
-    run_player({"--port", std::to_string(port), "--parent-port", example_port_, "--width",
-                std::to_string(kPictureSize.width), "--height",
-                std::to_string(kPictureSize.height)});
-    window.emplace(display, player->pid());
-    expect_fields();
-    EXPECT_THAT(player->out(),
-                testing::HasSubstr("[VideoPlayer] Sent keyframe request to parent (port " +
-                                   example_port_ + ")\n"));
-    // How many errors there were by then is a matter of time.
-    window->close();
-    EXPECT_EQ(player->wait_for_end(), Ending{});
+                   is_keyframe(datagram[kVideoPayloadOffset]) == keyframe;
+        });
+    };
+    ASSERT_TRUE(gets_frame(false));
+    ASSERT_GT(
+        instead_of_the_player.send(kKeyframeRequest.data(), kKeyframeRequest.size(), "127.0.0.1",
+                                   static_cast<std::uint16_t>(std::stoi(example_port_))),
+        0);
+    EXPECT_TRUE(gets_frame(true));
 }
 
 // Each frame that is not to be shown makes the player ask for a keyframe.
@@ -139,6 +142,8 @@ TEST_F(MinimalParent, ComesToTheEndOfAVideoWithFramesThatAreNotToBeShown) {
     start_player({"--parent-port", example_port_});
     run_example({.hidden_from = 2});
     EXPECT_EQ(example_->wait_for_end(), Ending{});
+    EXPECT_EQ(example_->out(), "");
+    EXPECT_EQ(example_->err(), "");
     player->send_signal(SIGTERM);
     EXPECT_EQ(player->wait_for_end(), (Ending{.signal = SIGTERM}));
 }
@@ -177,13 +182,12 @@ TEST_F(MinimalParent, RunsOnAMachineThatHasRunForYears) {
 TEST_F(MinimalParent, IsShownAgainAfterACrash) {
     constexpr Color kGreen{.red = 30, .green = 150, .blue = 30};
     start_player({"--parent-port", example_port_});
-    run_example({.frames = 60 * kFramesPerSecond});
+    run_example(long_video(fields_picture()));
     expect_fields();
     example_->send_signal(SIGKILL);
     EXPECT_EQ(example_->wait_for_end(), (Ending{.signal = SIGKILL}));
-    run_example({.picture = flat_picture(kGreen)});
+    run_example(long_video(flat_picture(kGreen)));
     expect_color({.x = 40, .y = 40}, kGreen);
-    EXPECT_EQ(example_->wait_for_end(), Ending{});
     player->send_signal(SIGTERM);
     EXPECT_EQ(player->wait_for_end(), (Ending{.signal = SIGTERM}));
 }

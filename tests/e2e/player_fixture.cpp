@@ -1,5 +1,7 @@
 #include "tests/e2e/player_fixture.h"
 
+#include <iostream>
+
 #include <algorithm>
 #include <concepts>
 #include <csignal>
@@ -69,6 +71,9 @@ PlayerTest::PlayerTest(const tools::Vp8Settings& stream)
 void PlayerTest::TearDown() {
     if (player && !player->ending()) {
         expect_clean_end();
+    }
+    if (HasFailure() && player) {
+        std::cout << player->out() << player->err() << std::flush;
     }
 }
 
