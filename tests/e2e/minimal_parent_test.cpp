@@ -44,7 +44,8 @@ bool is_keyframe(std::uint8_t first_byte) {
     return (first_byte & 1) == 0;
 }
 
-// The video as an IVF file; the first frame is a keyframe.
+// The video as an IVF file. The first frame is a keyframe, and the others are, if so wanted, the
+// same again.
 std::string ivf(const Video& video) {
     std::string file = "DKIF";
     append(file, 0, 2);  // version
@@ -106,8 +107,8 @@ class MinimalParent : public PlayerTest {
     std::optional<ChildProcess> example_;
 };
 
-// For as long as it takes: on a busy machine the player drops frames whose fragments come too
-// slowly, and this example sends each keyframe only once more.
+// On a busy machine the player drops frames whose fragments come too slowly, and the example sends
+// each keyframe only once more. So the video has many.
 TEST_F(MinimalParent, ShowsItsVideo) {
     start_player({"--parent-port", example_port_});
     run_example(long_video(fields_picture()));

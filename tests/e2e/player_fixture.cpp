@@ -1,11 +1,10 @@
 #include "tests/e2e/player_fixture.h"
 
-#include <iostream>
-
 #include <algorithm>
 #include <concepts>
 #include <csignal>
 #include <cstdlib>
+#include <iostream>
 #include <stdexcept>
 
 #include "net/stream_datagrams.h"

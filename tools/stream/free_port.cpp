@@ -60,12 +60,12 @@ bool take_pair(std::uint16_t port) {
     return port % 2 == 0 && take(port) && take(static_cast<std::uint16_t>(port + 1));
 }
 
-std::uint16_t first_taken_by(bool (*take)(std::uint16_t)) {
+std::uint16_t first_taken_by(bool (*takes)(std::uint16_t)) {
     std::random_device random;
     std::uniform_int_distribution<int> any(kFirstPort, kLastPort);
     for (int tries = 0; tries < kMaxTries; ++tries) {
         const auto port = static_cast<std::uint16_t>(any(random));
-        if (take(port)) {
+        if (takes(port)) {
             return port;
         }
     }

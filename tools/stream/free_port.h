@@ -11,8 +11,8 @@ namespace vesper::tools {
 // takes it, however long that starts. Any thread.
 [[nodiscard]] std::uint16_t free_port();
 
-// Likewise an even port, and the next: what RTP and its control protocol use (RFC 3550, section
-// 11).
+// Likewise an even port, with the next one kept, too: RTP and its control protocol use such pairs
+// (RFC 3550, section 11).
 [[nodiscard]] std::uint16_t free_pair_of_ports();
 
 }  // namespace vesper::tools
