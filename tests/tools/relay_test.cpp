@@ -785,6 +785,18 @@ TEST_F(RelayTest, AFileCutShortIsSentAsFarAsItGoes) {
     EXPECT_THAT(relay_->take_lines(), Contains(HasSubstr(" s of 3.0 s: it is cut short")));
 }
 
+TEST_F(RelayTest, ALoopOfAFileCutShortIsReportedOnce) {
+    const std::string path = file("film.webm");
+    make_media(kPicture + "-t 3 " + kVp8, path);
+    const std::size_t frames = packets_of(path, AVMEDIA_TYPE_VIDEO).size();
+    std::filesystem::resize_file(path, std::filesystem::file_size(path) / 2);
+    open({.input = path, .loop = true});
+    ASSERT_TRUE(comes_to(Feed::State::kReady));
+    start();
+    ASSERT_TRUE(eventually([&] { return sent().frames.size() > 2 * frames; }));
+    EXPECT_THAT(relay_->take_lines(), ElementsAre(HasSubstr(" s of 3.0 s: it is cut short")));
+}
+
 TEST_F(RelayTest, AFrameCutShortIsLeftOut) {
     const std::string path = file("film.ivf");
     make_media(kPicture + "-t 1 " + kVp8, path);

@@ -349,9 +349,13 @@ void Relay::tell_of_the_end(int reason) {
     // What the header claims is a little more or less than the last timestamp.
     constexpr double kRounding = 1;  // s
     const double length = static_cast<double>(furthest_) / kMicroseconds.den;
+    const bool is_short = length < input_.claimed_seconds() - kRounding;
+    if ((reason == AVERROR_EOF && !is_short) || std::exchange(end_reported_, true)) {
+        return;
+    }
     if (reason != AVERROR_EOF) {
         report("ends early: " + libav_error(reason));
-    } else if (length < input_.claimed_seconds() - kRounding) {
+    } else {
         report(format("ends after %.1f s of %.1f s: it is cut short", length,
                       input_.claimed_seconds()));
     }

@@ -151,6 +151,7 @@ class Relay : public Feed {
     std::int64_t furthest_ = 0;   // latest timestamp of the round, in microseconds
     bool took_in_round_ = false;  // a packet has arrived since the input was last opened
     bool damage_reported_ = false;
+    bool end_reported_ = false;  // that a round ended early
     bool missing_keyframe_reported_ = false;
     bool missing_sound_reported_ = false;
     std::optional<Clock::time_point> first_arrival_;
