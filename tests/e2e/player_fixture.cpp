@@ -4,10 +4,10 @@
 #include <concepts>
 #include <csignal>
 #include <cstdlib>
-#include <iostream>
 #include <stdexcept>
 
 #include "net/stream_datagrams.h"
+#include "tests/e2e/printed_on_failure.h"
 #include "tests/support/numbered_addresses.h"
 
 namespace vesper::test {
@@ -67,12 +67,15 @@ PlayerTest::PlayerTest(const tools::Vp8Settings& stream)
       environment(player_environment(display)),
       video(stream) {}
 
+PlayerTest::~PlayerTest() {
+    if (player) {
+        print_on_failure(*player);
+    }
+}
+
 void PlayerTest::TearDown() {
     if (player && !player->ending()) {
         expect_clean_end();
-    }
-    if (HasFailure() && player) {
-        std::cout << player->out() << player->err() << std::flush;
     }
 }
 
@@ -99,7 +102,7 @@ void PlayerTest::start_player_anywhere(const std::vector<std::string>& more) {
     has_audio = std::ranges::find(more, "--has-audio") != more.end();
     run_player(arguments);
     if (!eventually([this] { return player->out() == start_up_text(); })) {
-        throw std::runtime_error("the player did not start: " + player->out() + player->err());
+        throw std::runtime_error("the player did not start");
     }
 }
 

@@ -1,9 +1,10 @@
 // The fixture of the end-to-end tests: one player process in one window on one display, with a
 // parent application's socket at the other end.
 //
-// Each test ends with the window being closed, and with the player's whole output compared: what a
-// test expects beyond start-up and shut-down it adds to progress_text and failure_text. A
-// sanitizer's report is output like any other and fails the test.
+// A test ends with the window being closed, and with the player's whole output compared: what it
+// expects beyond start-up and shut-down it adds to progress_text and failure_text. Where the output
+// depends on the machine's speed, a test compares the exit status alone. A sanitizer's report
+// changes both and fails the test. What the player wrote is printed if the test fails.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -35,6 +36,7 @@ class PlayerTest : public testing::Test {
   protected:
     // `stream` describes what `video` makes, and is passed to the player.
     explicit PlayerTest(const tools::Vp8Settings& stream = kSmallStream);
+    ~PlayerTest() override;
     void TearDown() override;
 
     // Runs the player with exactly these arguments, without waiting for anything.

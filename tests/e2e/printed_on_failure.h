@@ -10,16 +10,19 @@
 
 namespace vesper::test {
 
-// Prints what `process` has written, both streams, once this object ends in a test that has failed,
-// or because of an exception.
+// Called by a destructor: prints what `process` has written, both streams, if the test has failed
+// or an exception is ending it.
+inline void print_on_failure(ChildProcess& process) {
+    if (testing::Test::HasFailure() || std::uncaught_exceptions() > 0) {
+        std::cout << process.out() << process.err() << std::flush;
+    }
+}
+
+// Calls print_on_failure() when it is destroyed.
 class PrintedOnFailure {
   public:
     explicit PrintedOnFailure(ChildProcess& process) : process_(process) {}
-    ~PrintedOnFailure() {
-        if (testing::Test::HasFailure() || std::uncaught_exceptions() > 0) {
-            std::cout << process_.out() << process_.err() << std::flush;
-        }
-    }
+    ~PrintedOnFailure() { print_on_failure(process_); }
     PrintedOnFailure(const PrintedOnFailure&) = delete;
     PrintedOnFailure& operator=(const PrintedOnFailure&) = delete;
 

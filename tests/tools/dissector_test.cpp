@@ -69,7 +69,7 @@ class Dissector : public testing::Test {
   protected:
     void SetUp() override {
         if (geteuid() == 0 && !may_become_nobody() && !root_runs_scripts()) {
-            GTEST_SKIP() << "tshark runs no scripts here as the only user that there is";
+            GTEST_SKIP() << "root is the only user here, and tshark runs no scripts as root";
         }
         ASSERT_TRUE(writer_.open(folder_.file("capture.pcap")));
         namespace fs = std::filesystem;
@@ -128,9 +128,10 @@ class Dissector : public testing::Test {
     // Until Wireshark 4.2.
     [[nodiscard]] bool root_runs_scripts() const {
         const std::string script = folder_.file("tried.lua");
-        std::ofstream(script) << "Proto('tried', 'Tried')\n";
+        std::ofstream(script) << "Proto('vesper_tried', 'Tried')\n";
+        EXPECT_EQ(std::system("tshark --version >/dev/null"), 0);
         return std::system(("tshark -G protocols -X lua_script:'" + script +
-                            "' 2>/dev/null | grep -q tried")
+                            "' 2>/dev/null | grep -qw vesper_tried")
                                .c_str()) == 0;
     }
 

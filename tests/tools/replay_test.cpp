@@ -42,7 +42,7 @@ constexpr std::uint16_t kCapturedPlayerPort = 50000;
 
 // How a run of vesper-parent ended, and what it wrote to standard error.
 struct Ending {
-    int status = 0;
+    int status = 0;  // below 0: a signal with its sign changed
     std::string errors;
 
     bool operator==(const Ending&) const = default;
@@ -110,7 +110,7 @@ class Replay : public testing::Test {
             return ending.has_value();
         }));
         if (!ending) {
-            return {.status = -1, .errors = "it does not end"};
+            return {.status = -1, .errors = "it does not end: " + parent_->err()};
         }
         return {.status = ending->signal != 0 ? -ending->signal : ending->status,
                 .errors = parent_->err()};

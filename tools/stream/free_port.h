@@ -8,7 +8,7 @@ namespace vesper::tools {
 // A UDP port of 127.0.0.1 that is free; 0, with a line on standard error, when there is none. Until
 // this process ends, the function gives it to nobody else, in this process or another, and it is
 // none of those that the system gives to whoever asks for any: it is still free when the player
-// takes it, however long that starts. Any thread.
+// takes it, however long that takes to start. Any thread.
 [[nodiscard]] std::uint16_t free_port();
 
 // Likewise an even port, with the next one kept, too: RTP and its control protocol use such pairs
