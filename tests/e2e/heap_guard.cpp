@@ -4,8 +4,12 @@
 // of which the sanitizers see nothing.
 //
 // A block is aligned as its caller asked, so that up to 15 bytes may lie between its end and the
-// page, or more where more alignment was asked for; they are filled and checked when the
-// block is freed. Smaller blocks are the C library's. Address space is never used twice.
+// page, or more where more alignment was asked for. They, and those between the block and the
+// beginning of its first page, are filled, and checked when the block is freed. Smaller blocks, and
+// those aligned to more than a page, are the C library's. Address space is never used twice.
+//
+// A program in which a larger block cannot be guarded ends with SIGABRT: what it does next would
+// prove nothing.
 //
 // What SDL reads of a picture at its upload is checked, too: it gets a copy that ends at such a
 // page.
@@ -16,6 +20,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -79,9 +84,18 @@ std::size_t& size_of(const void* block) {
                kPage];
 }
 
-// Zeros; null where there is no memory, or too many blocks for the kernel.
+[[noreturn]] void die(const char* message) {
+    static_cast<void>(!write(STDERR_FILENO, message, std::strlen(message)));
+    std::abort();
+}
+
+// Zeros; null where there is no memory, or too many blocks for the kernel. `alignment` is a power
+// of two and no more than a page.
 void* allocate(std::size_t size, std::size_t alignment) {
-    const std::size_t usable = round_up(size + alignment - 1, kPage);
+    if (size > kArena) {
+        return nullptr;
+    }
+    const std::size_t usable = round_up(size, kPage);
     const std::size_t offset = arena().used.fetch_add(usable + kPage);
     if (offset + usable + kPage > kArena) {
         return nullptr;
@@ -91,16 +105,23 @@ void* allocate(std::size_t size, std::size_t alignment) {
         return nullptr;
     }
     unsigned char* const end = begin + usable;
-    const auto address = reinterpret_cast<std::uintptr_t>(end - size);
-    unsigned char* const block = end - size - address % alignment;
+    unsigned char* const block = end - round_up(size, alignment);
+    std::fill(begin, block, kFilling);
     std::fill(block + size, end, kFilling);
     size_of(block) = size;
     return block;
 }
 
-[[noreturn]] void die(const char* message) {
-    static_cast<void>(!write(STDERR_FILENO, message, std::strlen(message)));
-    std::abort();
+// What the C library gives where allocate() gives nothing: nothing either, as without the guard.
+void* nothing(const void* block) {
+    if (block != nullptr) {
+        die("heap guard: a block that cannot be guarded\n");
+    }
+    return nullptr;
+}
+
+bool is_filled(const unsigned char* begin, const unsigned char* end) {
+    return std::all_of(begin, end, [](unsigned char c) { return c == kFilling; });
 }
 
 void release(void* block) {
@@ -111,16 +132,21 @@ void release(void* block) {
     auto* const begin = static_cast<unsigned char*>(block);
     auto* const end = reinterpret_cast<unsigned char*>(
         round_up(reinterpret_cast<std::uintptr_t>(begin + size), kPage));
-    if (std::any_of(begin + size, end, [](unsigned char c) { return c != kFilling; })) {
-        die("heap guard: written past the end of a block\n");
-    }
-    size_of(block) = 0;
     auto* const first_page =
         reinterpret_cast<unsigned char*>(reinterpret_cast<std::uintptr_t>(begin) / kPage * kPage);
+    if (!is_filled(begin + size, end)) {
+        die("heap guard: written past the end of a block\n");
+    }
+    if (!is_filled(first_page, begin)) {
+        die("heap guard: written before the beginning of a block\n");
+    }
+    size_of(block) = 0;
     const auto bytes = static_cast<std::size_t>(end - first_page);
     // Gives the memory back; the address stays taken.
     madvise(first_page, bytes, MADV_DONTNEED);
-    mprotect(first_page, bytes, PROT_NONE);
+    if (mprotect(first_page, bytes, PROT_NONE) != 0) {
+        die("heap guard: a freed block that cannot be guarded\n");
+    }
 }
 
 template <typename Function>
@@ -133,8 +159,11 @@ Function* next(const char* name) {
 extern "C" {
 
 void* malloc(std::size_t size) {
-    void* block = size < kSmallestGuarded ? nullptr : allocate(size, kUsualAlignment);
-    return block != nullptr ? block : __libc_malloc(size);
+    if (size < kSmallestGuarded) {
+        return __libc_malloc(size);
+    }
+    void* const block = allocate(size, kUsualAlignment);
+    return block != nullptr ? block : nothing(__libc_malloc(size));
 }
 
 void free(void* block) {
@@ -153,8 +182,11 @@ void* calloc(std::size_t count, std::size_t size) {
         errno = ENOMEM;
         return nullptr;
     }
-    void* block = bytes < kSmallestGuarded ? nullptr : allocate(bytes, kUsualAlignment);
-    return block != nullptr ? block : __libc_calloc(count, size);
+    if (bytes < kSmallestGuarded) {
+        return __libc_calloc(count, size);
+    }
+    void* const block = allocate(bytes, kUsualAlignment);
+    return block != nullptr ? block : nothing(__libc_calloc(count, size));
 }
 
 std::size_t malloc_usable_size(void* block) {
@@ -185,9 +217,12 @@ void* realloc(void* block, std::size_t size) {
 }
 
 void* memalign(std::size_t alignment, std::size_t size) {
-    const bool guarded = size >= kSmallestGuarded && alignment <= kPage;
-    void* block = guarded ? allocate(size, std::max(alignment, kUsualAlignment)) : nullptr;
-    return block != nullptr ? block : __libc_memalign(alignment, size);
+    if (size < kSmallestGuarded || alignment > kPage) {
+        return __libc_memalign(alignment, size);
+    }
+    // Of any other alignment, the C library makes the next power of two.
+    void* const block = allocate(size, std::max(std::bit_ceil(alignment), kUsualAlignment));
+    return block != nullptr ? block : nothing(__libc_memalign(alignment, size));
 }
 
 void* aligned_alloc(std::size_t alignment, std::size_t size) {
@@ -219,7 +254,7 @@ int SDL_UpdateTexture(SDL_Texture* texture, const SDL_Rect* area, const void* pi
     const std::size_t bytes = static_cast<std::size_t>(pitch) * static_cast<std::size_t>(height);
     void* const copy = allocate(bytes, 1);
     if (copy == nullptr) {
-        return real(texture, area, pixels, pitch);
+        die("heap guard: a picture that cannot be guarded\n");
     }
     std::memcpy(copy, pixels, bytes);
     const int result = real(texture, area, copy, pitch);
