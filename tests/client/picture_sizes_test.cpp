@@ -5,7 +5,6 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
-#include <libavutil/imgutils.h>
 #include <libavutil/log.h>
 #include <libswscale/swscale.h>
 }
@@ -100,20 +99,23 @@ struct ConverterDeleter {
     void operator()(SwsContext* converter) const { sws_freeContext(converter); }
 };
 
-// Converts what the receiver converts, into rows with room to spare. Where a picture keeps its
-// size, it is copied into a wider one first: libswscale's plain C code leaves out the last column
-// of an odd width however much room there is. That one's width is a multiple of 16 only where the
-// picture's is, since such widths take other code on arm64, which rounds otherwise.
+// Converts what a receiver is to convert, into rows with room to spare: a copy of each decoded
+// picture, cut to the size of the stream's first one, and black where it is smaller. Where a
+// picture keeps its size, the converter is made for wider ones: libswscale's plain C code leaves
+// out the last column of an odd width however much room there is. That width is a multiple of 16
+// only where the picture's is, since such widths take other code on arm64, which rounds otherwise.
 class RoomyConversion {
   public:
-    RoomyConversion(const AVFrame& first, Size shown) : shown_(shown) {
-        Size source = {.width = first.width, .height = first.height};
+    RoomyConversion(const AVFrame& first, Size shown)
+        : first_{.width = first.width, .height = first.height}, shown_(shown) {
+        Size source = first_;
         Size destination = shown;
         if (source == shown && shown.height % 2 == 0 && shown.width % kMacroblock != 0) {
             const int even = round_up(shown.width, 2);
             source.width = destination.width = even % kMacroblock == 0 ? even + 2 : even;
-            wider_ = tools::make_picture(round_up(source.width, kMacroblock), source.height);
         }
+        source_ = tools::make_picture(round_up(source.width, kMacroblock),
+                                      round_up(source.height, kMacroblock));
         pitch_ = picture_pitch(destination.width + kSpareColumns);
         converter_.reset(sws_getContext(source.width, source.height,
                                         static_cast<AVPixelFormat>(first.format), destination.width,
@@ -126,17 +128,12 @@ class RoomyConversion {
 
     // Publishes by a swap, as the receiver does: what a refused conversion leaves is the picture
     // before last.
-    void convert(const std::uint8_t* const source[], const int strides[], int rows) {
-        if (wider_ && rows <= shown_.height) {
-            std::array<const std::uint8_t*, 4> picture = {source[0], source[1], source[2]};
-            av_image_copy(wider_->data, wider_->linesize, picture.data(), strides,
-                          AV_PIX_FMT_YUV420P, shown_.width, rows);
-            source = wider_->data;
-            strides = wider_->linesize;
-        }
+    void convert(const AVFrame& decoded) {
+        copy(decoded);
         std::array<std::uint8_t*, 4> planes = {buffers_[0].data()};
         const std::array<int, 4> pitches = {pitch_};
-        __real_sws_scale(converter_.get(), source, strides, 0, rows, planes.data(), pitches.data());
+        __real_sws_scale(converter_.get(), source_->data, source_->linesize, 0, decoded.height,
+                         planes.data(), pitches.data());
         buffers_[0].swap(buffers_[1]);
     }
 
@@ -158,10 +155,28 @@ class RoomyConversion {
   private:
     static constexpr int kSpareColumns = 128;
 
+    // Into source_. Two columns of a picture share one of chroma, and so do two rows.
+    void copy(const AVFrame& decoded) {
+        const Size common = {.width = std::min(decoded.width, first_.width),
+                             .height = std::min(decoded.height, first_.height)};
+        for (int plane = 0; plane < 3; ++plane) {
+            const int share = plane == 0 ? 1 : 2;
+            const std::uint8_t black = plane == 0 ? 16 : 128;  // BT.601, limited range
+            std::uint8_t* const to = source_->data[plane];
+            const std::ptrdiff_t pitch = source_->linesize[plane];
+            std::fill_n(to, pitch * (source_->height / share), black);
+            for (int y = 0; y < round_up(common.height, share) / share; ++y) {
+                std::copy_n(decoded.data[plane] + std::ptrdiff_t{y} * decoded.linesize[plane],
+                            round_up(common.width, share) / share, to + y * pitch);
+            }
+        }
+    }
+
+    Size first_;
     Size shown_;
     int pitch_ = 0;
     std::unique_ptr<SwsContext, ConverterDeleter> converter_;
-    tools::Picture wider_;  // null where the picture is converted as it is
+    tools::Picture source_;
     std::array<std::vector<std::uint8_t>, 2> buffers_;
 };
 
@@ -230,7 +245,7 @@ class Stream {
         if (!roomy_) {
             roomy_ = std::make_unique<RoomyConversion>(*peer_.av_frame(), shown_);
         }
-        roomy_->convert(source, strides, rows);
+        roomy_->convert(*peer_.av_frame());
 
         constexpr std::size_t kGuardBytes = 1024;
         constexpr std::uint8_t kGuardValue = 0xC5;
