@@ -20,8 +20,10 @@ extern "C" {
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -781,20 +783,24 @@ TEST_F(DecodeThreadVp8, StreamThatGrewAndShrankIsShownAtTheLeftWithBlackBesideIt
     expect_colour(600, 300, kWhite);
 }
 
-// A grey picture whose planes each end at memory that must not be touched.
+constexpr Colour kGrey{.y = 128, .u = 128, .v = 128, .b = 130, .g = 130, .r = 130};
+constexpr Colour kBrightGrey{.y = 200, .u = 128, .v = 128, .b = 214, .g = 214, .r = 214};
+
+// A grey picture whose planes each end at memory that must not be touched. `pitch` bytes lie
+// between its rows of luma, half of that between those of chroma.
 class GuardedPicture {
   public:
-    GuardedPicture(AVFrame& frame, int width, int height)
-        : luma_(static_cast<std::size_t>(width * height)),
-          blue_(static_cast<std::size_t>(chroma(width) * chroma(height))),
+    GuardedPicture(AVFrame& frame, int width, int height, int pitch, const Colour& grey = kGrey)
+        : luma_(static_cast<std::size_t>(pitch * height)),
+          blue_(static_cast<std::size_t>(chroma(pitch) * chroma(height))),
           red_(blue_.size()) {
         frame.format = AV_PIX_FMT_YUV420P;
         frame.width = width;
         frame.height = height;
         const std::array planes = {&luma_, &blue_, &red_};
         for (std::size_t i = 0; i < planes.size(); ++i) {
-            std::ranges::fill(planes[i]->values(), std::uint8_t{128});
-            frame.linesize[i] = i == 0 ? width : chroma(width);
+            std::ranges::fill(planes[i]->values(), i == 0 ? grey.y : grey.u);
+            frame.linesize[i] = i == 0 ? pitch : chroma(pitch);
             frame.data[i] = planes[i]->data();
         }
     }
@@ -813,13 +819,13 @@ TEST_F(DecodeThreadVp8, NarrowerPictureIsNotReadBeyondItsOwnPlanes) {
         hook_avcodec_send_packet = [](auto...) { return 0; };
         hook_avcodec_receive_frame = [&](AVCodecContext*, AVFrame* frame) {
             av_frame_unref(frame);
-            narrow = std::make_unique<GuardedPicture>(*frame, 63, 64);
+            narrow = std::make_unique<GuardedPicture>(*frame, 63, 64, 63);
             return 0;
         };
         enqueue({{1}});
     });
     then([&] {
-        expect_colour(15, 15, {.y = 0, .u = 0, .v = 0, .b = 130, .g = 130, .r = 130});
+        expect_colour(15, 15, kGrey);
         expect_colour(100, 15, kBlack);
     });
     run();
@@ -834,15 +840,116 @@ TEST_F(DecodeThreadVp8, ShorterPictureIsNotReadBeyondItsOwnPlanes) {
         hook_avcodec_send_packet = [](auto...) { return 0; };
         hook_avcodec_receive_frame = [&](AVCodecContext*, AVFrame* frame) {
             av_frame_unref(frame);
-            flat = std::make_unique<GuardedPicture>(*frame, 1280, 64);
+            flat = std::make_unique<GuardedPicture>(*frame, 1280, 64, 1280);
             return 0;
         };
         enqueue({{1}});
     });
     run();
-    expect_colour(600, 15, {.y = 0, .u = 0, .v = 0, .b = 130, .g = 130, .r = 130});
+    expect_colour(600, 15, kGrey);
     av_frame_unref(peer.av_frame());
 }
+
+// A stream that is shown at its own size, for which libswscale has code that works in blocks of
+// columns, and then changes its size.
+struct Change {
+    const char* name;
+    int wider;  // pixels
+    int taller;
+};
+
+void PrintTo(const Change& change, std::ostream* stream) {
+    *stream << change.name;
+}
+
+class DecodeThreadUnscaled : public DecodeThreadVp8,
+                             public testing::WithParamInterface<std::tuple<int, Change>> {
+  protected:
+    static constexpr int kFirstHeight = 34;
+
+    // A step of the script: a picture that the decoder gives out, whose planes end with their last
+    // rows. These are as long as the decoder makes them, which libswscale may rely on, or only as
+    // long as the picture is wide if that is too narrow for the converter, which then must not
+    // touch it.
+    void decode_guarded(int width, int height, const Colour& grey) {
+        then([=, this] {
+            hook_avcodec_send_packet = [](auto...) { return 0; };
+            hook_avcodec_receive_frame = [=, this](AVCodecContext*, AVFrame* frame) {
+                const int pitch =
+                    width < receiver.frame_width() ? width : decoders_pitch(width, height);
+                av_frame_unref(frame);
+                pictures_.push_back(
+                    std::make_unique<GuardedPicture>(*frame, width, height, pitch, grey));
+                return 0;
+            };
+            enqueue({{1}});
+        });
+    }
+
+    // Whether the rectangle's four corners are of this colour.
+    void expect_corners(int left, int top, int right, int bottom, const Colour& colour) {
+        for (const int x : {left, right - 1}) {
+            for (const int y : {top, bottom - 1}) {
+                expect_colour(x, y, colour);
+            }
+        }
+    }
+
+  private:
+    // Of a plane of luma, if those of chroma are aligned like it.
+    int decoders_pitch(int width, int height) {
+        std::array<int, AV_NUM_DATA_POINTERS> alignments{};
+        avcodec_align_dimensions2(peer.codec_ctx(), &width, &height, alignments.data());
+        const int alignment = 2 * alignments[1];
+        return (width + alignment - 1) / alignment * alignment;
+    }
+
+    std::vector<std::unique_ptr<GuardedPicture>> pictures_;
+};
+
+TEST_P(DecodeThreadUnscaled, PictureOfAnotherSizeIsNotReadBeyondItsOwnPlanes) {
+    const auto [first_width, change] = GetParam();
+    const int width = first_width + change.wider;
+    const int height = kFirstHeight + change.taller;
+    configure(first_width, kFirstHeight);
+    decode_guarded(first_width, kFirstHeight, kGrey);
+    decode_guarded(first_width, kFirstHeight, kGrey);  // in both of the receiver's pictures
+    decode_guarded(width, height, kBrightGrey);
+    run();
+    const int right = std::min(width, first_width);
+    const int bottom = std::min(height, kFirstHeight);
+    if (height > kFirstHeight) {
+        expect_corners(0, 0, first_width, kFirstHeight, kGrey);
+    } else {
+        expect_corners(0, 0, right, bottom, kBrightGrey);
+        if (right < first_width) {
+            expect_corners(right, 0, first_width, bottom, kBlack);
+        }
+        if (bottom < kFirstHeight) {
+            expect_corners(0, bottom, first_width, kFirstHeight, kGrey);
+        }
+    }
+    av_frame_unref(peer.av_frame());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , DecodeThreadUnscaled,
+    testing::Combine(testing::Values(50, 57, 63),
+                     testing::Values(Change{.name = "Narrower", .wider = -7, .taller = 0},
+                                     Change{.name = "MuchNarrower", .wider = -49, .taller = 0},
+                                     Change{.name = "Wider", .wider = 1, .taller = 0},
+                                     Change{.name = "MuchWider", .wider = 200, .taller = 0},
+                                     Change{.name = "Shorter", .wider = 0, .taller = -2},
+                                     Change{.name = "MuchShorter", .wider = 0, .taller = -30},
+                                     Change{.name = "Taller", .wider = 0, .taller = 1},
+                                     Change{.name = "MuchTaller", .wider = 0, .taller = 200},
+                                     Change{.name = "Smaller", .wider = -3, .taller = -4},
+                                     Change{.name = "NarrowerAndTaller", .wider = -3, .taller = 4},
+                                     Change{.name = "WiderAndShorter", .wider = 3, .taller = -4})),
+    [](const auto& parameters) {
+        return std::string(std::get<1>(parameters.param).name) + "Than" +
+               std::to_string(std::get<0>(parameters.param));
+    });
 
 }  // namespace
 }  // namespace vesper::client
