@@ -32,17 +32,11 @@ Color beneath_bar(Color picture) {
 
 }  // namespace
 
-ChildProcess::Environment player_environment(const VirtualDisplay& display) {
-    // The suite runs once more with each renderer and the heap guard.
-    const char* const renderer = std::getenv("VESPER_E2E_RENDERER");
+// The suite runs once more with each renderer and the heap guard.
+ChildProcess::Environment program_environment() {
     const char* const library = std::getenv("VESPER_E2E_PRELOAD");
     const std::string support = VESPER_TEST_SUPPORT "/";
     ChildProcess::Environment environment = {
-        {"DISPLAY", display.name()},
-        {"SDL_VIDEODRIVER", "x11"},
-        {"SDL_RENDER_DRIVER", renderer != nullptr ? renderer : "software"},
-        {"SDL_FRAMEBUFFER_ACCELERATION", "0"},
-        {"SDL_AUDIODRIVER", "dummy"},
         // LeakSanitizer of g++ 12 and clang 14 guesses the extent of a library's thread-local data
         // from what lies before it, and crashes at exit where the guess is wrong. Without the guess
         // it still finds such data, by the pointers to it.
@@ -59,6 +53,19 @@ ChildProcess::Environment player_environment(const VirtualDisplay& display) {
     if (library != nullptr) {
         preload(environment, library);
     }
+    return environment;
+}
+
+ChildProcess::Environment player_environment(const VirtualDisplay& display) {
+    const char* const renderer = std::getenv("VESPER_E2E_RENDERER");
+    ChildProcess::Environment environment = program_environment();
+    environment.insert({
+        {"DISPLAY", display.name()},
+        {"SDL_VIDEODRIVER", "x11"},
+        {"SDL_RENDER_DRIVER", renderer != nullptr ? renderer : "software"},
+        {"SDL_FRAMEBUFFER_ACCELERATION", "0"},
+        {"SDL_AUDIODRIVER", "dummy"},
+    });
     return environment;
 }
 

@@ -26,10 +26,14 @@
 
 namespace vesper::test {
 
+// The environment of every program of this tree: what CTest has preloaded into it, and what the
+// sanitizers do. One that reports something ends the program with status 99, which the program
+// itself never does.
+[[nodiscard]] ChildProcess::Environment program_environment();
+
 // The environment of a player on `display`: SDL's software renderer, without GL beneath it, makes
 // the same drawing calls without a GL driver's threads, on a machine that runs many tests at once.
-// Without sound hardware it plays into SDL's dummy driver. A sanitizer that reports
-// something ends the player with status 99, which the player itself never does.
+// Without sound hardware it plays into SDL's dummy driver.
 [[nodiscard]] ChildProcess::Environment player_environment(const VirtualDisplay& display);
 
 class PlayerTest : public testing::Test {

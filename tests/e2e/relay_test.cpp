@@ -542,7 +542,7 @@ TEST_F(LiveRelay, OfGStreamerIsShownAndHeard) {
 }
 
 TEST_F(LiveRelay, WithoutASenderEndsAfterTenSeconds) {
-    ChildProcess parent({VESPER_PARENT, "--file", sdp, "--copy"});
+    ChildProcess parent({VESPER_PARENT, "--file", sdp, "--copy"}, program_environment());
     EXPECT_EQ(parent.wait_for_end(), (Ending{.status = 2, .signal = 0}));
     EXPECT_EQ(parent.err(), "cannot relay " + sdp + ": nothing came for 10 s\n");
     EXPECT_EQ(parent.out(), "");
@@ -564,7 +564,7 @@ bool is_bound(std::uint16_t port) {
 
 // The main thread may not yet be ready for an orderly end; then the parent dies of the signal.
 TEST_F(LiveRelay, WithoutASenderEndsAtOnceWhenAsked) {
-    ChildProcess parent({VESPER_PARENT, "--file", sdp, "--copy"});
+    ChildProcess parent({VESPER_PARENT, "--file", sdp, "--copy"}, program_environment());
     ASSERT_TRUE(eventually([&] { return is_bound(sound_port); }));
     parent.send_signal(SIGTERM);
     EXPECT_THAT(parent.wait_for_end(), AnyOf(Ending{.status = 128 + SIGTERM, .signal = 0},
@@ -619,9 +619,11 @@ TEST_F(Relay, ACaptureOfItReplaysByteForByte) {
     const StreamReceiver player;  // takes nothing, but is there
     const std::string port = std::to_string(player.port());
     run_command(
-        {VESPER_PARENT, "--to", port, "--file", film, "--copy", "--capture", file("relayed")});
+        {VESPER_PARENT, "--to", port, "--file", film, "--copy", "--capture", file("relayed")},
+        program_environment());
     run_command({VESPER_PARENT, "--to", port, "--replay", file("relayed"), "--speed", "10",
-                 "--capture", file("replayed")});
+                 "--capture", file("replayed")},
+                program_environment());
     const auto relayed = sent_in(file("relayed"));
     EXPECT_GT(relayed.size(), 100U);
     EXPECT_EQ(relayed, sent_in(file("replayed")));

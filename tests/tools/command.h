@@ -13,8 +13,9 @@
 namespace vesper::test {
 
 // Runs a program to its end, which is to be a good one.
-inline void run_command(const std::vector<std::string>& words) {
-    ChildProcess process(words);
+inline void run_command(const std::vector<std::string>& words,
+                        const ChildProcess::Environment& environment = {}) {
+    ChildProcess process(words, environment);
     EXPECT_EQ(process.wait_for_end(), (Ending{.status = 0, .signal = 0}))
         << words.front() << ": " << process.err();
 }
