@@ -183,6 +183,9 @@ void LiveReceiver::check_picture() {
         client::picture_size(receiver_.frame_width(), receiver_.frame_height());
     require(peer_.picture().size() == size && peer_.convert_buffer().size() == size,
             "both pictures keep their size");
+    const std::size_t writable = size + client::kConverterOverrun;
+    require(peer_.picture().capacity() >= writable && peer_.convert_buffer().capacity() >= writable,
+            "both pictures keep room for the converter's overrun");
 }
 
 void LiveReceiver::check_still_plays() {
