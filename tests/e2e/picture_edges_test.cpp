@@ -54,23 +54,6 @@ class PictureEdges : public LiveStreamTest,
         window.emplace(display, 0, WaylandCompositor::kWindowTitle);
     }
 
-    // The first pixel of the last column or the last row that is not the picture's; nothing where
-    // all are.
-    [[nodiscard]] std::optional<Point> fault() const {
-        const Screenshot shown = window->screenshot();
-        for (int y = 0; y < shown.size.height; ++y) {
-            if (const Point p{.x = shown.size.width - 1, .y = y}; !is_near(shown.at(p), kBright)) {
-                return p;
-            }
-        }
-        for (int x = 0; x < shown.size.width; ++x) {
-            if (const Point p{.x = x, .y = shown.size.height - 1}; !is_near(shown.at(p), kBright)) {
-                return p;
-            }
-        }
-        return std::nullopt;
-    }
-
     void end() {
         if (!compositor_) {
             expect_explained_end();
@@ -96,7 +79,7 @@ TEST_P(PictureEdges, LastColumnAndLastRowOfTheWindowAreThePictures) {
             answered = live.counters().keyframe_requests;
             show_picture(picture);
         }
-        found = fault();
+        found = window->screenshot().fault_at_edge(kBright);
         return !found;
     })) << "not so at "
         << *found;

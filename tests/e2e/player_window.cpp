@@ -116,6 +116,21 @@ Color Screenshot::at(Point point) const {
     return pixels[static_cast<std::size_t>(point.y * size.width + point.x)];
 }
 
+std::optional<Point> Screenshot::fault_at_edge(const Color& color) const {
+    const Point corner{.x = size.width - 1, .y = size.height - 1};
+    for (int y = 0; y <= corner.y; ++y) {
+        if (const Point p{.x = corner.x, .y = y}; !is_near(at(p), color)) {
+            return p;
+        }
+    }
+    for (int x = 0; x <= corner.x; ++x) {
+        if (const Point p{.x = x, .y = corner.y}; !is_near(at(p), color)) {
+            return p;
+        }
+    }
+    return std::nullopt;
+}
+
 PlayerWindow::PlayerWindow(const VirtualDisplay& display, pid_t pid, const std::string& title)
     : display_(display), pid_(pid), title_(title) {
     if (!eventually([this] { return id() != 0; })) {

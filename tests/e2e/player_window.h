@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,10 @@ struct Screenshot {
 
     // Black outside the picture.
     [[nodiscard]] Color at(Point point) const;
+
+    // The first pixel of the last column or the last row that is not near this colour; nothing
+    // where all are.
+    [[nodiscard]] std::optional<Point> fault_at_edge(const Color& color) const;
 };
 
 class PlayerWindow {

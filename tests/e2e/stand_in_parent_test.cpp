@@ -16,6 +16,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/eventually.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/tools/command.h"
 #include "tests/tools/delayed_capture.h"
 #include "tests/tools/media_file.h"
 
@@ -85,6 +86,36 @@ TEST(StandInParentTest, ShowsItsTestPicture) {
     EXPECT_TRUE(parent.shows_test_picture());
 }
 
+std::string size_text(Extent size) {
+    return std::to_string(size.width) + "x" + std::to_string(size.height);
+}
+
+// Libraries work in blocks, and none of these sizes is a multiple of theirs.
+class StandInParentSizes : public testing::TestWithParam<Extent> {};
+
+// All stripes reach the bottom, and the last one the right.
+TEST_P(StandInParentSizes, ShowsItsTestPictureUpToItsEdges) {
+    const StandInParent parent({"--size", size_text(GetParam())});
+    const Extent window = parent.window().size();
+    const int right = window.width - 1;
+    const int bottom = window.height - 1;
+    int stripe = 0;
+    for (const Color& color : {kRed, kGreen, kYellow, kBlue, kMagenta, kCyan}) {
+        EXPECT_TRUE(parent.shows({window.width * (2 * stripe + 1) / 12, bottom}, color)) << stripe;
+        ++stripe;
+    }
+    for (const int y : {bottom / 4, bottom / 2, bottom}) {
+        EXPECT_TRUE(parent.shows({right, y}, kCyan)) << y;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(, StandInParentSizes,
+                         testing::Values(Extent{.width = 122, .height = 90},
+                                         Extent{.width = 174, .height = 142},
+                                         Extent{.width = 390, .height = 844},
+                                         Extent{.width = 854, .height = 480}),
+                         [](const auto& size) { return size_text(size.param); });
+
 // Options under which the viewer sees the same.
 struct Way {
     const char* name;
@@ -142,7 +173,8 @@ TEST(StandInParentTest, FeedsAPlayerThatRunsAlready) {
                         player_environment(display));
     const PlayerWindow window(display, player.pid());
     const ChildProcess parent(
-        {VESPER_PARENT, "--to", port, "--listen", parent_port, "--size", "480x240"});
+        {VESPER_PARENT, "--to", port, "--listen", parent_port, "--size", "480x240"},
+        program_environment());
     EXPECT_TRUE(eventually([&] { return is_near(window.screenshot().at({40, 230}), kRed); }));
     EXPECT_TRUE(eventually([&] {
         return player.out().find("Sent keyframe request to parent (port " + parent_port) !=
@@ -172,18 +204,68 @@ TEST(StandInParentTest, ShowsAFile) {
     EXPECT_TRUE(parent.shows({160, 120}, {.red = 128, .green = 128, .blue = 128}));
 }
 
-// The other display's window is in its middle, and half as large here as there.
-TEST(StandInParentTest, ShowsAScreen) {
+// A film and a stream of the same shape, so that the film has no black beside it.
+struct Scaling {
+    Extent film;
+    Extent stream;
+};
+
+void PrintTo(const Scaling& scaling, std::ostream* stream) {
+    *stream << scaling.film << " to " << scaling.stream;
+}
+
+class StandInParentFilm : public testing::TestWithParam<Scaling> {};
+
+TEST_P(StandInParentFilm, IsShownUpToItsEdges) {
+    const TemporaryFolder folder;
+    const std::string path = folder.file("film.mkv");
+    // The colour source makes only even sizes.
+    make_media("-f lavfi -i color=0xDC783C:rate=5 -t 1 -vf scale=" + size_text(GetParam().film) +
+                   ",setsar=1 -c:v libvpx -b:v 1M",
+               path);
+    const StandInParent parent({"--size", size_text(GetParam().stream), "--file", path, "--loop"});
+    std::optional<Point> fault;
+    EXPECT_TRUE(eventually([&] {
+        const Color color{.red = 0xDC, .green = 0x78, .blue = 0x3C};
+        return !(fault = parent.window().screenshot().fault_at_edge(color));
+    })) << "not so at "
+        << *fault;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , StandInParentFilm,
+    testing::Values(
+        Scaling{.film = {.width = 183, .height = 135}, .stream = {.width = 122, .height = 90}},
+        Scaling{.film = {.width = 195, .height = 422}, .stream = {.width = 390, .height = 844}},
+        Scaling{.film = {.width = 61, .height = 45}, .stream = {.width = 854, .height = 630}}),
+    [](const auto& scaling) {
+        return size_text(scaling.param.film) + "To" + size_text(scaling.param.stream);
+    });
+
+class StandInParentScreen : public testing::TestWithParam<Extent> {};
+
+// The other display's window is in its middle, and smaller here than there.
+TEST_P(StandInParentScreen, IsShown) {
+    const std::string size = size_text(GetParam());
     const StandInParent shown({"--size", "480x240"});
     ASSERT_TRUE(shown.shows({120, 230}, kGreen));
     const Point corner = shown.window().position();
+    const auto here = [&](int x, int y) {
+        return Point{.x = (corner.x + x) * GetParam().width / VirtualDisplay::kSize.width,
+                     .y = (corner.y + y) * GetParam().height / VirtualDisplay::kSize.height};
+    };
     StandInParent parent(
-        {"--size", "512x384", "--screen", shown.display().name(), "--bitrate", "3000000"});
-    EXPECT_TRUE(parent.prints("(Screen " + shown.display().name() + ", 512x384, audio=no)\n"));
-    EXPECT_TRUE(parent.shows({(corner.x + 120) / 2, (corner.y + 230) / 2}, kGreen));
-    EXPECT_TRUE(parent.shows({(corner.x + 280) / 2, (corner.y + 230) / 2}, kBlue));
+        {"--size", size, "--screen", shown.display().name(), "--bitrate", "3000000"});
+    EXPECT_TRUE(parent.prints("(Screen " + shown.display().name() + ", " + size + ", audio=no)\n"));
+    EXPECT_TRUE(parent.shows(here(120, 230), kGreen));
+    EXPECT_TRUE(parent.shows(here(280, 230), kBlue));
     EXPECT_TRUE(parent.shows({2, 100}, {}));
 }
+
+INSTANTIATE_TEST_SUITE_P(, StandInParentScreen,
+                         testing::Values(Extent{.width = 512, .height = 384},
+                                         Extent{.width = 390, .height = 292}),
+                         [](const auto& size) { return size_text(size.param); });
 
 // In a picture two columns wide, less than one row is left of this screen.
 TEST(StandInParentTest, AScreenThatDoesNotFitIsRefused) {
