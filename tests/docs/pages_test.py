@@ -81,6 +81,15 @@ def options(words):
     return [word.split("=")[0] for word in words if word.startswith("-")]
 
 
+ASSIGNMENT = re.compile(r"([A-Z]\w*)=.*")
+
+
+def variables_of_tests():
+    """What the tests of whole programs read from the environment."""
+    files = (SOURCE / "tests/e2e").glob("*.cpp")
+    return set(re.findall(r'getenv\("(\w+)"\)', "".join(file.read_text() for file in files)))
+
+
 def player_options():
     """The player has no --help: its options are those that its parser compares words with."""
     return set(re.findall(r'"(--[a-z-]+)"', (SOURCE / "player/args.cpp").read_text()))
@@ -202,6 +211,9 @@ class Pages(unittest.TestCase):
         for page in PAGES:
             for words in commands(page):
                 with self.subTest(page=page, command=" ".join(words)):
+                    while variable := ASSIGNMENT.fullmatch(words[0]):
+                        self.assertIn(variable.group(1), variables_of_tests())
+                        words = words[1:]
                     for pattern, check in COMMANDS:
                         match = re.fullmatch(pattern, words[0])
                         if match:
