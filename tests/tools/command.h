@@ -43,4 +43,15 @@ inline void make_media(const std::string& options, const std::string& file) {
     run_command(words);
 }
 
+// Has GStreamer write a Matroska file of one second of a tone of 440 Hz, one of silence and another
+// of the tone, with discontinuous transmission, which not every ffmpeg's libopus offers.
+inline void make_tone_with_a_pause(const std::string& file) {
+    run_command(
+        split_words("gst-launch-1.0 -q audiotestsrc num-buffers=150 samplesperbuffer=960 "
+                    "wave=ticks freq=440 sine-periods-per-tick=440 tick-interval=2000000000 "
+                    "marker-tick-period=1 ! audio/x-raw,rate=48000,channels=1 ! "
+                    "opusenc dtx=true audio-type=voice ! matroskamux ! filesink location=" +
+                    file));
+}
+
 }  // namespace vesper::test

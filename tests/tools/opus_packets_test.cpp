@@ -111,11 +111,16 @@ TEST(OpusPackets, ShortFramesStayTogetherWhile20MsHoldThem) {
     EXPECT_EQ(decode(*parts), decode({packet}));
 }
 
-TEST(OpusPackets, AFrameOf60MsCannotBeSplit) {
-    const OpusPacket packet = make_packet(60, OPUS_APPLICATION_VOIP, 12'000);
-    ASSERT_EQ(opus_packet_get_samples_per_frame(packet.data(), kRate), 60 * kMs);
+class LongOpusFrame : public testing::TestWithParam<int> {};
+
+TEST_P(LongOpusFrame, CannotBeSplit) {
+    const OpusPacket packet = make_packet(GetParam(), OPUS_APPLICATION_VOIP, 12'000);
+    ASSERT_EQ(opus_packet_get_samples_per_frame(packet.data(), kRate), GetParam() * kMs);
     EXPECT_FALSE(split_opus(packet));
 }
+
+INSTANTIATE_TEST_SUITE_P(Milliseconds, LongOpusFrame, testing::Values(40, 60),
+                         testing::PrintToStringParamName());
 
 TEST(OpusPackets, WhatIsNoPacketBecomesNone) {
     EXPECT_THAT(split_opus({}), Optional(IsEmpty()));

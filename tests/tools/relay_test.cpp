@@ -32,7 +32,7 @@ extern "C" {
 #include "tests/support/eventually.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/tools/command.h"
-#include "tests/tools/media_file.h"
+#include "tests/tools/media_packets.h"
 #include "tests/tools/stream_receiver.h"
 #include "tools/stream/free_port.h"
 #include "tools/stream/vp8_repeat.h"
@@ -45,6 +45,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using test::eventually;
 using test::make_media;
+using test::packets_of;
 using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
@@ -52,29 +53,13 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-using Bytes = std::vector<std::uint8_t>;
+using Bytes = test::PacketBytes;
 
 const std::string kPicture = "-f lavfi -i testsrc2=size=320x240:rate=30 ";
 const std::string kTone = "-f lavfi -i sine=frequency=440:sample_rate=48000 ";
+const std::string kTwoTones = "-f lavfi -i aevalsrc=sin(440*2*PI*t)/8|sin(880*2*PI*t)/8:s=48000 ";
 const std::string kVp8 = "-c:v libvpx -b:v 300k -deadline realtime ";
 const std::string kOpus = "-c:a libopus ";
-
-// The packets of one kind in a file, as libavformat reads them.
-std::vector<Bytes> packets_of(const std::string& path, AVMediaType type) {
-    std::vector<Bytes> packets;
-    AVFormatContext* format = nullptr;
-    AVPacket* packet = av_packet_alloc();
-    EXPECT_GE(avformat_open_input(&format, path.c_str(), nullptr, nullptr), 0) << path;
-    while (format != nullptr && av_read_frame(format, packet) >= 0) {
-        if (format->streams[packet->stream_index]->codecpar->codec_type == type) {
-            packets.emplace_back(packet->data, packet->data + packet->size);
-        }
-        av_packet_unref(packet);
-    }
-    av_packet_free(&packet);
-    avformat_close_input(&format);
-    return packets;
-}
 
 // Writes VP8 frames of 320x240 to an IVF file, each stamped with its milliseconds: timestamps that
 // no muxer writes, and beginnings that no encoder makes.
@@ -268,6 +253,9 @@ struct Copied {
     std::string options;
     std::string file = "film.webm";
     std::string first_pass = {};  // options of a run before it
+    // What one of the frames, or one of the Opus packets, is at least.
+    bool (*frame)(const Bytes& frame) = nullptr;
+    bool (*sound)(const Bytes& packet) = nullptr;
 };
 
 void PrintTo(const Copied& copied, std::ostream* stream) {
@@ -284,11 +272,15 @@ TEST_P(RelayCopies, EveryPacketBitForBit) {
     } else {
         make_media(GetParam().options, path);
     }
+    const auto frames = packets_of(path, AVMEDIA_TYPE_VIDEO);
+    const auto sounds = packets_of(path, AVMEDIA_TYPE_AUDIO);
+    ASSERT_TRUE(GetParam().frame == nullptr || std::ranges::any_of(frames, GetParam().frame));
+    ASSERT_TRUE(GetParam().sound == nullptr || std::ranges::any_of(sounds, GetParam().sound));
     relay({.input = path});
     const Sent all = sent();
     EXPECT_THAT(relay_->take_lines(), IsEmpty());
-    EXPECT_EQ(all.frames, packets_of(path, AVMEDIA_TYPE_VIDEO));
-    EXPECT_EQ(all.sounds, packets_of(path, AVMEDIA_TYPE_AUDIO));
+    EXPECT_EQ(all.frames, frames);
+    EXPECT_EQ(all.sounds, sounds);
     EXPECT_EQ(all.frame_ids, numbers_to(all.frames.size()));
     EXPECT_EQ(all.sequences, numbers_to(all.sounds.size()));
     EXPECT_EQ(relay_->counters().frames, all.frames.size());
@@ -304,8 +296,10 @@ INSTANTIATE_TEST_SUITE_P(
         Copied{"WebM", kPicture + kTone + "-t 1 " + kVp8 + kOpus},
         Copied{"Matroska", kPicture + kTone + "-t 1 " + kVp8 + kOpus, "film.mkv"},
         Copied{"Ivf", kPicture + "-t 1 " + kVp8, "film.ivf"},
-        Copied{"FramesThatAreNotShown", kTwoPass + "-pass 2", "film.webm",
-               kTwoPass + "-pass 1 -f null"},
+        Copied{.name = "FramesThatAreNotShown",
+               .options = kTwoPass + "-pass 2",
+               .first_pass = kTwoPass + "-pass 1 -f null",
+               .frame = test::is_not_shown},
         Copied{"ErrorResilience",
                kPicture + "-t 1 " + kVp8 + "-error-resilient default+partitions"},
         Copied{"TokenPartitions", kPicture + "-t 1 " + kVp8 + "-slices 8"},
@@ -317,14 +311,27 @@ INSTANTIATE_TEST_SUITE_P(
         Copied{"OddSizes", "-f lavfi -i testsrc2=size=353x289:rate=30 -t 1 " + kVp8},
         Copied{"FilmRate", "-f lavfi -i testsrc2=size=320x240:rate=24000/1001 -t 1 " + kVp8},
         Copied{"VaryingRate", kPicture + "-t 1 -vf select=lt(mod(n\\,7)\\,3) -vsync vfr " + kVp8},
-        Copied{"Mono", kPicture + kTone + "-t 1 -ac 1 " + kVp8 + kOpus},
+        Copied{.name = "Stereo",
+               .options = kPicture + kTwoTones + "-t 1 " + kVp8 + kOpus,
+               .sound = test::is_stereo},
         Copied{"ShortOpus", kPicture + kTone + "-t 1 " + kVp8 + kOpus + "-frame_duration 10"},
-        Copied{"OpusWithErrorCorrection", kPicture + kTone + "-t 1 " + kVp8 + kOpus +
-                                              "-application voip -fec 1 -packet_loss 20 -b:a 24k"},
-        Copied{"SilenceInOpus",
-               "-f lavfi -i testsrc2=size=320x240:rate=30 -f lavfi -i anullsrc=r=48000 -t 1 " +
-                   kVp8 + kOpus + "-application voip -dtx 1 -b:a 16k"}),
+        Copied{.name = "OpusWithErrorCorrection",
+               .options = kPicture + kTone + "-t 1 " + kVp8 + kOpus +
+                          "-application voip -fec 1 -packet_loss 20 -b:a 24k",
+               .sound = test::repeats_the_frame_before}),
     [](const auto& copied) { return copied.param.name; });
+
+TEST_F(RelayTest, CopiesThePausesOfDiscontinuousTransmissionToo) {
+    const std::string path = file("film.webm");
+    test::make_tone_with_a_pause(file("tone.mkv"));
+    make_media(kPicture + "-i " + file("tone.mkv") + " -t 3 -c:a copy " + kVp8, path);
+    const auto sounds = packets_of(path, AVMEDIA_TYPE_AUDIO);
+    ASSERT_GT(std::ranges::count_if(sounds, test::is_pause), 20);
+    relay({.input = path});
+    EXPECT_THAT(relay_->take_lines(), IsEmpty());
+    EXPECT_EQ(sent().sounds, sounds);
+    EXPECT_EQ(sent().frames, packets_of(path, AVMEDIA_TYPE_VIDEO));
+}
 
 // libavformat has to look into packets to know what the streams of such a file are.
 TEST_F(RelayTest, AFileWhoseHeaderDescribesNothingLosesNothing) {
@@ -335,16 +342,20 @@ TEST_F(RelayTest, AFileWhoseHeaderDescribesNothingLosesNothing) {
     EXPECT_EQ(counters.frames + counters.skipped, 15U);
 }
 
-// Two formats that contain only sound.
-TEST_F(RelayTest, SoundAloneIsAStreamToo) {
-    for (const std::string name : {"song.opus", "song.ogg"}) {
-        make_media(kTone + "-t 1 " + kOpus, file(name));
-    }
-    relay({.input = file("song.opus")});
-    EXPECT_THAT(relay_->take_lines(), ElementsAre(file("song.opus") + ": has no video"));
-    EXPECT_EQ(sent().sounds, packets_of(file("song.opus"), AVMEDIA_TYPE_AUDIO));
+class RelayOfSoundAlone : public RelayTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(RelayOfSoundAlone, IsAStreamToo) {
+    const std::string path = file(std::string("song.") + GetParam());
+    make_media(kTone + "-t 1 " + kOpus, path);
+    relay({.input = path});
+    EXPECT_THAT(relay_->take_lines(), ElementsAre(path + ": has no video"));
+    EXPECT_EQ(sent().sounds, packets_of(path, AVMEDIA_TYPE_AUDIO));
+    EXPECT_THAT(sent().sounds, Not(IsEmpty()));
     EXPECT_EQ(relay_->picture_size(), PictureSize{});
 }
+
+INSTANTIATE_TEST_SUITE_P(In, RelayOfSoundAlone, testing::Values("opus", "ogg"),
+                         [](const auto& format) { return std::string(format.param); });
 
 // The player's size is unknown until the first picture, however much sound comes before it.
 TEST_F(RelayTest, PicturesThatBeginLongAfterTheSoundAreFound) {
@@ -448,7 +459,10 @@ INSTANTIATE_TEST_SUITE_P(
         Encoded{"Vorbis", "-c:a libvorbis", "its sound is vorbis and not Opus: it is re-encoded"},
         Encoded{"Surround", "-ac 6 -c:a libopus -mapping_family 1",
                 "its sound has more channels than two: it is re-encoded"},
-        Encoded{"LongFrames",
+        Encoded{"FramesOf40Ms",
+                "-ac 1 -c:a libopus -application voip -frame_duration 40 -b:a 10k -cutoff 4000",
+                "its Opus frames are longer than 20 ms and cannot be split: it is re-encoded"},
+        Encoded{"FramesOf60Ms",
                 "-ac 1 -c:a libopus -application voip -frame_duration 60 -b:a 10k -cutoff 4000",
                 "its Opus frames are longer than 20 ms and cannot be split: it is re-encoded"}),
     [](const auto& encoded) { return encoded.param.name; });
@@ -556,8 +570,8 @@ TEST_F(RelayTest, AnEncodedFrameTooLargeToSendIsReported) {
     EXPECT_THAT(relay_->take_lines(), Contains(HasSubstr(" bytes is too large to send")));
 }
 
-// Timestamps are kept on the way to the clock: nothing leaves before its time, and the whole takes
-// as long as the film. How late a busy machine sends a frame is its own affair.
+// Timestamps are kept on the way to the clock: nothing leaves before its time. How late a busy
+// machine sends a frame is its own affair.
 TEST_F(RelayTest, FramesLeaveByTheirTimestamps) {
     const std::string path = file("film.ivf");
     // A day after 0, which nobody waits for, and with a second between the frames 14 and 15.
