@@ -25,6 +25,7 @@ extern "C" {
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "audio/opus_codec.h"
@@ -102,7 +103,8 @@ struct Sent {
     std::vector<Clock::time_point> frame_times;  // of the first fragments
     std::vector<Bytes> sounds;
     std::vector<std::uint32_t> sequences;
-    int sounds_within_frames = 0;  // left between two fragments of a frame
+    int sounds_within_frames = 0;    // left between two fragments of a frame
+    std::vector<AVMediaType> order;  // of the frames' first fragments and of the sounds
 };
 
 class RelayTest : public testing::Test {
@@ -220,6 +222,7 @@ class RelayTest : public testing::Test {
         const std::lock_guard lock(mutex_);
         const PacketHeader header = read_packet_header(datagram.data());
         if ((header.flags & kScreenAudioFlag) != 0) {
+            sent_.order.push_back(AVMEDIA_TYPE_AUDIO);
             sent_.sequences.push_back(header.sequence);
             sent_.sounds_within_frames += within_frame_ ? 1 : 0;
             sent_.sounds.emplace_back(datagram.begin() + kPacketHeaderSize, datagram.end());
@@ -227,6 +230,7 @@ class RelayTest : public testing::Test {
         }
         const VideoFragmentHeader fragment = read_video_fragment_header(datagram.data());
         if (fragment.fragment_index == 0) {
+            sent_.order.push_back(AVMEDIA_TYPE_VIDEO);
             sent_.frames.emplace_back();
             sent_.frame_ids.push_back(fragment.frame_id);
             sent_.frame_times.push_back(Clock::now());
@@ -584,6 +588,55 @@ TEST_F(RelayTest, FramesLeaveByTheirTimestamps) {
     EXPECT_GE(times[29] - started_at_, milliseconds(1966));
 }
 
+// 24 of them take 1001 ms.
+TEST_F(RelayTest, AFilmOf24000PicturesIn1001SecondsLeavesByItsTimestamps) {
+    const std::string path = file("film.ivf");
+    make_media("-f lavfi -i testsrc2=size=320x240:rate=24000/1001 -t 1.5 " + kVp8, path);
+    relay({.input = path});
+    const auto times = sent().frame_times;
+    ASSERT_THAT(times, SizeIs(36));
+    for (std::size_t i = 0; i < times.size(); ++i) {
+        const auto due = std::chrono::microseconds(i * 1'001'000 / 24);
+        EXPECT_GE(times[i] - started_at_, due - std::chrono::microseconds(1)) << i;
+    }
+}
+
+// Nothing is sent before all has been read, which a line reports: so no thread that stands still
+// for a while can change the order.
+TEST_F(RelayTest, SoundAndPicturesLeaveTogether) {
+    const std::string path = file("film.webm");
+    make_media(
+        "-f lavfi -i testsrc2=size=320x240:rate=24000/1001 " + kTone + "-t 3 " + kVp8 + kOpus,
+        path);
+    auto packets = test::media_packets_of(path);
+    const auto cut = std::ranges::find_if(
+        packets, [](const test::MediaPacket& packet) { return packet.time > 1.5; });
+    ASSERT_NE(cut, packets.end());
+    std::filesystem::resize_file(path, static_cast<std::uintmax_t>(cut->position));
+    packets.erase(cut, packets.end());
+    // Of two that have the same time, the picture goes first.
+    std::ranges::stable_sort(packets, {}, [](const test::MediaPacket& packet) {
+        return std::pair(packet.time, packet.type != AVMEDIA_TYPE_VIDEO);
+    });
+    std::vector<AVMediaType> order;
+    for (const test::MediaPacket& packet : packets) {
+        order.push_back(packet.type);
+    }
+    RelaySettings settings = {.input = path};
+    settings.stream.burst = true;
+    open(settings);
+    ASSERT_TRUE(eventually([this] {
+        return std::ranges::any_of(relay_->take_lines(), [](const std::string& line) {
+            return line.find("it is cut short") != std::string::npos;
+        });
+    }));
+    start();
+    wait_for_end();
+    EXPECT_EQ(sent().order, order);
+    EXPECT_THAT(sent().frames, SizeIs(testing::Gt(24U)));
+    EXPECT_THAT(sent().sounds, SizeIs(testing::Gt(50U)));
+}
+
 // The sound is the clock here: a packet each 20 ms, at most four of which are due in 75 ms, and
 // five in the 100 ms between two pictures.
 TEST_F(RelayTest, FramesLeaveThePlayerTimeBeforeTheNext) {
@@ -898,6 +951,51 @@ TEST_F(RelayTest, APipeIsReadToItsEnd) {
     ASSERT_NO_FATAL_FAILURE(open_pipe(file("film"), {.input = path}));
     ASSERT_TRUE(comes_to(Feed::State::kReady));
     start();
+    wait_for_end();
+    EXPECT_EQ(sent().frames, packets_of(file("film"), AVMEDIA_TYPE_VIDEO));
+    EXPECT_EQ(sent().sounds, packets_of(file("film"), AVMEDIA_TYPE_AUDIO));
+}
+
+// All that has arrived is sent, however long the rest takes.
+TEST_F(RelayTest, APipeThatWaitsHoldsNothingBack) {
+    const std::string path = file("fifo");
+    make_media(kPicture + kTone + "-t 2 " + kVp8 + kOpus + "-f webm", file("film"));
+    const auto packets = test::media_packets_of(file("film"));
+    const auto after_a_second = std::ranges::find_if(packets, [](const auto& packet) {
+        return packet.type == AVMEDIA_TYPE_VIDEO && packet.time > 1;
+    });
+    ASSERT_NE(after_a_second, packets.end());
+    const auto arrived = std::span(packets.begin(), after_a_second);
+    const auto count = [&](AVMediaType type) {
+        return static_cast<std::size_t>(
+            std::ranges::count(arrived, type, &test::MediaPacket::type));
+    };
+    std::ifstream film(file("film"), std::ios::binary);
+    std::string first(static_cast<std::size_t>(after_a_second->position), '\0');
+    film.read(first.data(), std::ssize(first));
+    const std::string rest{std::istreambuf_iterator<char>(film), {}};
+
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const int pipe = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    std::string_view left = first;
+    const auto write_what_fits = [&] {
+        const ssize_t written = write(pipe, left.data(), left.size());
+        left.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
+        return left.empty();
+    };
+    write_what_fits();  // before there is a relay, which waits for ten seconds only
+    open({.input = path});
+    ASSERT_TRUE(eventually(write_what_fits));
+    ASSERT_TRUE(comes_to(Feed::State::kReady));
+    start();
+    EXPECT_TRUE(eventually([&] {
+        const Sent so_far = sent();
+        return so_far.frames.size() == count(AVMEDIA_TYPE_VIDEO) &&
+               so_far.sounds.size() == count(AVMEDIA_TYPE_AUDIO) && link_.idle();
+    }));
+    left = rest;
+    ASSERT_TRUE(eventually(write_what_fits));
+    close(pipe);
     wait_for_end();
     EXPECT_EQ(sent().frames, packets_of(file("film"), AVMEDIA_TYPE_VIDEO));
     EXPECT_EQ(sent().sounds, packets_of(file("film"), AVMEDIA_TYPE_AUDIO));
