@@ -17,6 +17,7 @@ extern "C" {
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -30,6 +31,7 @@ extern "C" {
 
 #include "audio/opus_codec.h"
 #include "net/stream_datagrams.h"
+#include "tests/support/child_process.h"
 #include "tests/support/eventually.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/tools/command.h"
@@ -117,9 +119,30 @@ class RelayTest : public testing::Test {
     void open(RelaySettings settings) {
         settings.stream.video.width = size_.width;
         settings.stream.video.height = size_.height;
-        ASSERT_TRUE(link_.open(0, player_port_));
+        ASSERT_TRUE(link_.listen_port() != 0 || link_.open(0, player_port_));
         relay_.emplace(std::move(settings), link_);
         relay_->open();
+    }
+
+    // Opens an address and waits for the result; opens it again where a busy machine did not get
+    // its server to answer before the relay lost its patience.
+    void open_address(const std::string& address) {
+        open({.input = address});
+        EXPECT_TRUE(eventually([&] {
+            if (!eventually([this] { return relay_->state() != Feed::State::kOpening; })) {
+                return false;
+            }
+            if (relay_->state() == Feed::State::kReady) {
+                return true;
+            }
+            lines_ = relay_->take_lines();
+            if (lines_ != std::vector{"cannot relay " + address + ": nothing came for 10 s"}) {
+                return true;
+            }
+            relay_.emplace(RelaySettings{.input = address}, link_);
+            relay_->open();
+            return false;
+        }));
     }
 
     [[nodiscard]] bool comes_to(Feed::State state) {
@@ -934,6 +957,92 @@ TEST_F(RelayTest, APlaylistInAFileReachesNoAddress) {
                 ElementsAre("cannot relay " + path + ": Invalid data found when processing input"));
     EXPECT_LT(accept(listener, nullptr, nullptr), 0) << "somebody has connected";
     close(listener);
+}
+
+// Debian's, for which it packages GStreamer's bindings.
+constexpr const char* kPython = "/usr/bin/python3";
+
+// A folder's files at http://127.0.0.1.
+class HttpServer {
+  public:
+    explicit HttpServer(const std::string& folder)
+        : process_({kPython, "-u", "-m", "http.server", "0", "--bind", "127.0.0.1", "--directory",
+                    folder}) {
+        // A proxy would not find it.
+        setenv("no_proxy", "127.0.0.1", 1);
+        // "Serving HTTP on 127.0.0.1 port 40123 (http://127.0.0.1:40123/) ..."
+        EXPECT_TRUE(eventually([this] {
+            const std::string& text = process_.out();
+            const std::size_t begin = text.find('(');
+            const std::size_t end = text.find(')');
+            if (end != std::string::npos) {
+                address_ = text.substr(begin + 1, end - begin - 1);
+            }
+            return !address_.empty() || process_.ending();
+        }));
+        EXPECT_THAT(address_, testing::StartsWith("http://")) << process_.err();
+    }
+    // Ends with a slash.
+    [[nodiscard]] const std::string& address() const { return address_; }
+
+  private:
+    test::ChildProcess process_;
+    std::string address_;
+};
+
+TEST_F(RelayTest, AnAddressOfAWebServerIsReadLikeAFile) {
+    make_media(kPicture + kTone + "-t 1 " + kVp8 + kOpus, file("film.webm"));
+    const HttpServer server(folder_.path());
+    ASSERT_NO_FATAL_FAILURE(open_address(server.address() + "film.webm"));
+    ASSERT_EQ(relay_->state(), Feed::State::kReady) << testing::PrintToString(lines_);
+    start();
+    wait_for_end();
+    EXPECT_THAT(relay_->take_lines(), IsEmpty());
+    EXPECT_EQ(sent().frames, packets_of(file("film.webm"), AVMEDIA_TYPE_VIDEO));
+    EXPECT_EQ(sent().sounds, packets_of(file("film.webm"), AVMEDIA_TYPE_AUDIO));
+}
+
+// Two playlists name the same film. Only the one that has its address at the web server is good.
+TEST_F(RelayTest, APlaylistOfAWebServerReachesNoFile) {
+    make_media(kPicture + "-t 1 -c:v mpeg2video", file("film.ts"));
+    const HttpServer server(folder_.path());
+    const auto write_playlist = [this](const std::string& name, const std::string& film) {
+        std::ofstream(file(name)) << "#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXTINF:1,\n"
+                                  << film << "\n#EXT-X-ENDLIST\n";
+    };
+    write_playlist("of_an_address.m3u8", server.address() + "film.ts");
+    write_playlist("of_a_file.m3u8", "file://" + file("film.ts"));
+    ASSERT_NO_FATAL_FAILURE(open_address(server.address() + "of_an_address.m3u8"));
+    EXPECT_EQ(relay_->state(), Feed::State::kReady) << testing::PrintToString(lines_);
+    const std::string address = server.address() + "of_a_file.m3u8";
+    ASSERT_NO_FATAL_FAILURE(open_address(address));
+    EXPECT_EQ(relay_->state(), Feed::State::kFailed);
+    EXPECT_THAT(lines_, ElementsAre("cannot relay " + address +
+                                    ": Invalid data found when processing input"));
+}
+
+// Sound that a busy machine takes too late is left out.
+TEST_F(RelayTest, OfAnRtspServerEveryPictureBitForBit) {
+    const std::string film = file("film.webm");
+    make_media(kPicture + kTone + "-t 2 -g 100 " + kVp8 + kOpus, film);
+    test::ChildProcess server({kPython, VESPER_RTSP_SERVER,
+                               "( filesrc location=" + film +
+                                   " ! matroskademux name=film "
+                                   "film. ! queue ! rtpvp8pay name=pay0 pt=96 "
+                                   "film. ! queue ! rtpopuspay name=pay1 pt=97 )"});
+    ASSERT_TRUE(eventually([&] { return server.out().ends_with("\n") || server.ending(); }));
+    ASSERT_FALSE(server.ending()) << server.err();
+    ASSERT_NO_FATAL_FAILURE(
+        open_address("rtsp://127.0.0.1:" + std::to_string(std::stoi(server.out())) + "/live"));
+    ASSERT_EQ(relay_->state(), Feed::State::kReady) << testing::PrintToString(lines_);
+    start();
+    const auto frames = packets_of(film, AVMEDIA_TYPE_VIDEO);
+    EXPECT_TRUE(eventually([&] { return sent().frames.size() >= frames.size() && link_.idle(); }));
+    relay_->stop();
+    link_.stop();
+    EXPECT_EQ(sent().frames, frames);
+    EXPECT_THAT(sent().sounds, Not(IsEmpty()));
+    EXPECT_THAT(sent().sounds, Each(testing::AnyOfArray(packets_of(film, AVMEDIA_TYPE_AUDIO))));
 }
 
 TEST_F(RelayTest, WhatCannotBeReadTwiceIsNotLooped) {
