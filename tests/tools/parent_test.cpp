@@ -34,6 +34,7 @@ extern "C" {
 #include "tests/support/eventually.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/tools/grey_picture.h"
+#include "tests/tools/ivf_file.h"
 #include "tests/tools/media_file.h"
 #include "tests/tools/stream_receiver.h"
 #include "tools/parent/player_process.h"
@@ -430,6 +431,17 @@ TEST_F(ParentTest, EndsWithItsFile) {
     EXPECT_THAT(parent.err(), IsEmpty());
 }
 
+TEST_F(ParentTest, EndsWithAFileThatIsCutShort) {
+    const std::string file = folder_.file("film.mkv");
+    ASSERT_TRUE(test::write_media_file(file, {.frames = 100, .sound_frames = 200}));
+    std::filesystem::resize_file(file, std::filesystem::file_size(file) / 4);
+    Parent parent({"--player", patient_player(), "--file", file, "--copy", "--no-sound"}, {});
+    EXPECT_EQ(parent.status(), 0);
+    EXPECT_THAT(parent.err(),
+                ElementsAre(ContainsRegex(
+                    "film.mkv: ends after [01]\\.. s of [34]\\.. s: it is cut short$")));
+}
+
 TEST_F(ParentTest, FeedsAPlayerThatRunsAlready) {
     test::StreamReceiver receiver;
     const std::uint16_t listen_port = free_port();
@@ -440,6 +452,22 @@ TEST_F(ParentTest, FeedsAPlayerThatRunsAlready) {
     EXPECT_TRUE(parent.mentions("  1 KFRQ  volume not reported"));
     receiver.send(make_audio_state({.muted = true, .volume = 0.25F}), listen_port);
     EXPECT_TRUE(parent.mentions("  1 KFRQ  volume 25 % muted"));
+    parent.send_signal(SIGTERM);
+    EXPECT_EQ(parent.status(), 128 + SIGTERM);
+}
+
+TEST_F(ParentTest, CountsTheRequestsThatACopiedStreamLeavesUnanswered) {
+    const std::string file = folder_.file("film.mkv");
+    ASSERT_TRUE(test::write_media_file(file, {}));
+    test::StreamReceiver receiver;
+    const std::uint16_t listen_port = free_port();
+    Parent parent({"--to", std::to_string(receiver.port()), "--listen", std::to_string(listen_port),
+                   "--file", file, "--copy", "--loop"});
+    EXPECT_TRUE(test::is_keyframe(receiver.next_frame()));
+    receiver.send(kKeyframeRequest, listen_port);
+    EXPECT_TRUE(parent.mentions("  1 KFRQ (1 unanswered)  "));
+    receiver.send(kKeyframeRequest, listen_port);
+    EXPECT_TRUE(parent.mentions("  2 KFRQ (2 unanswered)  "));
     parent.send_signal(SIGTERM);
     EXPECT_EQ(parent.status(), 128 + SIGTERM);
 }
@@ -505,6 +533,9 @@ TEST_F(ParentTest, BadInputIsOneLineAndStatusTwo) {
     ASSERT_TRUE(write_capture(cut_short, {.width = 320, .height = 240}, 1));
     std::filesystem::resize_file(cut_short, std::filesystem::file_size(cut_short) - 1);
 
+    const std::string no_keyframe = folder_.file("inter.ivf");
+    test::write_ivf(no_keyframe, {{0x11, 0, 0, 0}}, [](std::size_t) { return 0; });
+
     struct Case {
         std::vector<std::string> words;
         std::string line;
@@ -513,6 +544,11 @@ TEST_F(ParentTest, BadInputIsOneLineAndStatusTwo) {
              {{"--file", missing}, "cannot read " + missing + ": No such file or directory"},
              {{"--file", song}, song + " has no video"},
              {{"--file", text}, text + " has no video"},
+             {{"--copy", "--file", missing},
+              "cannot relay " + missing + ": No such file or directory"},
+             {{"--copy", "--file", text}, "cannot relay " + text + ": has neither video nor sound"},
+             {{"--copy", "--file", no_keyframe},
+              "cannot relay " + no_keyframe + ": it ends before its first keyframe"},
              {{"--screen", ":4711"}, "cannot grab the display \":4711\": Input/output error"},
              {{"--player", "/dev/null"},
               "vesper-parent: /dev/null cannot be executed: Permission denied"},

@@ -35,6 +35,7 @@ extern "C" {
 #include "tests/support/eventually.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/tools/command.h"
+#include "tests/tools/ivf_file.h"
 #include "tests/tools/media_packets.h"
 #include "tests/tools/stream_receiver.h"
 #include "tools/stream/free_port.h"
@@ -49,6 +50,7 @@ using std::chrono::seconds;
 using test::eventually;
 using test::make_media;
 using test::packets_of;
+using test::write_ivf;
 using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
@@ -63,33 +65,6 @@ const std::string kTone = "-f lavfi -i sine=frequency=440:sample_rate=48000 ";
 const std::string kTwoTones = "-f lavfi -i aevalsrc=sin(440*2*PI*t)/8|sin(880*2*PI*t)/8:s=48000 ";
 const std::string kVp8 = "-c:v libvpx -b:v 300k -deadline realtime ";
 const std::string kOpus = "-c:a libopus ";
-
-// Writes VP8 frames of 320x240 to an IVF file, each stamped with its milliseconds: timestamps that
-// no muxer writes, and beginnings that no encoder makes.
-void write_ivf(const std::string& path, const std::vector<Bytes>& frames,
-               const std::function<std::uint64_t(std::size_t)>& timestamp) {
-    std::ofstream file(path, std::ios::binary);
-    const auto write = [&file](std::uint64_t value, int bytes) {
-        for (int i = 0; i < bytes; ++i) {
-            file.put(static_cast<char>(value >> (8 * i) & 0xFF));
-        }
-    };
-    file << "DKIF";
-    write(0, 2);   // version
-    write(32, 2);  // bytes of this header
-    file << "VP80";
-    write(320, 2);
-    write(240, 2);
-    write(1000, 4);  // timestamps to a second
-    write(1, 4);
-    write(frames.size(), 8);
-    for (std::size_t i = 0; i < frames.size(); ++i) {
-        write(frames[i].size(), 4);
-        write(timestamp(i), 8);
-        file.write(reinterpret_cast<const char*>(frames[i].data()),
-                   static_cast<std::streamsize>(frames[i].size()));
-    }
-}
 
 // 30 frames, of which the first is a keyframe.
 std::vector<Bytes> some_frames() {
