@@ -977,6 +977,20 @@ TEST_F(RelayTest, AnAddressOfAWebServerIsReadLikeAFile) {
     EXPECT_EQ(sent().sounds, packets_of(file("film.webm"), AVMEDIA_TYPE_AUDIO));
 }
 
+// One that is a file itself may name other files.
+TEST_F(RelayTest, APlaylistInAPipeReachesNoFile) {
+    make_media(kPicture + "-t 1 -c:v mpeg2video", file("film.ts"));
+    std::ofstream(file("list")) << "#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXTINF:1,\nfile://"
+                                << file("film.ts") << "\n#EXT-X-ENDLIST\n";
+    open({.input = file("list")});
+    EXPECT_TRUE(comes_to(Feed::State::kReady)) << testing::PrintToString(relay_->take_lines());
+    const std::string path = file("fifo");
+    ASSERT_NO_FATAL_FAILURE(open_pipe(file("list"), {.input = path}));
+    EXPECT_TRUE(comes_to(Feed::State::kFailed));
+    EXPECT_THAT(relay_->take_lines(),
+                ElementsAre("cannot relay " + path + ": Invalid data found when processing input"));
+}
+
 // Two playlists name the same film. Only the one that has its address at the web server is good.
 TEST_F(RelayTest, APlaylistOfAWebServerReachesNoFile) {
     make_media(kPicture + "-t 1 -c:v mpeg2video", file("film.ts"));
