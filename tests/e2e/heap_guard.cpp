@@ -60,12 +60,20 @@ unsigned char* reserve(std::size_t bytes, int protection) {
     return begin == MAP_FAILED ? nullptr : static_cast<unsigned char*>(begin);
 }
 
+[[noreturn]] void die(const char* message) {
+    static_cast<void>(!write(STDERR_FILENO, message, std::strlen(message)));
+    std::abort();
+}
+
 Arena& arena() {
     // Before any constructor has run: the first block may be asked for by the loader.
     static Arena arena = {.begin = reserve(kArena, PROT_NONE),
                           .sizes = reinterpret_cast<std::size_t*>(reserve(
                               kArena / kPage * sizeof(std::size_t), PROT_READ | PROT_WRITE)),
-                          .used = 0};
+                          .used = kPage};  // the first page guards what lies before it
+    if (arena.begin == nullptr || arena.sizes == nullptr) {
+        die("heap guard: no address space\n");
+    }
     return arena;
 }
 
@@ -82,11 +90,6 @@ std::size_t& size_of(const void* block) {
     return arena()
         .sizes[static_cast<std::size_t>(static_cast<const unsigned char*>(block) - arena().begin) /
                kPage];
-}
-
-[[noreturn]] void die(const char* message) {
-    static_cast<void>(!write(STDERR_FILENO, message, std::strlen(message)));
-    std::abort();
 }
 
 // Zeros; null where there is no memory, or too many blocks for the kernel. `alignment` is a power
@@ -142,9 +145,10 @@ void release(void* block) {
     }
     size_of(block) = 0;
     const auto bytes = static_cast<std::size_t>(end - first_page);
-    // Gives the memory back; the address stays taken.
-    madvise(first_page, bytes, MADV_DONTNEED);
-    if (mprotect(first_page, bytes, PROT_NONE) != 0) {
+    // Gives the memory back; the address stays taken. The new mapping has never been written to, or
+    // a core dump would contain the arena as far as it is joined to such pages.
+    if (mmap(first_page, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED,
+             -1, 0) == MAP_FAILED) {
         die("heap guard: a freed block that cannot be guarded\n");
     }
 }

@@ -1,6 +1,7 @@
 // Uses the heap in the way that its one argument names, right or wrong, and ends with status 0 if
 // nothing stops it. For the test of the heap guard.
 #include <malloc.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -129,6 +130,7 @@ int main(int argc, char** argv) {
     if (argc != 2) {
         return 1;
     }
+    prctl(PR_SET_DUMPABLE, 0);  // it is to crash, and its address space is large
     kWays.at(argv[1])();
     return 0;
 }

@@ -521,6 +521,23 @@ TEST_F(RelayOfTwoSizes, KeepsThePlayerWithNoRestart) {
     EXPECT_THAT(parent.process().out(), Not(HasSubstr("480x360")));
 }
 
+// A player scales by the size of its first picture.
+TEST_F(RelayOfTwoSizes, StartsAnotherPlayerOfTheSizeThatWasAskedFor) {
+    const auto pictures = pictures_of(file("large.mkv"));
+    RelayingParent parent({"--file", pipe, "--copy", "--size", "480x360"}, sound_);
+    ASSERT_NO_FATAL_FAILURE(write_rest(parent));
+    ASSERT_NO_FATAL_FAILURE(parent.find_window());
+    EXPECT_EQ(parent.window().size(), (Extent{.width = 480, .height = 360}));
+    ASSERT_NO_FATAL_FAILURE(write_large(parent));
+    ASSERT_TRUE(
+        parent.prints("pictures of 480x360 follow those of 320x240: another player is "
+                      "started"));
+    ASSERT_NO_FATAL_FAILURE(parent.find_window());
+    EXPECT_EQ(parent.window().size(), (Extent{.width = 480, .height = 360}));
+    EXPECT_TRUE(
+        eventually([&] { return pictures.contains(pixels_of(parent.window().screenshot())); }));
+}
+
 struct LiveRelay : Relay {
     LiveRelay() {
         std::ofstream(sdp) << "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=live\nc=IN IP4 127.0.0.1\nt=0 0\n"
@@ -725,9 +742,10 @@ TEST_F(Relay, OfStandardInputIsSentBitForBit) {
     };
     write_what_fits();
     const StreamReceiver player;  // takes nothing, but is there
-    ChildProcess parent({"sh", "-c", "exec \"$0\" \"$@\" < " + pipe, VESPER_PARENT, "--to",
-                         std::to_string(player.port()), "--file", "-", "--copy", "--capture",
-                         file("capture")});
+    ChildProcess parent(
+        {"sh", "-c", "exec \"$0\" \"$@\" < '" + pipe + "'", VESPER_PARENT, "--to",
+         std::to_string(player.port()), "--file", "-", "--copy", "--capture", file("capture")},
+        program_environment());
     // Once it is closed, the pipe has only the parent to keep what is in it.
     EXPECT_TRUE(eventually([&] {
         write_what_fits();

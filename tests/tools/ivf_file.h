@@ -1,4 +1,4 @@
-// IVF files with frames and timestamps that no encoder and no muxer would write.
+// IVF files with content that no program would write.
 #pragma once
 
 #include <cstddef>
