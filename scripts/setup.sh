@@ -52,9 +52,9 @@ build() {
     cmake --build --preset "$1"
 }
 
-# Most tests wait for something most of the time: two for each processor.
+# Most tests wait for something most of the time: three for each processor.
 run_tests() {
-    ctest --preset "$1" --parallel "$((2 * $(nproc)))" "${@:2}"
+    ctest --preset "$1" --parallel "$((3 * $(nproc)))" "${@:2}"
 }
 
 start_virtual_display() {
