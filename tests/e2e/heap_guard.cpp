@@ -145,8 +145,8 @@ void release(void* block) {
     }
     size_of(block) = 0;
     const auto bytes = static_cast<std::size_t>(end - first_page);
-    // Gives the memory back; the address stays taken. The new mapping has never been written to, or
-    // a core dump would contain the arena as far as it is joined to such pages.
+    // Gives the memory back; the address stays taken. The mapping is a new one: a private one
+    // that was written to is part of a core dump (core(5)).
     if (mmap(first_page, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED,
              -1, 0) == MAP_FAILED) {
         die("heap guard: a freed block that cannot be guarded\n");

@@ -10,6 +10,7 @@ extern "C" {
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vesper::test {
@@ -21,7 +22,6 @@ struct MediaPacket {
     double time = 0;  // seconds, as the file has it
     PacketBytes bytes;
     std::int64_t position = 0;  // bytes from the beginning of the file
-    bool keyframe = false;
 };
 
 // The packets of a file as libavformat reads them, but for those that are cut short.
@@ -36,8 +36,7 @@ struct MediaPacket {
             packets.push_back({.type = stream->codecpar->codec_type,
                                .time = static_cast<double>(packet->pts) * av_q2d(stream->time_base),
                                .bytes = {packet->data, packet->data + packet->size},
-                               .position = packet->pos,
-                               .keyframe = (packet->flags & AV_PKT_FLAG_KEY) != 0});
+                               .position = packet->pos});
         }
         av_packet_unref(packet);
     }
